@@ -1,0 +1,32 @@
+#include <csignal>
+#include <iostream>
+
+#include "app/command_line.h"
+#include "app/relay_service.h"
+
+namespace {
+
+// Only stops the loop; main then returns normally with status 0.
+void onInterrupt(int) {
+  if (quorvel::ferrule::RelayService* service = quorvel::ferrule::RelayService::instance.get()) {
+    service->reactor().stop();
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace quorvel::ferrule;
+  std::signal(SIGINT, onInterrupt);
+
+  CommandLine options;
+  const int status = parseCommandLine(argc, argv, options, std::cout, std::cerr);
+  if (status != ContinueRunning) return status;
+  applyLogSpecs(options.logSpecs, std::cout);
+
+  auto service = std::make_shared<RelayService>(options.registrationFile, options.targetHost, options.relayUrlBase,
+                                                options.stunServer);
+  RelayService::instance = service;
+  service->run();
+  return 0;
+}

@@ -1,0 +1,82 @@
+#include "core/asio_reactor.h"
+
+#include <chrono>
+#include <exception>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/system_timer.hpp>
+
+#include "core/log.h"
+
+namespace quorvel {
+namespace {
+
+const log::Log Log("asioreactor");
+
+// Far enough out to mean "not in this process's life", yet small enough that
+// the timer library's nanosecond clocks do not overflow.
+constexpr int64_t FarFutureUs = int64_t{1} << 52;  // about 140 years
+
+// Runs the task only while its owner's token is alive.
+struct GuardedTask {
+  WeakLifetimeToken token;
+  Delegate<void()> task;
+
+  void operator()() const {
+    if (auto alive = token.lock()) task();
+  }
+};
+
+}  // namespace
+
+AsioReactor::AsioReactor(std::shared_ptr<TimeProvider> timeProvider)
+    : work_(boost::asio::make_work_guard(io_)), timeProvider_(std::move(timeProvider)) {}
+
+AsioReactor::~AsioReactor() = default;
+
+void AsioReactor::post(const LifetimeToken& token, const Delegate<void()>& task) {
+  boost::asio::post(io_, GuardedTask{token, task});
+}
+
+void AsioReactor::scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) {
+  if (when == MaxTime) return;  // never due
+  auto timer = std::make_shared<boost::asio::system_timer>(io_);
+  const int64_t us = when.count() > static_cast<uint64_t>(FarFutureUs) ? FarFutureUs : static_cast<int64_t>(when.count());
+  timer->expires_at(std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::microseconds(us))));
+  timer->async_wait([timer, guarded = GuardedTask{token, task}](const boost::system::error_code& error) {
+    if (!error) guarded();
+  });
+}
+
+void AsioReactor::scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) {
+  if (delay == MaxDuration) return;
+  auto timer = std::make_shared<boost::asio::steady_timer>(io_);
+  timer->expires_after(std::chrono::microseconds(delay.count() > FarFutureUs ? FarFutureUs : delay.count()));
+  timer->async_wait([timer, guarded = GuardedTask{token, task}](const boost::system::error_code& error) {
+    if (!error) guarded();
+  });
+}
+
+void AsioReactor::setExceptionHandler(const Delegate<void()>& handler) { exceptionHandler_ = handler; }
+
+bool AsioReactor::isLoopThread() const { return loopThread_.load() == std::this_thread::get_id(); }
+
+void AsioReactor::run() {
+  loopThread_ = std::this_thread::get_id();
+  for (;;) {
+    try {
+      io_.run();
+      break;
+    } catch (const std::exception& e) {
+      QLOG(Log, log::Error, "Unhandled exception thrown by scheduled task: %s", e.what());
+      if (exceptionHandler_) exceptionHandler_();
+    }
+  }
+  loopThread_ = std::thread::id();
+}
+
+void AsioReactor::stop() { io_.stop(); }
+
+}  // namespace quorvel

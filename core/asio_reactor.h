@@ -1,0 +1,50 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+
+#include "core/reactor.h"
+
+namespace quorvel {
+
+class AsioReactor : public Reactor {
+ public:
+  explicit AsioReactor(std::shared_ptr<TimeProvider> timeProvider = std::make_shared<SystemTimeProvider>());
+  ~AsioReactor() override;
+
+  void post(const LifetimeToken& token, const Delegate<void()>& task) override;
+  void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) override;
+  void scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) override;
+  void setExceptionHandler(const Delegate<void()>& handler) override;
+  std::shared_ptr<TimeProvider> timeProvider() override { return timeProvider_; }
+  void lock() override { mutex_.lock(); }
+  void unlock() override { mutex_.unlock(); }
+  bool isLoopThread() const override;
+
+  // Runs the loop on the calling thread until stop(); a task that throws is
+  // logged and the loop goes on.
+  void run();
+  // Safe from any thread and from the SIGINT handler. Tasks still queued are
+  // dropped.
+  void stop();
+
+  // For the socket implementations that live on this loop.
+  boost::asio::io_context& ioContext() { return io_; }
+
+ private:
+  boost::asio::io_context io_;
+  // Keeps run() waiting while only other threads (the resolver, the SCTP
+  // stack) have work that will come back through post().
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
+  std::shared_ptr<TimeProvider> timeProvider_;
+  Delegate<void()> exceptionHandler_;
+  std::mutex mutex_;
+  std::atomic<std::thread::id> loopThread_{};
+};
+
+}  // namespace quorvel

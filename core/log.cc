@@ -1,0 +1,84 @@
+#include "core/log.h"
+
+#include <map>
+#include <mutex>
+
+#include "core/time_provider.h"
+
+namespace quorvel {
+namespace log {
+namespace {
+
+// The root and the name registry come into being on first use, which may be
+// during static initialisation of another unit's log handle.
+struct Registry {
+  std::shared_ptr<LogNode> root = std::make_shared<LogNode>();
+  std::map<std::string, std::shared_ptr<LogNode>> nodes;
+  std::mutex mutex;  // handles are built from several units' static initialisers
+
+  Registry() { root->threshold = Notice; }
+
+  std::shared_ptr<LogNode> node(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto& node = nodes[name];
+    if (!node) {
+      node = std::make_shared<LogNode>();
+      node->parent = root;
+    }
+    return node;
+  }
+};
+
+Registry& registry() {
+  static Registry instance;
+  return instance;
+}
+
+}  // namespace
+
+Log::Log(const std::string& name) : Log(name, 0) {}
+
+Log::Log(const std::string& name, int id) : name_(name), node_(registry().node(name)), id_(id) {}
+
+bool Log::isEnabled(int level) const {
+  for (const LogNode* node = node_.get(); node; node = node->parent.get()) {
+    if (node->threshold != 0) return node->threshold >= level;
+  }
+  return false;
+}
+
+void Log::write(int level, const std::string& message) const {
+  const Time now = SystemTimeProvider::instance().now();
+  for (const LogNode* node = node_.get(); node; node = node->parent.get()) {
+    for (const auto& writer : node->writers) {
+      try {
+        writer->write(now, *this, level, id_, message);
+      } catch (...) {
+        // A broken writer must not stop the others or reach the caller.
+      }
+    }
+  }
+}
+
+void setGlobalLevel(int level) { registry().root->threshold = level; }
+
+void setLevel(const std::string& name, int level) { registry().node(name)->threshold = level; }
+
+void addWriter(std::shared_ptr<LogWriter> writer) { registry().root->writers.push_back(std::move(writer)); }
+
+std::string levelName(int level) {
+  static const char* const names[] = {"FATAL", "ERROR", "WARNING", "NOTICE", "INFO", "DEBUG", "SPAM"};
+  if (level >= Fatal && level <= Spam) return names[level - 1];
+  return "[" + std::to_string(level) + "]";
+}
+
+std::optional<boost::format> parseFormat(const char* text) {
+  try {
+    return boost::format(text);
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace log
+}  // namespace quorvel

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+
+#include "core/delegate.h"
+#include "core/lifetime.h"
+#include "core/time.h"
+#include "core/time_provider.h"
+
+namespace quorvel {
+
+// The program's one event loop. Every call takes the caller's lifetime token;
+// work whose token has expired by the time it comes due is not run.
+class Reactor {
+ public:
+  virtual ~Reactor() = default;
+
+  // May be called from any thread.
+  virtual void post(const LifetimeToken& token, const Delegate<void()>& task) = 0;
+  // MaxTime means "never".
+  virtual void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) = 0;
+  virtual void scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) = 0;
+  // Called after an exception that escaped a task has been logged.
+  virtual void setExceptionHandler(const Delegate<void()>& handler) = 0;
+  virtual std::shared_ptr<TimeProvider> timeProvider() = 0;
+  // Guards state that other threads share with the loop.
+  virtual void lock() = 0;
+  virtual void unlock() = 0;
+  // True on the thread that is running the loop, for checks of thread
+  // confinement in code that other threads may reach.
+  virtual bool isLoopThread() const = 0;
+};
+
+}  // namespace quorvel
