@@ -75,6 +75,8 @@ void AsioReactor::run() {
     }
   }
   loopThread_ = std::thread::id();
+  // Ready for another run(); a stop() that comes before it still ends it.
+  io_.restart();
 }
 
 void AsioReactor::stop() { io_.stop(); }
