@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iosfwd>
 #include <string>
 
 namespace quorvel {
@@ -49,6 +50,8 @@ class StringSection {
 
 inline bool operator==(StringSection a, StringSection b) { return a.equals(b); }
 inline bool operator!=(StringSection a, StringSection b) { return !a.equals(b); }
+// For log lines.
+std::ostream& operator<<(std::ostream& out, StringSection text);
 
 // Blank, tab, CR, LF, VT, FF: the characters trimmed from header names and
 // values. Locale-independent on purpose.
