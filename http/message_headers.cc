@@ -61,18 +61,7 @@ MessageHeaders::MessageHeaders(const MessageHeaders& other)
   }
 }
 
-MessageHeaders::MessageHeaders(MessageHeaders&& other) noexcept
-    : buffer_(std::move(other.buffer_)),
-      length_(other.length_),
-      capacity_(other.capacity_),
-      method_(other.method_),
-      target_(other.target_),
-      version_(other.version_),
-      reason_(other.reason_),
-      statusCode_(other.statusCode_),
-      fieldsStart_(other.fieldsStart_) {
-  other.reset();
-}
+MessageHeaders::MessageHeaders(MessageHeaders&& other) noexcept { *this = std::move(other); }
 
 MessageHeaders& MessageHeaders::operator=(const MessageHeaders& other) {
   if (this != &other) *this = MessageHeaders(other);
