@@ -19,15 +19,9 @@ struct Consumer {
   std::shared_ptr<Sink> sink;
   std::vector<std::string> taken;
   int readyCalls = 0;
-  int depth = 0;
-  int maxDepth = 0;
 
   explicit Consumer(std::size_t capacity = 1) : sink(std::make_shared<Sink>(capacity)) {
-    sink->setReadyHandler([this] {
-      ++readyCalls;
-      maxDepth = std::max(maxDepth, ++depth);
-      --depth;
-    });
+    sink->setReadyHandler([this] { ++readyCalls; });
   }
   void drain() {
     while (sink->hasItem()) taken.push_back(sink->take());
