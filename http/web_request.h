@@ -43,6 +43,8 @@ class WebRequest {
   // A response whose headers already hold the status line.
   virtual std::shared_ptr<WebResponse> createResponse(uint32_t statusCode, StringSection reason) = 0;
 
+  // For a status table entry (implementations that override the virtual
+  // bring this one back with `using WebRequest::createResponse;`).
   std::shared_ptr<WebResponse> createResponse(const HttpStatus& status) {
     return createResponse(status.code, status.reason);
   }

@@ -34,6 +34,7 @@ class FakeRequest : public WebRequest, public std::enable_shared_from_this<FakeR
   bool isBodyComplete() const override { return true; }
   bool isActive() const override { return true; }
   std::weak_ptr<WebRequest> weakRef() override { return shared_from_this(); }
+  using WebRequest::createResponse;
   std::shared_ptr<WebResponse> createResponse(uint32_t code, StringSection reason) override {
     response = std::make_shared<FakeResponse>(MessageHeaders::response(code, reason, HttpVersion::V11));
     return response;
