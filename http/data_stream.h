@@ -1,0 +1,236 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <utility>
+
+#include "core/delegate.h"
+#include "core/errors.h"
+
+namespace quorvel {
+
+template <typename T>
+class DataSourceImpl;
+
+// A piece of a stream or its end, for consumers that take pieces as they come.
+// `end` is true exactly once, on the last call; `item` is then empty.
+template <typename T>
+using DataHandler = Delegate<void(const T& item, bool end)>;
+
+// The receiving end of a stream: a queue that its consumer drains at its own
+// pace. The consumer owns it through a shared pointer and hands out weak
+// handles; a source connected to it is held back (blocked) while the queue
+// holds `capacity` items or more, so a slow consumer slows the producer down
+// instead of filling memory.
+//
+// Re-entrancy: the ready handler is never called from inside itself or from
+// inside take(). Items that arrive meanwhile are only queued, so a consumer
+// checks hasItem()/isEnded() again whenever it becomes ready for more.
+template <typename T>
+class DataSinkImpl {
+ public:
+  explicit DataSinkImpl(std::size_t capacity = 1) : capacity_(capacity ? capacity : 1) {}
+  DataSinkImpl(const DataSinkImpl&) = delete;
+  DataSinkImpl& operator=(const DataSinkImpl&) = delete;
+
+  // ---- consumer side
+  // Called when an item or the end arrives.
+  void setReadyHandler(const Delegate<void()>& handler) { ready_ = handler; }
+  bool hasItem() const { return !items_.empty(); }
+  std::size_t size() const { return items_.size(); }
+  // The oldest item; the queue must not be empty. Taking makes room, which
+  // lets a blocked source go on (its unblocked handler runs in here).
+  T take();
+  // The end has arrived and every item has been taken.
+  bool isEnded() const { return endArrived_ && items_.empty(); }
+  bool endArrived() const { return endArrived_; }
+
+  // ---- producer side (a connected DataSourceImpl, or an owner feeding it
+  // directly)
+  void put(const T& item) {
+    items_.push_back(item);
+    notify();
+  }
+  void end() {
+    if (endArrived_) return;
+    endArrived_ = true;
+    notify();
+  }
+  bool isFull() const { return items_.size() >= capacity_; }
+
+ private:
+  friend class DataSourceImpl<T>;
+  struct SourceLink;
+
+  void notify();
+
+  std::deque<T> items_;
+  const std::size_t capacity_;
+  bool endArrived_ = false;
+  Delegate<void()> ready_;
+  bool notifying_ = false;
+  bool again_ = false;
+  bool inTake_ = false;
+  std::weak_ptr<SourceLink> source_;
+};
+
+// The sending end of a stream. Its producer owns it, puts items in and ends
+// it; the consumer connects it to a sink. Items put before the connection
+// wait in the source (which then counts as blocked) and go over when it is
+// made; so does an end signalled before.
+template <typename T>
+class DataSourceImpl {
+ public:
+  DataSourceImpl() : link_(std::make_shared<typename DataSinkImpl<T>::SourceLink>()) {}
+  DataSourceImpl(const DataSourceImpl&) = delete;
+  DataSourceImpl& operator=(const DataSourceImpl&) = delete;
+
+  // Throws BadCallError "Can't connect expired handle" when the sink is gone.
+  // A source connects once; a second connect moves it to the new sink.
+  void connect(const std::weak_ptr<DataSinkImpl<T>>& handle);
+  bool isConnected() const { return connected_; }
+
+  // Runs when a blocked source may put again (inside the consumer's take() or
+  // connect()); it should resume production, e.g. start the next read.
+  void setUnblockedHandler(const Delegate<void()>& handler) { link_->unblocked = handler; }
+
+  // Always accepts the item. Returns false when the consumer cannot take
+  // more: the producer should pause until the unblocked handler runs. Items
+  // for a consumer that has gone are dropped.
+  bool put(const T& item);
+  void end();
+  bool isEnded() const { return ended_; }
+  bool isBlocked() const;
+
+ private:
+  std::shared_ptr<typename DataSinkImpl<T>::SourceLink> link_;
+  std::weak_ptr<DataSinkImpl<T>> sink_;
+  std::deque<T> pending_;
+  bool connected_ = false;
+  bool ended_ = false;
+};
+
+// A data handler that feeds a sink, for producers that deliver through a
+// handler (e.g. a request's body data handler). Throws BadCallError "Can't
+// connect expired handle" when the sink is already gone; pieces that arrive
+// after it has gone are dropped.
+template <typename T>
+DataHandler<T> feedSink(const std::weak_ptr<DataSinkImpl<T>>& handle);
+
+// ---- implementation
+
+template <typename T>
+struct DataSinkImpl<T>::SourceLink {
+  Delegate<void()> unblocked;
+  bool waiting = false;  // the producer was told to pause
+};
+
+template <typename T>
+void DataSinkImpl<T>::notify() {
+  if (notifying_) {
+    again_ = true;
+    return;
+  }
+  if (inTake_ || !ready_) return;
+  notifying_ = true;
+  struct Reset {
+    bool& flag;
+    ~Reset() { flag = false; }
+  } reset{notifying_};
+  do {
+    again_ = false;
+    Delegate<void()> handler = ready_;
+    handler();
+  } while (again_);
+}
+
+template <typename T>
+T DataSinkImpl<T>::take() {
+  T item = std::move(items_.front());
+  items_.pop_front();
+  if (!isFull()) {
+    std::shared_ptr<SourceLink> link = source_.lock();
+    if (link && link->waiting) {
+      link->waiting = false;
+      if (link->unblocked) {
+        inTake_ = true;
+        struct Reset {
+          bool& flag;
+          ~Reset() { flag = false; }
+        } reset{inTake_};
+        Delegate<void()> handler = link->unblocked;
+        handler();
+      }
+    }
+  }
+  return item;
+}
+
+template <typename T>
+void DataSourceImpl<T>::connect(const std::weak_ptr<DataSinkImpl<T>>& handle) {
+  std::shared_ptr<DataSinkImpl<T>> sink = handle.lock();
+  if (!sink) throw BadCallError("Can't connect expired handle");
+  sink_ = handle;
+  connected_ = true;
+  sink->source_ = link_;
+  while (!pending_.empty()) {
+    T item = std::move(pending_.front());
+    pending_.pop_front();
+    sink->put(item);
+  }
+  if (ended_) sink->end();
+  if (link_->waiting && !sink->isFull()) {
+    link_->waiting = false;
+    Delegate<void()> handler = link_->unblocked;
+    if (handler) handler();
+  }
+}
+
+template <typename T>
+bool DataSourceImpl<T>::put(const T& item) {
+  if (!connected_) {
+    pending_.push_back(item);
+    link_->waiting = true;
+    return false;
+  }
+  // Held for the call: the consumer may drop its own reference in its handler.
+  std::shared_ptr<DataSinkImpl<T>> sink = sink_.lock();
+  if (!sink) return true;
+  sink->put(item);
+  if (sink->isFull()) {
+    link_->waiting = true;
+    return false;
+  }
+  return true;
+}
+
+template <typename T>
+void DataSourceImpl<T>::end() {
+  if (ended_) return;
+  ended_ = true;
+  if (std::shared_ptr<DataSinkImpl<T>> sink = sink_.lock()) sink->end();
+}
+
+template <typename T>
+bool DataSourceImpl<T>::isBlocked() const {
+  if (!connected_) return !pending_.empty();
+  std::shared_ptr<DataSinkImpl<T>> sink = sink_.lock();
+  return sink && sink->isFull();
+}
+
+template <typename T>
+DataHandler<T> feedSink(const std::weak_ptr<DataSinkImpl<T>>& handle) {
+  if (handle.expired()) throw BadCallError("Can't connect expired handle");
+  return [handle](const T& item, bool end) {
+    std::shared_ptr<DataSinkImpl<T>> sink = handle.lock();
+    if (!sink) return;
+    if (end) {
+      sink->end();
+    } else {
+      sink->put(item);
+    }
+  };
+}
+
+}  // namespace quorvel

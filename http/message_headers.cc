@@ -1,0 +1,312 @@
+#include "http/message_headers.h"
+
+#include <cstring>
+#include <stdexcept>
+
+namespace quorvel {
+namespace {
+
+constexpr char CRLF[] = "\r\n";
+
+std::size_t decimalDigits(uint32_t value) {
+  std::size_t digits = 1;
+  while (value >= 10) {
+    value /= 10;
+    ++digits;
+  }
+  return digits;
+}
+
+char* put(char* out, StringSection text) {
+  if (!text.empty()) std::memcpy(out, text.data(), text.size());
+  return out + text.size();
+}
+
+char* putDecimal(char* out, uint32_t value, std::size_t digits) {
+  for (std::size_t i = digits; i > 0; --i) {
+    out[i - 1] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  }
+  return out + digits;
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+}  // namespace
+
+const char* findLineEnd(const char* begin, const char* end) {
+  while (begin < end) {
+    const char* cr = static_cast<const char*>(std::memchr(begin, '\r', static_cast<std::size_t>(end - begin)));
+    if (!cr || cr + 1 >= end) return nullptr;
+    if (cr[1] == '\n') return cr;
+    begin = cr + 1;
+  }
+  return nullptr;
+}
+
+// ---- construction and copies
+
+MessageHeaders::MessageHeaders(const MessageHeaders& other)
+    : length_(other.length_),
+      capacity_(other.capacity_),
+      method_(other.method_),
+      target_(other.target_),
+      version_(other.version_),
+      reason_(other.reason_),
+      statusCode_(other.statusCode_),
+      fieldsStart_(other.fieldsStart_) {
+  if (other.buffer_) {
+    buffer_.reset(new char[capacity_]);
+    std::memcpy(buffer_.get(), other.buffer_.get(), length_ + HttpLineEnd::Length);
+  }
+}
+
+MessageHeaders::MessageHeaders(MessageHeaders&& other) noexcept { *this = std::move(other); }
+
+MessageHeaders& MessageHeaders::operator=(const MessageHeaders& other) {
+  if (this != &other) *this = MessageHeaders(other);
+  return *this;
+}
+
+MessageHeaders& MessageHeaders::operator=(MessageHeaders&& other) noexcept {
+  if (this != &other) {
+    buffer_ = std::move(other.buffer_);
+    length_ = other.length_;
+    capacity_ = other.capacity_;
+    method_ = other.method_;
+    target_ = other.target_;
+    version_ = other.version_;
+    reason_ = other.reason_;
+    statusCode_ = other.statusCode_;
+    fieldsStart_ = other.fieldsStart_;
+    other.reset();
+  }
+  return *this;
+}
+
+void MessageHeaders::reset() {
+  buffer_.reset();
+  length_ = capacity_ = 0;
+  method_ = target_ = version_ = reason_ = View();
+  statusCode_ = 0;
+  fieldsStart_ = 0;
+}
+
+void MessageHeaders::allocateStartLine(std::size_t lineLength) {
+  // A start line that fills the block to its last byte or two still needs
+  // room for the final empty line: that takes one more block.
+  capacity_ = lineLength + HttpLineEnd::Length <= BlockSize ? BlockSize : 2 * BlockSize;
+  buffer_.reset(new char[capacity_]);
+}
+
+void MessageHeaders::finishStartLine(std::size_t lineLength) {
+  char* out = buffer_.get() + lineLength - HttpLineEnd::Length;
+  std::memcpy(out, CRLF, 2);
+  std::memcpy(out + 2, CRLF, 2);
+  length_ = lineLength;
+  fieldsStart_ = static_cast<uint32_t>(lineLength);
+}
+
+MessageHeaders MessageHeaders::response(uint32_t code, StringSection reason, StringSection version) {
+  MessageHeaders headers;
+  const std::size_t digits = decimalDigits(code);
+  const std::size_t lineLength = version.size() + digits + reason.size() + 4;
+  if (lineLength > BlockSize) return headers;
+  headers.allocateStartLine(lineLength);
+  char* start = headers.buffer_.get();
+  char* out = put(start, version);
+  headers.version_ = View{0, static_cast<uint32_t>(out - start)};
+  *out++ = ' ';
+  out = putDecimal(out, code, digits);
+  *out++ = ' ';
+  const uint32_t reasonBegin = static_cast<uint32_t>(out - start);
+  out = put(out, reason);
+  headers.reason_ = View{reasonBegin, static_cast<uint32_t>(out - start)};
+  headers.statusCode_ = code;
+  headers.finishStartLine(lineLength);
+  return headers;
+}
+
+MessageHeaders MessageHeaders::request(StringSection method, StringSection target, StringSection version) {
+  MessageHeaders headers;
+  const std::size_t lineLength = method.size() + target.size() + version.size() + 4;
+  if (lineLength > BlockSize) return headers;
+  headers.allocateStartLine(lineLength);
+  char* start = headers.buffer_.get();
+  char* out = put(start, method);
+  headers.method_ = View{0, static_cast<uint32_t>(out - start)};
+  *out++ = ' ';
+  uint32_t begin = static_cast<uint32_t>(out - start);
+  out = put(out, target);
+  headers.target_ = View{begin, static_cast<uint32_t>(out - start)};
+  *out++ = ' ';
+  begin = static_cast<uint32_t>(out - start);
+  out = put(out, version);
+  headers.version_ = View{begin, static_cast<uint32_t>(out - start)};
+  headers.finishStartLine(lineLength);
+  return headers;
+}
+
+// ---- parsing
+
+MessageHeaders MessageHeaders::parse(Kind kind, const char* data, std::size_t size) {
+  return parseGathered(kind, size, [data, size](char* out) {
+    if (size) std::memcpy(out, data, size);
+  });
+}
+
+void MessageHeaders::parseInPlace(Kind kind, std::size_t size) {
+  const char* const start = buffer_.get();
+  const char* const end = start + size;
+  auto offset = [start](const char* p) { return static_cast<uint32_t>(p - start); };
+
+  // Start line: three non-empty parts split at the first two blanks.
+  const char* lineEnd = findLineEnd(start, end);
+  if (!lineEnd) return reset();
+  const char* blank1 = static_cast<const char*>(std::memchr(start, ' ', static_cast<std::size_t>(lineEnd - start)));
+  if (!blank1 || blank1 == start) return reset();
+  const char* second = blank1 + 1;
+  const char* blank2 =
+      static_cast<const char*>(std::memchr(second, ' ', static_cast<std::size_t>(lineEnd - second)));
+  if (!blank2 || blank2 == second || blank2 + 1 == lineEnd) return reset();
+  const char* third = blank2 + 1;
+  if (kind == Kind::Request) {
+    if (std::memchr(third, ' ', static_cast<std::size_t>(lineEnd - third))) return reset();
+    method_ = View{0, offset(blank1)};
+    target_ = View{offset(second), offset(blank2)};
+    version_ = View{offset(third), offset(lineEnd)};
+    statusCode_ = 0;
+  } else {
+    if (blank2 - second != 3 || !isDigit(second[0]) || !isDigit(second[1]) || !isDigit(second[2])) return reset();
+    version_ = View{0, offset(blank1)};
+    statusCode_ = static_cast<uint32_t>((second[0] - '0') * 100 + (second[1] - '0') * 10 + (second[2] - '0'));
+    reason_ = View{offset(third), offset(lineEnd)};
+  }
+
+  const char* line = lineEnd + HttpLineEnd::Length;
+  fieldsStart_ = offset(line);
+  bool first = true;
+  while (line < end) {
+    lineEnd = findLineEnd(line, end);
+    if (!lineEnd) return reset();
+    if (lineEnd == line) {
+      // The empty line that ends a head: only as the very last line.
+      if (lineEnd + HttpLineEnd::Length != end) return reset();
+      break;
+    }
+    if (!std::memchr(line, ':', static_cast<std::size_t>(lineEnd - line)) && (first || !isWhiteSpace(*line))) {
+      return reset();
+    }
+    first = false;
+    line = lineEnd + HttpLineEnd::Length;
+  }
+  length_ = offset(line);
+  std::memcpy(buffer_.get() + length_, CRLF, HttpLineEnd::Length);
+}
+
+// ---- fields
+
+void MessageHeaders::addField(StringSection name, StringSection value) {
+  if (!buffer_) throw std::logic_error("Can't add a field to invalid MessageHeaders");
+  const std::size_t lineLength = name.size() + value.size() + 4;
+  const std::size_t needed = length_ + HttpLineEnd::Length + lineLength;
+  if (needed > capacity_) {
+    const std::size_t grown = capacity_ + (needed - capacity_ + BlockSize - 1) / BlockSize * BlockSize;
+    std::unique_ptr<char[]> bigger(new char[grown]);
+    std::memcpy(bigger.get(), buffer_.get(), length_);
+    // Views are offsets into the block, so moving the text re-bases them.
+    buffer_ = std::move(bigger);
+    capacity_ = grown;
+  }
+  char* out = put(buffer_.get() + length_, name);
+  *out++ = ':';
+  *out++ = ' ';
+  out = put(out, value);
+  std::memcpy(out, CRLF, 2);
+  std::memcpy(out + 2, CRLF, 2);
+  length_ += lineLength;
+}
+
+void MessageHeaders::addField(StringSection name, uint32_t value) {
+  char digits[10];
+  const std::size_t count = decimalDigits(value);
+  putDecimal(digits, value, count);
+  addField(name, StringSection(digits, count));
+}
+
+MessageHeaders::FieldIterator::FieldIterator(const char* line, const char* end) : line_(line), end_(end) {
+  if (line_ >= end_) {
+    line_ = nullptr;
+  } else {
+    load();
+  }
+}
+
+void MessageHeaders::FieldIterator::load() {
+  const char* lineEnd = findLineEnd(line_, end_);
+  if (!lineEnd) lineEnd = end_;
+  // Lines that begin with white space continue the value of this field.
+  while (lineEnd + HttpLineEnd::Length < end_ && isWhiteSpace(lineEnd[HttpLineEnd::Length])) {
+    const char* more = findLineEnd(lineEnd + HttpLineEnd::Length, end_);
+    lineEnd = more ? more : end_;
+  }
+  next_ = lineEnd + HttpLineEnd::Length;
+  const StringSection text(line_, lineEnd);
+  const std::size_t colon = text.find(':');
+  if (colon == StringSection::npos) {
+    field_ = Field{text.trim(), StringSection()};
+  } else {
+    field_ = Field{text.substr(0, colon).trim(), text.substr(colon + 1).trim()};
+  }
+}
+
+MessageHeaders::FieldIterator& MessageHeaders::FieldIterator::operator++() {
+  line_ = next_;
+  if (line_ >= end_) {
+    line_ = nullptr;
+    field_ = Field();
+  } else {
+    load();
+  }
+  return *this;
+}
+
+MessageHeaders::FieldIterator MessageHeaders::begin() const {
+  if (!buffer_) return FieldIterator();
+  return FieldIterator(buffer_.get() + fieldsStart_, buffer_.get() + length_);
+}
+
+MessageHeaders::FieldIterator MessageHeaders::find(StringSection name) const {
+  for (FieldIterator it = begin(); it != end(); ++it) {
+    if (it->name.equalsIgnoreCase(name)) return it;
+  }
+  return end();
+}
+
+// ---- rules
+
+bool MessageHeaders::hasBody(StringSection requestMethod) const {
+  if (statusCode_ != 0) {
+    if (requestMethod == StringSection("HEAD") || statusCode_ < 200 || statusCode_ == 204 || statusCode_ == 304) {
+      return false;
+    }
+  }
+  const FieldIterator length = find(HttpHeader::ContentLength);
+  if (length != end()) {
+    uint32_t value = 0;
+    // A length that cannot be read is not a length of 0: the body is there,
+    // its framing just is not known.
+    return !parseUnsigned(length->value, value) || value != 0;
+  }
+  if (statusCode_ != 0) return true;
+  const FieldIterator encoding = find(HttpHeader::TransferEncoding);
+  return encoding != end() && encoding->value.equalsIgnoreCase("chunked");
+}
+
+void MessageHeaders::addNoCacheFields() {
+  if (has(HttpHeader::CacheControl)) return;
+  addField(HttpHeader::CacheControl, "no-cache");
+  addField(HttpHeader::Pragma, "no-cache");
+}
+
+}  // namespace quorvel

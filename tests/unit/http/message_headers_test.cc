@@ -1,0 +1,184 @@
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "http/message_headers.h"
+
+namespace quorvel {
+namespace {
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+Fields fieldsOf(const MessageHeaders& headers) {
+  Fields fields;
+  for (const auto& field : headers) fields.emplace_back(field.name.str(), field.value.str());
+  return fields;
+}
+
+std::string wire(const MessageHeaders& headers) { return std::string(headers.data(), headers.size()); }
+
+MessageHeaders request(const std::string& text) { return MessageHeaders::parseRequest(text.data(), text.size()); }
+MessageHeaders response(const std::string& text) { return MessageHeaders::parseResponse(text.data(), text.size()); }
+
+TEST(MessageHeadersParse, RequestHeadRoundTrips) {
+  const std::string text = "GET /a HTTP/1.1\r\nHost: x\r\n";
+  const MessageHeaders headers = request(text);
+  ASSERT_TRUE(headers.isValid());
+  EXPECT_EQ(headers.method().str(), "GET");
+  EXPECT_EQ(headers.requestTarget().str(), "/a");
+  EXPECT_EQ(headers.version().str(), "HTTP/1.1");
+  EXPECT_EQ(headers.statusCode(), 0u);
+  EXPECT_EQ(fieldsOf(headers), (Fields{{"Host", "x"}}));
+  EXPECT_EQ(wire(headers), text + "\r\n");
+  // One trailing empty line is the same head.
+  EXPECT_EQ(wire(request(text + "\r\n")), text + "\r\n");
+}
+
+TEST(MessageHeadersParse, ResponseStatusLine) {
+  const MessageHeaders headers = response("HTTP/1.0 404 Not Found Here\r\n");
+  ASSERT_TRUE(headers.isValid());
+  EXPECT_EQ(headers.version().str(), "HTTP/1.0");
+  EXPECT_EQ(headers.statusCode(), 404u);
+  EXPECT_EQ(headers.reason().str(), "Not Found Here");
+  EXPECT_TRUE(headers.method().empty());
+  EXPECT_EQ(headers.begin(), headers.end());
+}
+
+TEST(MessageHeadersParse, RejectsBadStartLines) {
+  for (const char* text : {"HTTP/1.1 20 OK\r\n", "HTTP/1.1 2x0 OK\r\n", "HTTP/1.1 2000 OK\r\n", "HTTP/1.1 200\r\n",
+                           "HTTP/1.1 200 \r\n", " 200 OK\r\n", "HTTP/1.1  200 OK\r\n", "HTTP/1.1 200 OK", "", "\r\n"}) {
+    const MessageHeaders headers = response(text);
+    EXPECT_FALSE(headers.isValid()) << text;
+    EXPECT_EQ(headers.size(), 0u);
+    EXPECT_TRUE(headers.version().empty());
+    EXPECT_EQ(headers.statusCode(), 0u);
+  }
+  for (const char* text : {"GET /a HTTP/1.1 x\r\n", "GET /a\r\n", "GET  HTTP/1.1\r\n", "GET /a \r\n"}) {
+    EXPECT_FALSE(request(text).isValid()) << text;
+  }
+}
+
+TEST(MessageHeadersParse, FieldLineRules) {
+  EXPECT_FALSE(request("GET / HTTP/1.1\r\nHost: x").isValid());             // no line end
+  EXPECT_FALSE(request("GET / HTTP/1.1\r\nno colon\r\n").isValid());
+  EXPECT_FALSE(request("GET / HTTP/1.1\r\n folded first\r\n").isValid());  // continuation of nothing
+  EXPECT_FALSE(request("GET / HTTP/1.1\r\n\r\nHost: x\r\n").isValid());    // empty line inside
+  EXPECT_FALSE(request("GET / HTTP/1.1\r\nA: b\r\n\r\n\r\n").isValid());
+  EXPECT_TRUE(request("GET / HTTP/1.1\r\n: empty name\r\n").isValid());
+  EXPECT_TRUE(request("GET / HTTP/1.1\r\nA: b\r\n\tmore\r\n").isValid());
+}
+
+TEST(MessageHeadersFields, TrimsAndJoinsContinuationLines) {
+  const MessageHeaders headers = request("GET / HTTP/1.1\r\n  A :  one  \r\nB: two\r\n  three\r\nC:\r\nD:x:y\r\n");
+  EXPECT_EQ(fieldsOf(headers), (Fields{{"A", "one"}, {"B", "two\r\n  three"}, {"C", ""}, {"D", "x:y"}}));
+}
+
+TEST(MessageHeadersFields, FindIgnoresCaseAndTakesTheFirst) {
+  const MessageHeaders headers = request("GET / HTTP/1.1\r\nContent-Length: 5\r\ncontent-length: 6\r\n");
+  const auto field = headers.find("content-LENGTH");
+  ASSERT_NE(field, headers.end());
+  EXPECT_EQ(field->value.str(), "5");
+  EXPECT_EQ(headers.find("Content-Lengt"), headers.end());
+  EXPECT_EQ(headers.find("Content-Length-X"), headers.end());
+}
+
+TEST(MessageHeadersBuild, WritesStartLinesInOneBlock) {
+  const MessageHeaders ok = MessageHeaders::response(HttpStatus::NotFound, HttpVersion::V11);
+  EXPECT_EQ(wire(ok), "HTTP/1.1 404 Not Found\r\n\r\n");
+  EXPECT_EQ(ok.capacity(), 512u);
+  EXPECT_EQ(ok.reason().str(), "Not Found");
+  EXPECT_EQ(ok.statusCode(), 404u);
+  const MessageHeaders get = MessageHeaders::request("GET", "/x?y", HttpVersion::V10);
+  EXPECT_EQ(wire(get), "GET /x?y HTTP/1.0\r\n\r\n");
+  EXPECT_EQ(get.requestTarget().str(), "/x?y");
+}
+
+TEST(MessageHeadersBuild, StartLineOverTheBlockIsInvalid) {
+  // 8 + 3 + reason + 4: a reason of 497 bytes is exactly 512.
+  const MessageHeaders fits = MessageHeaders::response(200, std::string(497, 'r'), HttpVersion::V11);
+  ASSERT_TRUE(fits.isValid());
+  EXPECT_EQ(fits.size(), 514u);
+  MessageHeaders tooLong = MessageHeaders::response(200, std::string(498, 'r'), HttpVersion::V11);
+  EXPECT_FALSE(tooLong.isValid());
+  EXPECT_FALSE(MessageHeaders::request("GET", std::string(498, '/'), HttpVersion::V11).isValid());
+  try {
+    tooLong.addField("A", "b");
+    FAIL() << "no throw";
+  } catch (const std::logic_error& e) {
+    EXPECT_STREQ(e.what(), "Can't add a field to invalid MessageHeaders");
+  }
+}
+
+TEST(MessageHeadersBuild, AddFieldGrowsInBlocksAndKeepsViews) {
+  MessageHeaders headers = MessageHeaders::response(HttpStatus::Ok, HttpVersion::V11);
+  headers.addField(HttpHeader::ContentLength, 12345u);
+  std::string expected = "HTTP/1.1 200 OK\r\nContent-Length: 12345\r\n";
+  for (int i = 0; i < 40; ++i) {
+    const std::string value(20 + i, static_cast<char>('a' + i % 26));
+    headers.addField("X-" + std::to_string(i), value);
+    expected += "X-" + std::to_string(i) + ": " + value + "\r\n";
+  }
+  EXPECT_EQ(wire(headers), expected + "\r\n");
+  EXPECT_EQ(headers.capacity() % 512, 0u);
+  EXPECT_LT(headers.capacity() - headers.size(), 512u);
+  EXPECT_EQ(headers.reason().str(), "OK");
+  EXPECT_EQ(headers.version().str(), "HTTP/1.1");
+  EXPECT_EQ(headers.find("x-39")->value.size(), 59u);
+}
+
+TEST(MessageHeadersBuild, CopiesOwnTheirText) {
+  MessageHeaders original = request("POST /p HTTP/1.1\r\nA: 1\r\n");
+  MessageHeaders copy = original;
+  original.addField("B", std::string(600, 'b'));
+  copy.addField("C", "3");
+  EXPECT_EQ(wire(copy), "POST /p HTTP/1.1\r\nA: 1\r\nC: 3\r\n\r\n");
+  EXPECT_EQ(copy.method().str(), "POST");
+  EXPECT_EQ(copy.requestTarget().str(), "/p");
+  MessageHeaders moved = std::move(original);
+  EXPECT_FALSE(original.isValid());  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(moved.find("b")->value.size(), 600u);
+  copy = moved;
+  EXPECT_EQ(wire(copy), wire(moved));
+}
+
+TEST(MessageHeadersRules, BodyRule) {
+  auto parsed = [](const std::string& head) {
+    return head.compare(0, 5, "HTTP/") == 0 ? response(head) : request(head);
+  };
+  EXPECT_FALSE(parsed("HTTP/1.1 204 No Content\r\nContent-Length: 10\r\n").hasBody());
+  EXPECT_FALSE(parsed("HTTP/1.1 304 Not Modified\r\n").hasBody());
+  EXPECT_FALSE(parsed("HTTP/1.1 101 Switching\r\n").hasBody());
+  EXPECT_FALSE(parsed("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n").hasBody("HEAD"));
+  EXPECT_TRUE(parsed("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n").hasBody("GET"));
+  EXPECT_FALSE(parsed("HTTP/1.1 200 OK\r\ncontent-length: 0\r\n").hasBody());
+  EXPECT_TRUE(parsed("HTTP/1.1 200 OK\r\n").hasBody());
+  EXPECT_TRUE(parsed("HTTP/1.1 200 OK\r\nContent-Length: junk\r\n").hasBody());
+  EXPECT_FALSE(parsed("GET / HTTP/1.1\r\n").hasBody());
+  EXPECT_FALSE(parsed("POST / HTTP/1.1\r\nContent-Length: 0\r\n").hasBody());
+  EXPECT_TRUE(parsed("POST / HTTP/1.1\r\nContent-Length: 3\r\n").hasBody());
+  EXPECT_TRUE(parsed("POST / HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n").hasBody());
+  EXPECT_FALSE(parsed("POST / HTTP/1.1\r\nTransfer-Encoding: gzip\r\n").hasBody());
+}
+
+TEST(MessageHeadersRules, NoCacheOnlyWithoutCacheControl) {
+  MessageHeaders plain = MessageHeaders::response(HttpStatus::Ok);
+  plain.addNoCacheFields();
+  EXPECT_EQ(fieldsOf(plain), (Fields{{"Cache-Control", "no-cache"}, {"Pragma", "no-cache"}}));
+  MessageHeaders cached = MessageHeaders::response(HttpStatus::Ok);
+  cached.addField("cache-control", "max-age=5");
+  cached.addNoCacheFields();
+  EXPECT_EQ(fieldsOf(cached), (Fields{{"cache-control", "max-age=5"}}));
+}
+
+TEST(MessageHeadersRules, StatusTable) {
+  ASSERT_NE(HttpStatus::find(502), nullptr);
+  EXPECT_STREQ(HttpStatus::find(502)->reason, "Bad Gateway");
+  EXPECT_EQ(HttpStatus::find(405), &HttpStatus::MethodNotAllowed);
+  EXPECT_EQ(HttpStatus::find(418), nullptr);
+}
+
+}  // namespace
+}  // namespace quorvel

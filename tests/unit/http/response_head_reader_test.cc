@@ -1,0 +1,125 @@
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "chain_text.h"
+#include "http/response_head_reader.h"
+#include "tests/support/log_capture.h"
+
+namespace quorvel {
+namespace {
+
+using testing::chainOf;
+using testing::textOf;
+using State = ResponseHeadReader::State;
+
+class HeadReaderTest : public ::testing::Test {
+ protected:
+  void SetUp() override { log::setLevel("httpclient", log::Debug); }
+  void TearDown() override {
+    log::setLevel("httpclient", 0);
+    EXPECT_EQ(pool_->freeBuffers(), pool_->totalBuffers());
+  }
+
+  State feed(ResponseHeadReader& reader, const std::string& text) {
+    BufferChain chain = chainOf(*pool_, text);
+    return reader.feed(chain);
+  }
+
+  std::string body(ResponseHeadReader& reader) {
+    BufferChain rest = reader.takeBodyBytes();
+    std::string text = textOf(rest);
+    rest.releaseBuffers();
+    return text;
+  }
+
+  std::shared_ptr<BufferPool> pool_ = std::make_shared<BufferPool>(16, 0, 0);
+};
+
+const std::string Head = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nServer: t\r\n\r\n";
+
+TEST_F(HeadReaderTest, FindsTheHeadInOnePiece) {
+  auto capture = testing::LogCapture::install();
+  ResponseHeadReader reader(0x1f);
+  EXPECT_EQ(feed(reader, Head + "hello"), State::Complete);
+  EXPECT_EQ(reader.headers().statusCode(), 200u);
+  EXPECT_EQ(std::string(reader.headers().data(), reader.headers().size()), Head);
+  EXPECT_EQ(body(reader), "hello");
+  EXPECT_TRUE(reader.contentLengthKnown());
+  EXPECT_EQ(reader.contentLength(), 5u);
+  EXPECT_FALSE(reader.chunked());
+  EXPECT_FALSE(reader.closeConnection());
+  EXPECT_TRUE(capture->contains("0x1f: Found double CRLF at " + std::to_string(Head.size() - 4)));
+  EXPECT_TRUE(capture->contains("0x1f: Got response: 200 OK"));
+  EXPECT_TRUE(capture->contains("0x1f: Response content length is 5"));
+}
+
+TEST_F(HeadReaderTest, HeadSplitAtEveryPositionGivesTheSameResult) {
+  const std::string text = Head + "hello";
+  for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+    for (std::size_t cut2 = cut; cut2 <= text.size(); cut2 += 7) {
+      ResponseHeadReader reader(1);
+      feed(reader, text.substr(0, cut));
+      feed(reader, text.substr(cut, cut2 - cut));
+      EXPECT_EQ(feed(reader, text.substr(cut2)), State::Complete) << cut << " " << cut2;
+      EXPECT_EQ(reader.headers().find("server")->value.str(), "t");
+      EXPECT_EQ(body(reader), "hello") << cut << " " << cut2;
+      EXPECT_EQ(reader.receivedBytes(), text.size());
+    }
+  }
+}
+
+TEST_F(HeadReaderTest, WaitsForTheEmptyLine) {
+  auto capture = testing::LogCapture::install();
+  ResponseHeadReader reader(2);
+  EXPECT_EQ(feed(reader, "HTTP/1.1 200 OK\r\n\r"), State::Collecting);
+  EXPECT_TRUE(capture->contains("0x2: Double CRLF not found"));
+  EXPECT_EQ(feed(reader, "\n"), State::Complete);
+  EXPECT_EQ(body(reader), "");
+  EXPECT_EQ(feed(reader, "late"), State::Complete);  // body bytes keep coming
+  EXPECT_EQ(body(reader), "late");
+}
+
+TEST_F(HeadReaderTest, MalformedHeadIsBad) {
+  ResponseHeadReader reader(3);
+  EXPECT_EQ(feed(reader, "HTTP/1.1 2000 OK\r\n\r\nbody"), State::Bad);
+  EXPECT_FALSE(reader.headers().isValid());
+  EXPECT_STREQ(ResponseHeadReader::BadFormatText, "Bad HTTP response format");
+}
+
+TEST_F(HeadReaderTest, ReadsFramingAndConnectionFields) {
+  auto capture = testing::LogCapture::install();
+  ResponseHeadReader reader(4);
+  feed(reader, "HTTP/1.1 200 OK\r\nconnection: Close\r\nTransfer-Encoding: CHUNKED\r\n\r\n");
+  EXPECT_TRUE(reader.closeConnection());
+  EXPECT_TRUE(reader.chunked());
+  EXPECT_FALSE(reader.contentLengthKnown());
+  EXPECT_TRUE(capture->contains("0x4: Response requested connection close"));
+  EXPECT_TRUE(capture->contains("0x4: Response uses chunked transfer encoding"));
+  EXPECT_NE(dynamic_cast<ChunkedEncodingParser*>(reader.makeBodyParser(pool_).get()), nullptr);
+}
+
+TEST_F(HeadReaderTest, UnreadableContentLengthRunsToTheEndOfTheConnection) {
+  auto capture = testing::LogCapture::install();
+  ResponseHeadReader reader(5);
+  feed(reader, "HTTP/1.1 200 OK\r\nContent-Length: 12x\r\n\r\n");
+  EXPECT_TRUE(capture->contains("0x5: Failed to parse Content-Length field: 12x"));
+  EXPECT_FALSE(reader.contentLengthKnown());
+  EXPECT_TRUE(reader.closeConnection());
+  EXPECT_TRUE(reader.hasBody("GET"));
+  auto parser = reader.makeBodyParser(pool_);
+  parser->end();
+  EXPECT_TRUE(parser->isFinished());
+}
+
+TEST_F(HeadReaderTest, BodyRuleUsesTheRequestMethod) {
+  ResponseHeadReader reader(6);
+  feed(reader, Head);
+  EXPECT_TRUE(reader.hasBody("GET"));
+  EXPECT_FALSE(reader.hasBody("HEAD"));
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,144 @@
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "http/message_headers.h"
+#include "http/string_section.h"
+#include "http/text_codecs.h"
+#include "http/url.h"
+
+namespace quorvel {
+namespace {
+
+TEST(StringSection, SubstrAtEndIsEmptyAndPastEndThrows) {
+  const StringSection text("abc");
+  EXPECT_TRUE(text.substr(3).empty());
+  EXPECT_EQ(text.substr(1, 100).str(), "bc");
+  EXPECT_EQ(text.substr(1, 1).str(), "b");
+  try {
+    text.substr(4);
+    FAIL() << "no throw";
+  } catch (const std::out_of_range& e) {
+    EXPECT_STREQ(e.what(), "StringSection::substr pos out of range");
+  }
+}
+
+TEST(StringSection, FindsAndTrims) {
+  const StringSection text("a/b/c");
+  EXPECT_EQ(text.find('/'), 1u);
+  EXPECT_EQ(text.find('/', 2), 3u);
+  EXPECT_EQ(text.find('x'), StringSection::npos);
+  EXPECT_EQ(text.find("b/c"), 2u);
+  EXPECT_EQ(text.find("c/"), StringSection::npos);
+  EXPECT_EQ(text.rfind('/'), 3u);
+  EXPECT_EQ(text.rfind('/', 3), 1u);  // strictly before the position
+  EXPECT_EQ(text.rfind('a', 0), StringSection::npos);
+  EXPECT_EQ(StringSection(" \t x y \r\n").trim().str(), "x y");
+  EXPECT_TRUE(StringSection("  ").trim().empty());
+  EXPECT_TRUE(StringSection().trim().empty());
+}
+
+TEST(StringSection, ComparesWithAndWithoutCase) {
+  EXPECT_TRUE(StringSection("Content-Length").equalsIgnoreCase("content-length"));
+  EXPECT_FALSE(StringSection("Content-Length").equals("content-length"));
+  EXPECT_FALSE(StringSection("Content-Lengt").equalsIgnoreCase("content-length"));
+  EXPECT_TRUE(StringSection() == StringSection(""));
+}
+
+TEST(StringSection, ParsesWholeUnsignedNumbers) {
+  uint32_t value = 7;
+  EXPECT_TRUE(parseUnsigned("4294967295", value));
+  EXPECT_EQ(value, 4294967295u);
+  EXPECT_FALSE(parseUnsigned("4294967296", value));
+  EXPECT_FALSE(parseUnsigned("12a", value));
+  EXPECT_FALSE(parseUnsigned("", value));
+  EXPECT_FALSE(parseUnsigned("-1", value));
+  EXPECT_TRUE(parseUnsigned("fFfF", value, 16));
+  EXPECT_EQ(value, 0xffffu);
+  EXPECT_FALSE(parseUnsigned("g", value, 16));
+}
+
+TEST(Url, TakesUrlsApart) {
+  EXPECT_EQ(Url::scheme("https://relay.test:8443/rhttp/x?y=/z"), "https");
+  EXPECT_EQ(Url::authority("https://relay.test:8443/rhttp/x?y=/z"), "relay.test:8443");
+  EXPECT_EQ(Url::path("https://relay.test:8443/rhttp/x?y=/z"), "/rhttp/x?y=/z");
+  EXPECT_EQ(Url::authority("http://host"), "host");
+  EXPECT_EQ(Url::path("http://host"), "");
+  EXPECT_EQ(Url::scheme("no-colon"), "");
+  EXPECT_EQ(Url::authority("mailto:a@b"), "");
+  EXPECT_EQ(Url::path("mailto:a/b"), "");
+}
+
+TEST(Url, ResolvesReferences) {
+  const std::string base = "https://relay.test/a/b";
+  EXPECT_EQ(Url::resolve(base, ""), base);
+  EXPECT_EQ(Url::resolve(base, "next/1"), "https://relay.test/a/next/1");
+  EXPECT_EQ(Url::resolve(base, "/r/2"), "https://relay.test/r/2");
+  EXPECT_EQ(Url::resolve(base, "//other.test/p"), "https://other.test/p");
+  EXPECT_EQ(Url::resolve(base, "http://x/y"), "http://x/y");
+  EXPECT_EQ(Url::resolve(base, "a?x=1:2"), "a?x=1:2");  // any ":" makes it absolute
+  EXPECT_EQ(Url::resolve(base, "../c"), "https://relay.test/a/../c");
+  EXPECT_EQ(Url::resolve("https://relay.test", "n"), "https://relay.test/n");
+}
+
+TEST(Url, ReplacesOnlyTheScheme) {
+  EXPECT_EQ(Url::withScheme("https://relay.test/reply/1", "http"), "http://relay.test/reply/1");
+  EXPECT_EQ(Url::withScheme("relay.test/reply", "http"), "relay.test/reply");
+}
+
+TEST(PercentEncoding, EncodesAllButUnreservedBytes) {
+  EXPECT_EQ(PercentEncoding::encode(" "), "%20");
+  EXPECT_EQ(PercentEncoding::encode("~"), "~");
+  EXPECT_EQ(PercentEncoding::encode("a-Z_0.~"), "a-Z_0.~");
+  EXPECT_EQ(PercentEncoding::encode("/?&+\xff"), "%2F%3F%26%2B%FF");
+  // The zero byte passes through unescaped.
+  EXPECT_EQ(PercentEncoding::encode(std::string("a\0b", 3)), std::string("a\0b", 3));
+}
+
+TEST(PercentEncoding, DecodesEscapesAndKeepsPlus) {
+  EXPECT_EQ(PercentEncoding::decode("a%20b+c%2f%2F"), "a b+c//");
+  EXPECT_EQ(PercentEncoding::decode("%00"), std::string(1, '\0'));
+  for (const std::string bad : {"%", "ab%4", "%4"}) {
+    try {
+      PercentEncoding::decode(bad);
+      ADD_FAILURE() << bad;
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Unexpected end of input in percent-encoded text") << bad;
+    }
+  }
+  for (const std::string bad : {"%G1", "%1G", "x%-1"}) {
+    try {
+      PercentEncoding::decode(bad);
+      ADD_FAILURE() << bad;
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Bad hex character in percent-encoded text") << bad;
+    }
+  }
+}
+
+TEST(PercentEncoding, RoundTripsEveryByte) {
+  std::string all;
+  for (int i = 1; i < 256; ++i) all += static_cast<char>(i);
+  EXPECT_EQ(PercentEncoding::decode(PercentEncoding::encode(all)), all);
+}
+
+TEST(Base64, PadsToFourCharacters) {
+  EXPECT_EQ(Base64::encode(""), "");
+  EXPECT_EQ(Base64::encode("f"), "Zg==");
+  EXPECT_EQ(Base64::encode("fo"), "Zm8=");
+  EXPECT_EQ(Base64::encode("foo"), "Zm9v");
+  EXPECT_EQ(Base64::encode("foobar"), "Zm9vYmFy");
+  EXPECT_EQ(Base64::encode("\xfb\xff"), "+/8=");
+}
+
+TEST(Base64, AddsBasicAuthorization) {
+  MessageHeaders headers = MessageHeaders::request("GET", "/", HttpVersion::V11);
+  setBasicAuthorization(headers, "a", "b");
+  const auto field = headers.find("authorization");
+  ASSERT_NE(field, headers.end());
+  EXPECT_EQ(field->value.str(), "Basic YTpi");
+}
+
+}  // namespace
+}  // namespace quorvel
