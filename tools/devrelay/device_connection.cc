@@ -9,6 +9,7 @@
 #include <boost/beast/http/read.hpp>
 
 #include "core/log.h"
+#include "tools/devrelay/listener.h"
 #include "tools/devrelay/outside_connection.h"
 
 namespace quorvel {
@@ -30,13 +31,6 @@ constexpr std::size_t MaxRegisterBody = 4096;
 // Past this much of a body nobody wants, the connection is closed instead.
 constexpr std::size_t MaxDiscard = 1024 * 1024;
 
-std::string remoteText(const tcp::socket& socket) {
-  error_code ec;
-  const tcp::endpoint endpoint = socket.remote_endpoint(ec);
-  if (ec) return "?";
-  return authorityHost(endpoint.address().to_string()) + ":" + std::to_string(endpoint.port());
-}
-
 bool isMessageHttp(std::string_view contentType) {
   const auto semicolon = contentType.find(';');
   std::string_view media = contentType.substr(0, semicolon);
@@ -53,12 +47,12 @@ DeviceConnection<Stream>::DeviceConnection(Stream stream, Relay& relay, std::uin
       relay_(relay),
       settings_(relay.settings()),
       plainPort_(plainPort),
-      peer_(remoteText(socket())),
+      peer_(peerText(socket())),
       pollTimer_(stream_.get_executor()) {}
 
 template <class Stream>
 void DeviceConnection<Stream>::expireAfter(Seconds seconds) {
-  beast::get_lowest_layer(stream_).expires_after(std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds));
+  beast::get_lowest_layer(stream_).expires_after(toDuration(seconds));
 }
 
 template <class Stream>
@@ -221,7 +215,7 @@ void DeviceConnection<Stream>::handleRelay(const std::string& prefix, const std:
   }
   if (!waiting_) return;
   QLOG(Log, log::Debug, "Device %s polling from %s", key_, peer_);
-  pollTimer_.expires_after(std::chrono::duration_cast<std::chrono::steady_clock::duration>(settings_.pollTimeout));
+  pollTimer_.expires_after(toDuration(settings_.pollTimeout));
   pollTimer_.async_wait([self = this->shared_from_this()](error_code ec) {
     if (!ec) self->onPollTimeout();
   });
@@ -407,7 +401,7 @@ void DeviceConnection<Stream>::handleReply(const std::string& id) {
 }
 
 template <class Stream>
-void DeviceConnection<Stream>::pumpReply() {
+void DeviceConnection<Stream>::readBodyPiece(std::function<void(error_code, std::size_t)> handler) {
   if (pieceBuffer_.size() < PieceSize) pieceBuffer_.resize(PieceSize);
   auto& body = parser_->get().body();
   body.data = pieceBuffer_.data();
@@ -415,9 +409,17 @@ void DeviceConnection<Stream>::pumpReply() {
   body.more = true;
   expireAfter(settings_.idleTimeout);
   readPending_ = true;
-  http::async_read_some(stream_, buffer_, *parser_, [self = this->shared_from_this()](error_code ec, std::size_t) {
-    self->readPending_ = false;
-    if (ec == http::error::need_buffer) ec = {};
+  http::async_read_some(stream_, buffer_, *parser_,
+                        [self = this->shared_from_this(), handler](error_code ec, std::size_t) {
+                          self->readPending_ = false;
+                          if (ec == http::error::need_buffer) ec = {};
+                          handler(ec, ec ? 0 : PieceSize - self->parser_->get().body().size);
+                        });
+}
+
+template <class Stream>
+void DeviceConnection<Stream>::pumpReply() {
+  readBodyPiece([self = this->shared_from_this()](error_code ec, std::size_t size) {
     if (ec) {
       QLOG(Log, log::Info, "Answer to request %s from %s broke off after %u bytes: %s", self->exchange_->id, self->peer_,
            self->replyBytes_, ec.message());
@@ -428,7 +430,7 @@ void DeviceConnection<Stream>::pumpReply() {
       self->close(false);
       return;
     }
-    self->onReplyPiece(PieceSize - self->parser_->get().body().size, self->parser_->is_done());
+    self->onReplyPiece(size, self->parser_->is_done());
   });
 }
 
@@ -489,24 +491,13 @@ template <class Stream>
 void DeviceConnection<Stream>::discardThenRespond(unsigned status, const std::string& text, std::size_t discarded) {
   if (parser_->is_done()) return respond(status, {}, text, requestKeepAlive());
   if (discarded > MaxDiscard) return respond(status, {}, text, false);
-  if (pieceBuffer_.size() < PieceSize) pieceBuffer_.resize(PieceSize);
-  auto& body = parser_->get().body();
-  body.data = pieceBuffer_.data();
-  body.size = PieceSize;
-  body.more = true;
-  expireAfter(settings_.idleTimeout);
-  readPending_ = true;
-  http::async_read_some(stream_, buffer_, *parser_,
-                        [self = this->shared_from_this(), status, text, discarded](error_code ec, std::size_t) {
-                          self->readPending_ = false;
-                          if (ec == http::error::need_buffer) ec = {};
-                          if (ec) {
-                            self->close(false);
-                            return;
-                          }
-                          self->discardThenRespond(status, text,
-                                                   discarded + PieceSize - self->parser_->get().body().size);
-                        });
+  readBodyPiece([self = this->shared_from_this(), status, text, discarded](error_code ec, std::size_t size) {
+    if (ec) {
+      self->close(false);
+      return;
+    }
+    self->discardThenRespond(status, text, discarded + size);
+  });
 }
 
 template <class Stream>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -51,6 +52,8 @@ class DeviceConnection : public PollWaiter, public std::enable_shared_from_this<
   std::string nextLink() const;
   void pumpRequestBody();
   void finishPoll();
+  // The next piece of the request body into pieceBuffer_.
+  void readBodyPiece(std::function<void(boost::system::error_code, std::size_t)> handler);
   void pumpReply();
   void onReplyPiece(std::size_t size, bool end);
   void finishReply();

@@ -30,13 +30,18 @@ Listener::Listener(asio::io_context& context, const Endpoint& endpoint, std::str
   if (ec) throw std::runtime_error("Cannot listen on " + text + " for the " + what_ + ": " + ec.message());
 }
 
-std::string Listener::endpointText() const {
-  const tcp::endpoint local = endpoint();
-  return authorityHost(local.address().to_string()) + ":" + std::to_string(local.port());
+std::string endpointText(const tcp::endpoint& endpoint) {
+  return authorityHost(endpoint.address().to_string()) + ":" + std::to_string(endpoint.port());
+}
+
+std::string peerText(const tcp::socket& socket) {
+  error_code ec;
+  const tcp::endpoint endpoint = socket.remote_endpoint(ec);
+  return ec ? "?" : endpointText(endpoint);
 }
 
 void Listener::start() {
-  QLOG(Log, log::Notice, "Listening for %s on %s", what_, endpointText());
+  QLOG(Log, log::Notice, "Listening for %s on %s", what_, endpointText(endpoint()));
   accept();
 }
 

@@ -13,6 +13,11 @@
 namespace quorvel {
 namespace devrelay {
 
+// "address:port", IPv6 addresses in brackets.
+std::string endpointText(const boost::asio::ip::tcp::endpoint& endpoint);
+// The peer's endpointText, or "?" once the socket is no longer connected.
+std::string peerText(const boost::asio::ip::tcp::socket& socket);
+
 // Accepts connections on one port and hands each socket on.
 class Listener : public std::enable_shared_from_this<Listener> {
  public:
@@ -23,7 +28,6 @@ class Listener : public std::enable_shared_from_this<Listener> {
 
   void start();
   boost::asio::ip::tcp::endpoint endpoint() const { return acceptor_.local_endpoint(); }
-  std::string endpointText() const;
 
  private:
   void accept();

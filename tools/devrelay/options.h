@@ -11,6 +11,10 @@ namespace devrelay {
 
 using Seconds = std::chrono::duration<double>;
 
+inline std::chrono::steady_clock::duration toDuration(Seconds seconds) {
+  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds);
+}
+
 struct Endpoint {
   std::string address;  // numeric IPv4 or IPv6
   std::uint16_t port = 0;

@@ -10,6 +10,7 @@
 
 #include "core/log.h"
 #include "tools/devrelay/http_text.h"
+#include "tools/devrelay/listener.h"
 
 namespace quorvel {
 namespace devrelay {
@@ -30,25 +31,13 @@ constexpr std::size_t MaxHeadSize = 64 * 1024;
 // client sees our answer rather than a reset.
 constexpr std::size_t MaxDrainBytes = 4 * 1024 * 1024;
 
-std::chrono::steady_clock::duration toDuration(Seconds seconds) {
-  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds);
-}
-
-std::string endpointText(const tcp::socket& socket) {
-  error_code ec;
-  const tcp::endpoint endpoint = socket.remote_endpoint(ec);
-  if (ec) return "?";
-  const std::string address = endpoint.address().to_string();
-  return authorityHost(address) + ":" + std::to_string(endpoint.port());
-}
-
 }  // namespace
 
 OutsideConnection::OutsideConnection(tcp::socket socket, Relay& relay)
     : stream_(std::move(socket)),
       relay_(relay),
       settings_(relay.settings()),
-      peer_(endpointText(stream_.socket())),
+      peer_(peerText(stream_.socket())),
       answerTimer_(stream_.get_executor()) {}
 
 void OutsideConnection::start() {
