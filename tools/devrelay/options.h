@@ -29,7 +29,7 @@ struct Settings {
   Seconds pollTimeout{20};
   Seconds answerTimeout{30};
   Seconds idleTimeout{60};
-  std::size_t maxQueue = 64;
+  std::size_t maxQueue = 256;
   std::string replyHost;  // empty: the host name the device used
   int logLevel = 5;
 };
