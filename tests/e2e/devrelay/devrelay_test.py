@@ -188,10 +188,10 @@ def decode_chunked(data):
 class Device:
     """Plays the daemon's relay client: register, long-poll, post replies."""
 
-    def __init__(self, key):
+    def __init__(self, key, relay=None):
         self.key = key
         self.host = "%s.%s" % (key, DOMAIN)
-        self.conn = HttpConnection(RELAY.tls_port, self.host, tls=True)
+        self.conn = HttpConnection((relay or RELAY).tls_port, self.host, tls=True)
         self.relay_path = None
 
     def close(self):
@@ -573,6 +573,26 @@ class Failures(unittest.TestCase):
         # The certificate names *.relay.test, so a device using another name must fail verification.
         with self.assertRaises(ssl.SSLCertVerificationError):
             HttpConnection(RELAY.tls_port, "key.other.test", tls=True)
+
+
+class Options(unittest.TestCase):
+    def test_queue_limit_and_reply_host(self):
+        relay = RelayProcess("-q", "1", "-H", "replies.example")
+        device = Device("opt1", relay)
+        try:
+            device.register()
+            first = curl_async("opt1", "/1", port=relay.outside_port)
+            relay.wait_for(r"Request \S+ queued for device opt1 \(1 waiting\)")
+            status, _, _ = curl("opt1", "/2", port=relay.outside_port)
+            self.assertEqual(status, 503)
+            message, reply_url, _ = device.poll_request()
+            self.assertTrue(message.startswith(b"GET /1 "))
+            self.assertRegex(reply_url, r"^http://replies\.example:%d/rhttp/reply/" % relay.plain_port)
+            Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"])
+            self.assertEqual(first()[0], 200)
+        finally:
+            device.close()
+            self.assertEqual(relay.stop(), 0)
 
 
 class CommandLine(unittest.TestCase):
