@@ -1,0 +1,648 @@
+#!/usr/bin/env python3
+"""Runs ferrule-devrelay on loopback with a throw-away CA, plays the device in
+Python (TLS, SNI KEY.relay.test) and the outside client with curl."""
+import hashlib
+import os
+import queue
+import re
+import shutil
+import signal
+import socket
+import ssl
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+BINARY = None
+SANITIZED = False
+WORK = None
+RELAY = None
+DOMAIN = "relay.test"
+POLL_TIMEOUT = 1.0
+ANSWER_TIMEOUT = 2.5
+
+
+def run(*args):
+    subprocess.run(args, check=True, capture_output=True, cwd=WORK, timeout=60)
+
+
+def make_certificates():
+    """A CA and a server certificate for relay.test and *.relay.test."""
+    run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
+        "-subj", "/CN=ferrule devrelay test CA", "-keyout", "ca.key", "-out", "ca.pem",
+        "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign")
+    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+        "-subj", "/CN=" + DOMAIN, "-keyout", "server.key", "-out", "server.csr")
+    with open(os.path.join(WORK, "server.ext"), "w") as ext:
+        ext.write("subjectAltName=DNS:%s,DNS:*.%s\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n"
+                  % (DOMAIN, DOMAIN))
+    run("openssl", "x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
+        "-days", "2", "-out", "server.pem", "-extfile", "server.ext")
+
+
+class RelayProcess:
+    """ferrule-devrelay on free loopback ports, its log collected line by line."""
+
+    def __init__(self, *extra):
+        self.lines = []
+        self.cond = threading.Condition()
+        self.proc = subprocess.Popen(
+            [BINARY, "-c", os.path.join(WORK, "server.pem"), "-k", os.path.join(WORK, "server.key"),
+             "-d", "127.0.0.1:0", "-p", "127.0.0.1:0", "-o", "127.0.0.1:0",
+             "-P", str(POLL_TIMEOUT), "-a", str(ANSWER_TIMEOUT), "-l", "6", *extra],
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.collector = threading.Thread(target=self._collect, daemon=True)
+        self.collector.start()
+        self.tls_port = self._port("devices \\(TLS\\)")
+        self.plain_port = self._port("devices \\(plain HTTP, reply URLs\\)")
+        self.outside_port = self._port("outside clients")
+
+    def _collect(self):
+        for line in self.proc.stdout:
+            with self.cond:
+                self.lines.append(line.rstrip("\n"))
+                self.cond.notify_all()
+
+    def wait_for(self, pattern, timeout=10.0, start=0):
+        regex = re.compile(pattern)
+        deadline = time.monotonic() + timeout
+        with self.cond:
+            while True:
+                for line in self.lines[start:]:
+                    match = regex.search(line)
+                    if match:
+                        return match
+                remaining = deadline - time.monotonic()
+                if remaining <= 0 or self.proc.poll() is not None and not self.cond.wait(0.1):
+                    raise AssertionError("no log line matching %r; log:\n%s" % (pattern, "\n".join(self.lines)))
+                self.cond.wait(min(remaining, 0.2))
+
+    def mark(self):
+        with self.cond:
+            return len(self.lines)
+
+    def _port(self, what):
+        return int(self.wait_for(r"Listening for %s on 127\.0\.0\.1:(\d+)" % what).group(1))
+
+    def peak_rss_kb(self):
+        with open("/proc/%d/status" % self.proc.pid) as status:
+            for line in status:
+                if line.startswith("VmHWM:"):
+                    return int(line.split()[1])
+        return 0
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGTERM)
+            try:
+                self.proc.wait(10)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait(5)
+        self.collector.join(5)
+        if not self.collector.is_alive():
+            self.proc.stdout.close()
+        return self.proc.returncode
+
+
+class HttpConnection:
+    """A bare HTTP/1.1 client that keeps every byte of the heads it reads."""
+
+    def __init__(self, port, host, tls=False):
+        sock = socket.create_connection(("127.0.0.1", port), timeout=20)
+        if tls:
+            context = ssl.create_default_context(cafile=os.path.join(WORK, "ca.pem"))
+            sock = context.wrap_socket(sock, server_hostname=host)
+        self.sock = sock
+        self.file = sock.makefile("rb")
+        self.host = "%s:%d" % (host, port)
+
+    def close(self):
+        self.file.close()
+        self.sock.close()
+
+    def send(self, data):
+        self.sock.sendall(data)
+
+    def request_head(self, method, path, fields=()):
+        head = "%s %s HTTP/1.1\r\nHost: %s\r\n" % (method, path, self.host)
+        head += "".join("%s: %s\r\n" % field for field in fields)
+        return (head + "\r\n").encode()
+
+    def read_head(self):
+        raw = b""
+        while True:
+            line = self.file.readline(65536)
+            if not line:
+                raise EOFError("connection closed in the head: %r" % raw)
+            raw += line
+            if line == b"\r\n":
+                break
+        lines = raw.decode("latin-1").split("\r\n")
+        _, status, reason = lines[0].split(" ", 2)
+        fields = [tuple(line.split(": ", 1)) for line in lines[1:] if line]
+        return raw, int(status), reason, fields
+
+    def read_body(self, status, fields, head_request=False):
+        names = {name.lower(): value for name, value in fields}
+        if head_request or status in (204, 304) or 100 <= status < 200:
+            return b""
+        if names.get("transfer-encoding", "").lower() == "chunked":
+            body = b""
+            while True:
+                size = int(self.file.readline().split(b";")[0], 16)
+                if size == 0:
+                    while self.file.readline() != b"\r\n":
+                        pass
+                    return body
+                body += self.file.read(size)
+                assert self.file.read(2) == b"\r\n"
+        if "content-length" in names:
+            return self.file.read(int(names["content-length"]))
+        return self.file.read()
+
+    def exchange(self, data, head_request=False):
+        self.send(data)
+        raw, status, reason, fields = self.read_head()
+        return raw, status, reason, fields, self.read_body(status, fields, head_request)
+
+
+def links(fields):
+    return [value for name, value in fields if name == "Link"]
+
+
+def decode_chunked(data):
+    body, rest = b"", data
+    while True:
+        line, rest = rest.split(b"\r\n", 1)
+        size = int(line, 16)
+        if size == 0:
+            assert rest == b"\r\n", rest
+            return body
+        body, rest = body + rest[:size], rest[size + 2:]
+
+
+class Device:
+    """Plays the daemon's relay client: register, long-poll, post replies."""
+
+    def __init__(self, key, relay=None):
+        self.key = key
+        self.host = "%s.%s" % (key, DOMAIN)
+        self.conn = HttpConnection((relay or RELAY).tls_port, self.host, tls=True)
+        self.relay_path = None
+
+    def close(self):
+        self.conn.close()
+
+    def register(self):
+        body = ("drk=" + self.key).encode()
+        raw, status, _, fields, _ = self.conn.exchange(self.conn.request_head(
+            "POST", "/rhttp/register",
+            [("Content-Type", "application/x-www-form-urlencoded"), ("Content-Length", len(body))]) + body)
+        assert status == 201, raw
+        self.relay_path = re.fullmatch(r'<([^>]*)>; rel="first"', links(fields)[0]).group(1)
+        return raw
+
+    def poll(self):
+        raw, status, reason, fields, body = self.conn.exchange(
+            self.conn.request_head("GET", self.relay_path, [("Accept", "message/http")]))
+        return raw, status, fields, body
+
+    def poll_request(self, attempts=10):
+        """Polls until a request comes; returns (message bytes, reply URL, fields)."""
+        for _ in range(attempts):
+            raw, status, fields, body = self.poll()
+            if status == 200:
+                reply = [link for link in links(fields) if link.endswith('rel="reply"')][0]
+                return body, re.fullmatch(r'<([^>]*)>; rel="reply"', reply).group(1), fields
+            assert status == 204, raw
+        raise AssertionError("no request for " + self.key)
+
+    @staticmethod
+    def reply(url, pieces, content_type="message/http"):
+        """POSTs the pieces as a chunked body to an absolute http URL; returns the status."""
+        match = re.fullmatch(r"http://([^:/]+):(\d+)(/.*)", url)
+        conn = HttpConnection(int(match.group(2)), match.group(1))
+        try:
+            conn.send(conn.request_head("POST", match.group(3), [
+                ("Content-Type", content_type), ("Transfer-Encoding", "chunked")]))
+            for piece in pieces:
+                if piece:
+                    conn.send(b"%x\r\n%s\r\n" % (len(piece), piece))
+            conn.send(b"0\r\n\r\n")
+            raw, status, _, fields = conn.read_head()
+            conn.read_body(status, fields)
+            return status
+        finally:
+            conn.close()
+
+
+def in_thread(function, *args):
+    result = queue.Queue()
+
+    def body():
+        try:
+            result.put((True, function(*args)))
+        except BaseException as error:  # handed to the test thread
+            result.put((False, error))
+
+    threading.Thread(target=body, daemon=True).start()
+
+    def join(timeout=60):
+        ok, value = result.get(timeout=timeout)
+        if not ok:
+            raise value
+        return value
+    return join
+
+
+def curl(key, path, *options, port=None):
+    """The outside client. Returns (status, raw head, body) as curl saw them."""
+    port = port or RELAY.outside_port
+    host = "%s.%s" % (key, DOMAIN)
+    with tempfile.TemporaryDirectory(dir=WORK) as out:
+        head_file, body_file = os.path.join(out, "head"), os.path.join(out, "body")
+        result = subprocess.run(
+            ["curl", "-sS", "--noproxy", "*", "--max-time", "120", "--resolve", "%s:%d:127.0.0.1" % (host, port),
+             "-D", head_file, "-o", body_file, "-w", "%{http_code}", *options,
+             "http://%s:%d%s" % (host, port, path)],
+            capture_output=True, timeout=180)
+        head = body = b""
+        if os.path.exists(head_file):
+            with open(head_file, "rb") as f:
+                head = f.read()
+        if os.path.exists(body_file):
+            with open(body_file, "rb") as f:
+                body = f.read()
+    return int(result.stdout or b"0"), head, body
+
+
+def curl_async(*args, **kwargs):
+    return in_thread(lambda: curl(*args, **kwargs))
+
+
+def strip_interim(head):
+    while head.startswith(b"HTTP/1.1 100"):
+        head = head.split(b"\r\n\r\n", 1)[1]
+    return head
+
+
+class Protocol(unittest.TestCase):
+    def test_registration_and_empty_poll_are_byte_exact(self):
+        device = Device("proto1")
+        try:
+            raw = device.register()
+            session = re.fullmatch(r"/rhttp/relay/proto1/(\d+)", device.relay_path).group(1)
+            self.assertEqual(raw, ('HTTP/1.1 201 Created\r\nLink: </rhttp/relay/proto1/%s>; rel="first"\r\n'
+                                   'Content-Length: 0\r\n\r\n' % session).encode())
+            started = RELAY.mark()
+            raw, status, _, body = device.poll()
+            self.assertEqual(raw, ('HTTP/1.1 204 No Content\r\nLink: </rhttp/relay/proto1/%s>; rel="next"\r\n\r\n'
+                                   % session).encode())
+            self.assertEqual(body, b"")
+            RELAY.wait_for(r"Nothing for device proto1 within 1\.0 s, answering 204", start=started)
+        finally:
+            device.close()
+
+    def test_path_prefix_is_kept_and_key_is_case_insensitive(self):
+        conn = HttpConnection(RELAY.tls_port, "Proto2.relay.test", tls=True)
+        try:
+            raw, status, _, fields, _ = conn.exchange(conn.request_head(
+                "POST", "/devices/rhttp/register", [("Content-Length", 10)]) + b"drk=Proto2")
+            self.assertEqual(status, 201)
+            self.assertRegex(links(fields)[0], r'^</devices/rhttp/relay/proto2/\d+>; rel="first"$')
+        finally:
+            conn.close()
+
+    def test_bad_registrations(self):
+        conn = HttpConnection(RELAY.tls_port, "x.relay.test", tls=True)
+        try:
+            for body in (b"key=abc", b"drk=", b"drk=a b", b"drk=" + b"a" * 64):
+                raw, status, _, _, _ = conn.exchange(conn.request_head(
+                    "POST", "/rhttp/register", [("Content-Length", len(body))]) + body)
+                self.assertEqual(status, 400, body)
+            raw, status, _, _, _ = conn.exchange(conn.request_head("GET", "/rhttp/register"))
+            self.assertEqual(status, 405)
+            raw, status, _, _, _ = conn.exchange(conn.request_head("GET", "/elsewhere"))
+            self.assertEqual(status, 404)
+        finally:
+            conn.close()
+
+    def test_superseded_session_gets_404(self):
+        first, second = Device("proto3"), Device("proto3")
+        try:
+            first.register()
+            waiting = in_thread(first.poll)
+            time.sleep(0.2)
+            second.register()
+            raw, status, _, _ = waiting()
+            self.assertEqual(status, 404, raw)
+            raw, status, _, _ = first.poll()
+            self.assertEqual(status, 404, raw)
+            raw, status, _, _ = second.poll()
+            self.assertEqual(status, 204, raw)
+        finally:
+            first.close()
+            second.close()
+
+
+class Relaying(unittest.TestCase):
+    def test_get_is_relayed_and_answered_byte_exact(self):
+        device = Device("get1")
+        try:
+            device.register()
+            outside = curl_async("get1", "/page?x=1&y=2", "-H", "X-Probe: one")
+            message, reply_url, fields = device.poll_request()
+            session = device.relay_path.rsplit("/", 1)[1]
+            # The whole head of the relay response, field by field.
+            self.assertEqual(fields[0], ("Content-Type", "message/http"))
+            self.assertEqual(fields[1], ("Link", '</rhttp/relay/get1/%s>; rel="next"' % session))
+            self.assertRegex(fields[2][1], r'^<http://get1\.relay\.test:%d/rhttp/reply/[0-9a-f]{8}-\d+>; rel="reply"$'
+                             % RELAY.plain_port)
+            self.assertEqual(fields[3], ("Content-Length", str(len(message))))
+            self.assertEqual(len(fields), 4)
+            self.assertTrue(message.startswith(
+                b"GET /page?x=1&y=2 HTTP/1.1\r\nHost: get1.relay.test:%d\r\n" % RELAY.outside_port), message)
+            self.assertIn(b"\r\nX-Probe: one\r\n", message)
+            self.assertTrue(message.endswith(b"\r\n\r\n"))
+
+            answer = (b"HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nX-Odd-Case: Kept\r\n"
+                      b"Content-Length: 12\r\n\r\n<p>hello</p>")
+            # Split inside the head and inside the body.
+            self.assertEqual(Device.reply(reply_url, [answer[:7], answer[7:40], answer[40:-3], answer[-3:]]), 200)
+            status, head, body = outside()
+            self.assertEqual(status, 200)
+            self.assertEqual(head + body, answer)
+        finally:
+            device.close()
+
+    def test_head_request(self):
+        device = Device("head1")
+        try:
+            device.register()
+            outside = curl_async("head1", "/b", "-I")
+            message, reply_url, _ = device.poll_request()
+            self.assertTrue(message.startswith(b"HEAD /b HTTP/1.1\r\n"))
+            # A HEAD answer announces a length but carries no body.
+            self.assertEqual(Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n"]), 200)
+            status, head, _ = outside()  # curl -I writes the head as its output too
+            self.assertEqual((status, head), (200, b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n"))
+        finally:
+            device.close()
+
+    def test_outside_connection_is_kept_alive(self):
+        device = Device("alive1")
+        try:
+            device.register()
+            host = "alive1.relay.test:%d" % RELAY.outside_port
+            outside = in_thread(lambda: subprocess.run(
+                ["curl", "-sS", "--noproxy", "*", "--max-time", "60", "--resolve", host + ":127.0.0.1",
+                 "-w", "[%{http_code} %{num_connects}]", "http://%s/1" % host, "http://%s/2" % host],
+                capture_output=True, timeout=90).stdout)
+            for number in (1, 2):
+                message, reply_url, _ = device.poll_request()
+                self.assertTrue(message.startswith(b"GET /%d HTTP/1.1\r\n" % number), message)
+                Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n%d" % number])
+            # The second transfer reused the first one's connection.
+            self.assertEqual(outside(), b"1[200 1]2[200 0]")
+        finally:
+            device.close()
+
+    def test_post_with_length_and_expect_continue(self):
+        data = os.urandom(2 * 1024 * 1024 + 7)
+        path = os.path.join(WORK, "upload")
+        with open(path, "wb") as upload:
+            upload.write(data)
+        device = Device("post1")
+        try:
+            device.register()
+            outside = curl_async("post1", "/upload", "-H", "Expect: 100-continue", "--data-binary", "@" + path)
+            message, reply_url, _ = device.poll_request()
+            head, body = message.split(b"\r\n\r\n", 1)
+            self.assertTrue(head.startswith(b"POST /upload HTTP/1.1\r\n"))
+            self.assertIn(b"\r\nContent-Length: %d" % len(data), head)
+            self.assertNotIn(b"Expect", head)  # the relay answered it
+            self.assertEqual(body, data)
+            Device.reply(reply_url, [b"HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n"])
+            status, head, _ = outside()
+            self.assertEqual(status, 201)
+            self.assertEqual(strip_interim(head), b"HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n")
+        finally:
+            device.close()
+
+    def test_chunked_post_is_relayed_chunked(self):
+        data = os.urandom(300000)
+        path = os.path.join(WORK, "upload-chunked")
+        with open(path, "wb") as upload:
+            upload.write(data)
+        device = Device("post2")
+        try:
+            device.register()
+            outside = curl_async("post2", "/c", "-H", "Transfer-Encoding: chunked", "--data-binary", "@" + path)
+            message, reply_url, fields = device.poll_request()
+            self.assertIn(("Transfer-Encoding", "chunked"), fields)
+            head, body = message.split(b"\r\n\r\n", 1)
+            self.assertIn(b"\r\nTransfer-Encoding: chunked", head)
+            self.assertEqual(decode_chunked(body), data)
+            answer = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n6\r\nsecond\r\n0\r\n\r\n"
+            Device.reply(reply_url, [answer[:50], answer[50:]])
+            status, _, body = outside()
+            self.assertEqual((status, body), (200, b"firstsecond"))
+        finally:
+            device.close()
+
+    def test_two_devices_at_once(self):
+        devices = [Device("twin1"), Device("twin2")]
+        try:
+            for device in devices:
+                device.register()
+            outsides = [curl_async(device.key, "/who") for device in devices]
+
+            def serve(device):
+                message, reply_url, _ = device.poll_request()
+                assert b"Host: %s.relay.test" % device.key.encode() in message, message
+                text = device.key.encode()
+                return Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s" % (len(text), text)])
+            servers = [in_thread(serve, device) for device in devices]
+            self.assertEqual([server() for server in servers], [200, 200])
+            self.assertEqual([outside()[2] for outside in outsides], [b"twin1", b"twin2"])
+        finally:
+            for device in devices:
+                device.close()
+
+    def test_large_download_is_streamed(self):
+        size = 40 * 1024 * 1024
+        block = hashlib.sha256(b"ferrule").digest() * 2048  # 64 KiB
+        device = Device("big1")
+        peak_before = RELAY.peak_rss_kb()
+        try:
+            device.register()
+            outside = curl_async("big1", "/big.bin")
+            _, reply_url, _ = device.poll_request()
+
+            def pieces():
+                yield b"HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: %d\r\n\r\n" % size
+                for _ in range(size // len(block)):
+                    yield block
+            self.assertEqual(Device.reply(reply_url, pieces()), 200)
+            status, _, body = outside()
+            self.assertEqual(status, 200)
+            self.assertEqual(len(body), size)
+            self.assertEqual(hashlib.sha256(body).digest(), hashlib.sha256(block * (size // len(block))).digest())
+        finally:
+            device.close()
+        # Streamed, not stored: the relay's peak memory grows far less than the body's size.
+        # (AddressSanitizer's quarantine keeps freed memory, so only plain builds tell.)
+        if not SANITIZED:
+            self.assertLess(RELAY.peak_rss_kb() - peak_before, 8 * 1024)
+
+
+class Failures(unittest.TestCase):
+    def test_unknown_device_gets_502(self):
+        status, head, body = curl("nosuchdevice", "/")
+        self.assertEqual(status, 502)
+        self.assertIn(b'"nosuchdevice"', body)
+        RELAY.wait_for(r'no device registered as "nosuchdevice", answering 502')
+
+    def test_request_never_fetched_gets_504(self):
+        device = Device("slow1")
+        try:
+            device.register()  # and never polls
+            started = RELAY.mark()
+            status, _, body = curl("slow1", "/")
+            self.assertEqual(status, 504)
+            RELAY.wait_for(r"device slow1 did not fetch it within 2\.5 s, answering 504", start=started)
+        finally:
+            device.close()
+
+    def test_request_never_answered_gets_504_and_late_reply_404(self):
+        device = Device("slow2")
+        try:
+            device.register()
+            outside = curl_async("slow2", "/")
+            _, reply_url, _ = device.poll_request()
+            status, _, _ = outside()
+            self.assertEqual(status, 504)
+            self.assertEqual(Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"]), 404)
+        finally:
+            device.close()
+
+    def test_malformed_answer_gets_502(self):
+        device = Device("bad1")
+        try:
+            device.register()
+            outside = curl_async("bad1", "/")
+            _, reply_url, _ = device.poll_request()
+            self.assertEqual(Device.reply(reply_url, [b"this is not HTTP\r\n\r\n"]), 400)
+            status, _, _ = outside()
+            self.assertEqual(status, 502)
+            outside = curl_async("bad1", "/")
+            _, reply_url, _ = device.poll_request()
+            self.assertEqual(Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\n\r\n"], content_type="text/plain"), 415)
+            status, _, _ = outside()
+            self.assertEqual(status, 502)
+        finally:
+            device.close()
+
+    def test_client_that_gives_up_is_withdrawn_from_the_queue(self):
+        device = Device("gone1")
+        try:
+            device.register()
+            started = RELAY.mark()
+            status, _, _ = curl("gone1", "/", "--max-time", "0.5")
+            self.assertEqual(status, 0)  # curl gave up
+            RELAY.wait_for(r"Request \S+: outside client \S+ went away while it was queued", start=started)
+            raw, status, _, _ = device.poll()
+            self.assertEqual(status, 204, raw)
+        finally:
+            device.close()
+
+    def test_device_that_drops_its_poll_is_noticed(self):
+        device = Device("drop1")
+        device.register()
+        started = RELAY.mark()
+        device.conn.send(device.conn.request_head("GET", device.relay_path))
+        RELAY.wait_for(r"Device drop1 polling from", start=started)
+        device.close()
+        RELAY.wait_for(r"Device drop1 closed its waiting relay GET from", start=started)
+
+    def test_untrusted_client_view_of_the_certificate(self):
+        # The certificate names *.relay.test, so a device using another name must fail verification.
+        with self.assertRaises(ssl.SSLCertVerificationError):
+            HttpConnection(RELAY.tls_port, "key.other.test", tls=True)
+
+
+class Options(unittest.TestCase):
+    def test_queue_limit_and_reply_host(self):
+        relay = RelayProcess("-q", "1", "-H", "replies.example")
+        device = Device("opt1", relay)
+        try:
+            device.register()
+            first = curl_async("opt1", "/1", port=relay.outside_port)
+            relay.wait_for(r"Request \S+ queued for device opt1 \(1 waiting\)")
+            status, _, _ = curl("opt1", "/2", port=relay.outside_port)
+            self.assertEqual(status, 503)
+            message, reply_url, _ = device.poll_request()
+            self.assertTrue(message.startswith(b"GET /1 "))
+            self.assertRegex(reply_url, r"^http://replies\.example:%d/rhttp/reply/" % relay.plain_port)
+            Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"])
+            self.assertEqual(first()[0], 200)
+        finally:
+            device.close()
+            self.assertEqual(relay.stop(), 0)
+
+
+class CommandLine(unittest.TestCase):
+    def test_usage_and_errors(self):
+        result = subprocess.run([BINARY, "-h"], capture_output=True, text=True, timeout=10)
+        self.assertEqual(result.returncode, 0)
+        self.assertTrue(result.stdout.startswith("Usage: ferrule-devrelay -c <cert.pem> -k <key.pem> [options]\n"))
+        self.assertIn('"KEY.<any domain>"', result.stdout)
+        result = subprocess.run([BINARY, "-k", "x"], capture_output=True, text=True, timeout=10)
+        self.assertEqual(result.returncode, 1)
+        self.assertTrue(result.stderr.startswith("ferrule-devrelay: Please give the certificate file (-c)\n\nUsage:"))
+        result = subprocess.run([BINARY, "-c", "/nonexistent.pem", "-k", "/nonexistent.key"],
+                                capture_output=True, text=True, timeout=10)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("Cannot use the certificate /nonexistent.pem", result.stderr)
+
+    def test_sigint_stops_cleanly(self):
+        relay = RelayProcess()
+        relay.proc.send_signal(signal.SIGINT)
+        self.assertEqual(relay.proc.wait(10), 0)
+        relay.wait_for(r"Got signal 2, stopping")
+        relay.wait_for(r"\[devrelay\] Stopped$")
+
+
+def main():
+    global BINARY, WORK, RELAY, SANITIZED
+    BINARY = os.path.abspath(sys.argv.pop(1))
+    SANITIZED = b"libasan" in subprocess.run(["ldd", BINARY], capture_output=True, timeout=10).stdout
+    for tool in ("curl", "openssl"):
+        if not shutil.which(tool):
+            print("missing %s (see scripts/packages/devrelay.txt)" % tool)
+            return 1
+    WORK = tempfile.mkdtemp(prefix="devrelay-test-")
+    try:
+        make_certificates()
+        RELAY = RelayProcess()
+        program = unittest.main(exit=False, verbosity=2)
+        status = RELAY.stop()
+        if status != 0:
+            print("relay exited with %s" % status)
+            return 1
+        if not program.result.wasSuccessful():
+            print("---- relay log ----\n" + "\n".join(RELAY.lines[-200:]))
+            return 1
+        return 0
+    finally:
+        if RELAY:
+            RELAY.stop()
+        shutil.rmtree(WORK, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
