@@ -81,10 +81,18 @@ class RevHttpTest : public ::testing::Test {
   std::shared_ptr<FakeClientRequest> relay(const std::vector<std::string>& pieces,
                                            const std::string& links = std::string(ReplyLink) +
                                                                       "Link: </rhttp/relay/k1/2>; rel=\"next\"\r\n") {
-    std::shared_ptr<FakeClientRequest> get = last();
+    std::shared_ptr<FakeClientRequest> get = currentGet();
     get->respond("HTTP/1.1 200 OK\r\nContent-Type: message/http\r\n" + links);
     for (const std::string& piece : pieces) get->bodyPiece(piece);
     return get;
+  }
+
+  // The relay GET that is outstanding.
+  std::shared_ptr<FakeClientRequest> currentGet() {
+    for (auto it = http->requests.rbegin(); it != http->requests.rend(); ++it) {
+      if ((*it)->method == "GET") return *it;
+    }
+    return nullptr;
   }
 
   // The reply POST made for the latest relayed request.
