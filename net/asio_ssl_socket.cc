@@ -63,7 +63,9 @@ struct Failure {
   std::string reason;
 };
 
-Failure handshakeFailure(SSL* ssl, const error_code& error) {
+Failure handshakeFailure(SslSocketState& state, const error_code& error) {
+  if (state.closed) return {ECANCELED, "cancelled"};
+  SSL* ssl = state.stream.native_handle();
   if (error.category() == boost::system::system_category()) return {error.value(), error.message()};
   if (!isSslCategory(error)) {
     // End of stream or a cut connection before the handshake finished.
@@ -88,14 +90,16 @@ Failure handshakeFailure(SSL* ssl, const error_code& error) {
 // For transfers on an established connection. The peer's close_notify and a
 // connection that ends without one are both plain end of stream: callers
 // rely on their own framing, as over TCP.
-int transferError(const error_code& error) {
+int transferError(const SslSocketState& state, const error_code& error) {
+  if (!error) return 0;
+  if (state.closed) return ECANCELED;
   if (error == boost::asio::ssl::error::stream_truncated) return 0;
   if (isSslCategory(error)) return SslStreamError;
   return asio_detail::errorNumber(error);
 }
 
 void logTransferFailure(const SslSocketState& state, const char* operation, const error_code& error) {
-  if (isSslCategory(error) && error != boost::asio::ssl::error::stream_truncated) {
+  if (!state.closed && isSslCategory(error) && error != boost::asio::ssl::error::stream_truncated) {
     QLOG(Log, log::Info, "%s on the connection to %s failed: %s", operation, state.hostName, reasonText(error));
   }
 }
@@ -145,7 +149,7 @@ void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback&
         if (error) {
           QLOG(Log, log::Debug, "TCP connection to %s (%s) failed: %s", state->hostName, address.toString(),
                error.message());
-          if (callback) callback(asio_detail::errorNumber(error));
+          if (callback) callback(state->closed ? ECANCELED : asio_detail::errorNumber(error));
           return;
         }
         state->stream.async_handshake(
@@ -157,7 +161,7 @@ void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback&
                 if (callback) callback(0);
                 return;
               }
-              const Failure failure = handshakeFailure(state->stream.native_handle(), error);
+              const Failure failure = handshakeFailure(*state, error);
               if (failure.code == ECANCELED) {
                 QLOG(Log, log::Debug, "TLS handshake with %s (%s) cancelled", state->hostName, address.toString());
               } else {
@@ -189,7 +193,7 @@ void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& 
   boost::asio::async_write(state->stream, pieces,
                            [state, buffers, gathered, callback](const error_code& error, std::size_t bytes) {
                              logTransferFailure(*state, "Send", error);
-                             if (callback) callback(transferError(error), bytes);
+                             if (callback) callback(transferError(*state, error), bytes);
                            });
 }
 
@@ -206,7 +210,7 @@ void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallbac
       *pieces, [state, buffers, pieces, callback](const error_code& error, std::size_t bytes) {
         if (error) {
           logTransferFailure(*state, "Receive", error);
-          if (callback) callback(transferError(error), bytes);
+          if (callback) callback(transferError(*state, error), bytes);
           return;
         }
         SSL* ssl = state->stream.native_handle();
@@ -247,6 +251,9 @@ SocketAddress AsioSslSocket::remoteAddress() const {
   return asio_detail::remoteAddress(state_->stream.next_layer());
 }
 
-void AsioSslSocket::close() { asio_detail::cancelAndClose(state_->stream.next_layer()); }
+void AsioSslSocket::close() {
+  state_->closed = true;
+  asio_detail::cancelAndClose(state_->stream.next_layer());
+}
 
 }  // namespace quorvel

@@ -21,6 +21,10 @@ struct SslSocketState {
   std::shared_ptr<boost::asio::ssl::context> context;
   boost::asio::ssl::stream<boost::asio::ip::tcp::socket> stream;
   std::string hostName;
+  // Set by close(): a TLS operation may go on to the socket after close (to
+  // read the rest of a record), where it fails as EBADF rather than as
+  // cancelled.
+  bool closed = false;
 };
 
 // A TLS client connection with the plain stream socket's semantics: send
