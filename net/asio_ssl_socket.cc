@@ -121,24 +121,22 @@ void AsioSslSocket::bind(const SocketAddress& address) { asio_detail::bind(state
 void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback& callback) {
   auto state = state_;
   const std::string& host = state->hostName;
-  if (verify_ && host.empty()) {
-    QLOG(Log, log::Warning, "Refusing to connect to %s: no host name to verify the server against",
-         address.toString());
-    boost::asio::post(state->stream.get_executor(), [state, callback] {
-      if (callback) callback(SslNoHostName);
-    });
-    return;
-  }
-
   SSL* ssl = state->stream.native_handle();
   const bool literal = isIpLiteral(host);
   if (verify_) {
+    // Without a name (or with one OpenSSL cannot take) any certificate from
+    // the trusted authorities would pass: refuse rather than connect.
     X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
-    if (literal) {
-      X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str());
-    } else {
-      X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-      X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size());
+    X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    const bool named = !host.empty() && (literal ? X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str())
+                                                 : X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size())) == 1;
+    if (!named) {
+      QLOG(Log, log::Warning, "Refusing to connect to %s: no usable host name to verify the server against ('%s')",
+           address.toString(), host);
+      boost::asio::post(state->stream.get_executor(), [state, callback] {
+        if (callback) callback(SslNoHostName);
+      });
+      return;
     }
   }
   // Server name indication carries names only, never address literals.

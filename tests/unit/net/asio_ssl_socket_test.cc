@@ -316,6 +316,13 @@ TEST_F(AsioSslSocketTest, ConnectWithoutHostNameIsRefusedBeforeAnyTraffic) {
   listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
   auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
   EXPECT_EQ(connect(*client, listener->localAddress()), SslNoHostName);
+  // A name OpenSSL cannot check is no better than none.
+  auto odd = clientFor(std::string("local\0host", 10));
+  EXPECT_EQ(connect(*odd, listener->localAddress()), SslNoHostName);
+  EXPECT_EQ(capture_->count("Refusing to connect to " + listener->localAddress().toString() +
+                            ": no usable host name to verify the server against ('')"),
+            1u)
+      << logged();
 }
 
 TEST_F(AsioSslSocketTest, LargeTransferIsByteExact) {
