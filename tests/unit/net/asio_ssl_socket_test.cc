@@ -1,6 +1,10 @@
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -9,8 +13,10 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -79,6 +85,54 @@ openssl x509 -req -in server.csr -CA other.pem -CAkey other.key -set_serial 3 -d
 echo 04 > serial
 openssl ca -batch -config ca.cnf -notext -startdate 20200101000000Z -enddate 20200201000000Z -in server.csr -out expired.pem
 )";
+
+// `openssl s_server` as an independent peer on a port of its choosing; it
+// sends each line it receives back reversed and serves one connection.
+class OpensslServer {
+ public:
+  OpensslServer(const std::string& dir, const std::string& certificate) : output_(dir + "/s_server.out") {
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int out = open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int in = open("/dev/null", O_RDONLY);
+      dup2(in, 0);
+      dup2(out, 1);
+      dup2(out, 2);
+      execlp("timeout", "timeout", "10", "openssl", "s_server", "-accept", "127.0.0.1:0", "-cert",
+             (dir + "/" + certificate).c_str(), "-key", (dir + "/server.key").c_str(), "-rev", "-ign_eof",
+             "-naccept", "1", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+  }
+
+  ~OpensslServer() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  // The port from its "ACCEPT 127.0.0.1:<port>" line, 0 if none comes
+  // within a few seconds.
+  unsigned short port() const {
+    const std::string marker = "ACCEPT 127.0.0.1:";
+    for (int attempt = 0; attempt < 500; ++attempt) {
+      std::stringstream text;
+      text << std::ifstream(output_).rdbuf();
+      const std::string seen = text.str();
+      const auto at = seen.find(marker);
+      if (at != std::string::npos && seen.find('\n', at) != std::string::npos) {
+        return static_cast<unsigned short>(std::stoi(seen.substr(at + marker.size())));
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return 0;
+  }
+
+ private:
+  std::string output_;
+  pid_t pid_ = -1;
+};
 
 class AsioSslSocketTest : public ::testing::Test {
  protected:
@@ -241,6 +295,17 @@ TEST_F(AsioSslSocketTest, TrustedServerExchangesBytesBothWays) {
     EXPECT_EQ(server.serverName(), host == "localhost" ? "localhost" : "");
     EXPECT_EQ(server.applicationBytes(), request.size());
   }
+}
+
+TEST_F(AsioSslSocketTest, TalksToOpensslServer) {
+  OpensslServer server(dir_, "trusted.pem");
+  const unsigned short port = server.port();
+  ASSERT_NE(port, 0) << "s_server did not start";
+  auto client = clientFor("localhost");
+  ASSERT_EQ(connect(*client, SocketAddress(AF_INET, SocketAddress::Loopback, port)), 0);
+  client->send(chainOf("ping\n"), {});
+  EXPECT_EQ(receiveUpTo(*client, 5), "gnip\n");
+  client->close();
 }
 
 TEST_F(AsioSslSocketTest, VerificationFailuresAreReportedAndNothingIsSent) {
