@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "http/encoding_parser.h"
 #include "revhttp/reverse_http_client.h"
 #include "revhttp/target_exchange.h"
 
@@ -25,6 +26,7 @@ struct ReverseHttpClient::PendingRequest : std::enable_shared_from_this<PendingR
     relayBody.reset();
     headFilled = 0;
     headParsed = relayEnded = bodyFollows = taken = false;
+    chunked.reset();
     targetRequest.reset();
     targetResponse.reset();
     replyRequest.reset();
@@ -48,6 +50,8 @@ struct ReverseHttpClient::PendingRequest : std::enable_shared_from_this<PendingR
   bool relayEnded = false;
   bool bodyFollows = false;
   bool taken = false;
+  // Handlers get the body without its chunked framing, as from any client.
+  std::unique_ptr<ChunkedEncodingParser> chunked;
 
   std::shared_ptr<TargetRequest> targetRequest;
   std::shared_ptr<TargetResponse> targetResponse;

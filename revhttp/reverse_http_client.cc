@@ -279,7 +279,7 @@ void ReverseHttpClient::relayData(PendingRequest& pending, const BufferChainPtr&
   const std::size_t size = piece.chain().size();
   if (pending.headParsed) {
     QLOG(Log, log::Debug, "%s: Forwarded %u bytes of relay data", pending.name, size);
-    if (pending.taken && pending.bodyFollows) pending.targetRequest->deliver(piece);
+    if (pending.taken && pending.bodyFollows) forwardBody(pending, piece);
     return;
   }
 
@@ -320,7 +320,11 @@ void ReverseHttpClient::headComplete(PendingRequest& pending, std::size_t separa
   auto request = std::make_shared<TargetRequest>(handle, std::move(headers));
   pending.targetRequest = request;
   pending.bodyFollows = request->headers().hasBody();
-  if (!pending.bodyFollows) request->deliverEnd();
+  if (!pending.bodyFollows) {
+    request->deliverEnd();
+  } else if (!request->headers().has(HttpHeader::ContentLength)) {
+    pending.chunked = std::make_unique<ChunkedEncodingParser>(pool_);
+  }
   QLOG(Log, log::Info, "%s: Forwarding request: %s %s %s", pending.name, request->headers().method(),
        request->headers().requestTarget(), request->headers().version());
 
@@ -338,7 +342,27 @@ void ReverseHttpClient::headComplete(PendingRequest& pending, std::size_t separa
     // This piece has been read to its end; what follows the head is the
     // body's first data.
     piece.chain().trimFront(bodyStart);
-    request->deliver(piece);
+    forwardBody(pending, piece);
+  }
+}
+
+void ReverseHttpClient::forwardBody(PendingRequest& pending, const BufferChainPtr& piece) {
+  if (!pending.chunked) {
+    pending.targetRequest->deliver(piece);
+    return;
+  }
+  ChunkedEncodingParser& parser = *pending.chunked;
+  if (parser.isFinished() || parser.isFailed()) return;
+  BufferChain input = BufferChainPtr(piece).release();
+  parser.feed(input);
+  const uint64_t use = pending.generation;
+  if (BufferChainPtr data = parser.takeData()) pending.targetRequest->deliver(data);
+  if (!pending.isActive(use)) return;
+  if (parser.isFailed()) {
+    QLOG(Log, log::Notice, "%s: Relayed request has a malformed chunked body", pending.name);
+    doneStep(pending);
+  } else if (parser.isFinished()) {
+    pending.targetRequest->deliverEnd();
   }
 }
 

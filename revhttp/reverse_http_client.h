@@ -81,6 +81,7 @@ class ReverseHttpClient : public std::enable_shared_from_this<ReverseHttpClient>
   void drainRelayBody(PendingRequest& pending);
   void relayData(PendingRequest& pending, const BufferChainPtr& piece);
   void relayDataEnd(PendingRequest& pending);
+  void forwardBody(PendingRequest& pending, const BufferChainPtr& piece);
   void headComplete(PendingRequest& pending, std::size_t separator, std::size_t filledBefore,
                     const BufferChainPtr& piece);
 

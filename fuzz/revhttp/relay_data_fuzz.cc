@@ -29,8 +29,10 @@ class Handler : public WebRequestHandler {
       }
     });
     request->createResponse(HttpStatus::Ok)->send("ok", 2);
+    last = request;
     return true;
   }
+  std::shared_ptr<WebRequest> last;
   std::string head, body;
   int ends = 0;
 };
@@ -38,8 +40,9 @@ class Handler : public WebRequestHandler {
 struct Outcome {
   std::string head, body, reply;
   int ends = 0;
+  bool active = false;  // false when a malformed chunked body ended the request
   bool operator!=(const Outcome& o) const {
-    return head != o.head || body != o.body || reply != o.reply || ends != o.ends;
+    return head != o.head || body != o.body || reply != o.reply || ends != o.ends || active != o.active;
   }
 };
 
@@ -62,7 +65,8 @@ Outcome relay(const std::shared_ptr<BufferPool>& pool, const uint8_t* data, std:
   }
   get->bodyEnd();
   get->finish();
-  Outcome outcome{handler->head, handler->body, std::string(), handler->ends};
+  Outcome outcome{handler->head, handler->body, std::string(), handler->ends,
+                  handler->last && handler->last->isActive()};
   for (const std::shared_ptr<FakeClientRequest>& request : http->requests) {
     if (request->method == "POST" && request->path != "/rhttp/register") outcome.reply = request->body;
   }
@@ -85,7 +89,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (i < size) ++i;
   const Outcome whole = relay(pool, data + i, size - i, {});
   const Outcome split = relay(pool, data + i, size - i, pieces);
-  if (whole != split) __builtin_trap();
+  if (whole.active && split.active) {
+    if (whole != split) __builtin_trap();
+  } else {
+    // A chunk-size line held back across pieces may fail earlier on its
+    // length limit: what was passed on is then a prefix of the whole body.
+    if (whole.head != split.head) __builtin_trap();
+    const std::string& shorter = whole.body.size() < split.body.size() ? whole.body : split.body;
+    const std::string& longer = whole.body.size() < split.body.size() ? split.body : whole.body;
+    if (longer.compare(0, shorter.size(), shorter) != 0) __builtin_trap();
+  }
   if (pool->freeBuffers() != pool->totalBuffers()) __builtin_trap();
   return 0;
 }

@@ -118,7 +118,7 @@ TEST_F(RelayLoop, HeadSplitOverPiecesIsCollected) {
   EXPECT_EQ(handler->body, "");
 }
 
-TEST_F(RelayLoop, HeadAndFirstBodyBytesInOnePieceAndChunkedBodiesPassUnchanged) {
+TEST_F(RelayLoop, HeadAndFirstBodyBytesInOnePieceAndChunkedBodiesArriveDecoded) {
   registered();
   relay({"POST /f HTTP/1.1\r\nContent-Length: 11\r\n\r\nhello"});
   std::shared_ptr<FakeClientRequest> get = http->requests[1];
@@ -128,11 +128,19 @@ TEST_F(RelayLoop, HeadAndFirstBodyBytesInOnePieceAndChunkedBodiesPassUnchanged) 
   EXPECT_EQ(handler->ends, 1);
 
   handler->body.clear();
-  std::shared_ptr<FakeClientRequest> next = last();
-  relay({"POST /c HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n5\r\nhel", "lo\r\n0\r\n\r\n"});
-  next->bodyEnd();
-  EXPECT_EQ(handler->body, "5\r\nhello\r\n0\r\n\r\n");
+  std::shared_ptr<FakeClientRequest> next = currentGet();
+  relay({"POST /c HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n5\r\nhel", "lo\r\n3\r\n", "abc\r\n0\r", "\n\r\n"});
+  EXPECT_EQ(handler->body, "helloabc");
+  // The body is complete at its last chunk, before the relay body ends.
   EXPECT_TRUE(handler->requests[1]->isBodyComplete());
+  EXPECT_EQ(handler->ends, 2);
+  next->bodyEnd();
+  EXPECT_EQ(handler->ends, 2);
+
+  relay({"POST /bad HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"});
+  EXPECT_TRUE(logged("https://k1.relay.test/rhttp/relay/k1/2: Relayed request has a malformed chunked body",
+                     log::Notice));
+  EXPECT_FALSE(handler->requests[2]->isActive());
 }
 
 TEST_F(RelayLoop, HeadOverTheBufferAndMalformedHeadsAreDroppedUnanswered) {
