@@ -76,9 +76,28 @@ ReverseHttpClient::ClientRequestPtr ReverseHttpClient::makeRequest(const char* m
   return http_->createRequest(method, Url::scheme(url), authority, authority, path);
 }
 
-void ReverseHttpClient::replaceRequestInProgress(const ClientRequestPtr& request) {
+ReverseHttpClient::ClientRequestPtr ReverseHttpClient::beginRequest(const char* method, const std::string& url,
+                                                                   ResponseStep onResponse, ErrorStep onError) {
+  ClientRequestPtr request;
+  try {
+    request = makeRequest(method, url);
+  } catch (const std::exception& error) {
+    QLOG(Log, log::Notice, "%s request to %s failed: %s", method, url, error.what());
+    awaitedSerial_ = 0;
+    retryStep();
+    return nullptr;
+  }
   if (inProgress_) releaseLater(std::move(inProgress_));
   inProgress_ = request;
+  const uint64_t serial = awaitedSerial_ = ++lastSerial_;
+  const std::weak_ptr<ReverseHttpClient> self = weak_from_this();
+  request->setResponseHandler([self, serial, onResponse](const ClientResponsePtr& response) {
+    if (std::shared_ptr<ReverseHttpClient> client = self.lock()) ((*client).*onResponse)(serial, response);
+  });
+  request->setErrorHandler([self, serial, onError](const boost::system::error_code& code) {
+    if (std::shared_ptr<ReverseHttpClient> client = self.lock()) ((*client).*onError)(serial, code);
+  });
+  return request;
 }
 
 // ---- registration
@@ -86,25 +105,9 @@ void ReverseHttpClient::replaceRequestInProgress(const ClientRequestPtr& request
 void ReverseHttpClient::registerStep() {
   QLOG(Log, log::Info, "Registering at %s with key %s", registrationUrl_, key_);
   relayUrl_.clear();
-  const uint64_t serial = ++lastSerial_;
-  awaitedSerial_ = serial;
-  ClientRequestPtr request;
-  try {
-    request = makeRequest("POST", registrationUrl_);
-  } catch (const std::exception& error) {
-    QLOG(Log, log::Notice, "Registration request failed: %s", error.what());
-    awaitedSerial_ = 0;
-    retryStep();
-    return;
-  }
-  replaceRequestInProgress(request);
-  const std::weak_ptr<ReverseHttpClient> self = weak_from_this();
-  request->setResponseHandler([self, serial](const ClientResponsePtr& response) {
-    if (std::shared_ptr<ReverseHttpClient> client = self.lock()) client->onRegisterResponse(serial, response);
-  });
-  request->setErrorHandler([self, serial](const boost::system::error_code& code) {
-    if (std::shared_ptr<ReverseHttpClient> client = self.lock()) client->onRegisterError(serial, code);
-  });
+  ClientRequestPtr request =
+      beginRequest("POST", registrationUrl_, &ReverseHttpClient::onRegisterResponse, &ReverseHttpClient::onRegisterError);
+  if (!request) return;
   request->headers().addField(HttpHeader::ContentType, "application/x-www-form-urlencoded");
   request->send(registerBody_.data(), registerBody_.size());
 }
@@ -148,26 +151,10 @@ void ReverseHttpClient::retryStep() {
 
 void ReverseHttpClient::relayRequestStep() {
   QLOG(Log, log::Debug, "Starting relay request to %s", relayUrl_);
-  const uint64_t serial = ++lastSerial_;
-  awaitedSerial_ = serial;
-  ClientRequestPtr request;
-  try {
-    request = makeRequest("GET", relayUrl_);
-  } catch (const std::exception& error) {
-    QLOG(Log, log::Notice, "Relay request to %s failed: %s", relayUrl_, error.what());
-    awaitedSerial_ = 0;
-    retryStep();
-    return;
-  }
-  replaceRequestInProgress(request);
+  ClientRequestPtr request =
+      beginRequest("GET", relayUrl_, &ReverseHttpClient::onRelayResponse, &ReverseHttpClient::onRelayError);
+  if (!request) return;
   request->headers().addField(HttpHeader::Accept, "message/http");
-  const std::weak_ptr<ReverseHttpClient> self = weak_from_this();
-  request->setResponseHandler([self, serial](const ClientResponsePtr& response) {
-    if (std::shared_ptr<ReverseHttpClient> client = self.lock()) client->onRelayResponse(serial, response);
-  });
-  request->setErrorHandler([self, serial](const boost::system::error_code& code) {
-    if (std::shared_ptr<ReverseHttpClient> client = self.lock()) client->onRelayError(serial, code);
-  });
   request->send(nullptr, 0);
 }
 

@@ -72,8 +72,13 @@ class ReverseHttpClient : public std::enable_shared_from_this<ReverseHttpClient>
   void relayRequestStep();
   void onRelayResponse(uint64_t serial, const ClientResponsePtr& response);
   void onRelayError(uint64_t serial, const boost::system::error_code& code);
+  using ResponseStep = void (ReverseHttpClient::*)(uint64_t serial, const ClientResponsePtr& response);
+  using ErrorStep = void (ReverseHttpClient::*)(uint64_t serial, const boost::system::error_code& code);
   ClientRequestPtr makeRequest(const char* method, const std::string& url);
-  void replaceRequestInProgress(const ClientRequestPtr& request);
+  // Makes the new request in progress, its handlers bound to its serial.
+  // Null, with a retry scheduled, when the HTTP client refuses the URL.
+  ClientRequestPtr beginRequest(const char* method, const std::string& url, ResponseStep onResponse,
+                                ErrorStep onError);
 
   PendingPtr obtainPending();
   void recycleFinished();

@@ -80,7 +80,7 @@ TEST_F(Registration, FailuresAreLoggedAndRetried) {
   http->refuseHttps = true;
   last()->respond("HTTP/1.1 404 Not Found\r\n");
   reactor->advance(Duration::seconds(4));
-  EXPECT_TRUE(logged("Registration request failed: HTTPS connections not supported", log::Notice));
+  EXPECT_TRUE(logged("POST request to https://k1.relay.test/rhttp/register failed: HTTPS connections not supported", log::Notice));
   EXPECT_EQ(reactor->nextDue(), reactor->clock().now() + Duration::seconds(8));
 }
 
