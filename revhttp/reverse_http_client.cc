@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <utility>
 
 #include "core/log.h"
@@ -22,10 +23,24 @@ const std::size_t HeadSeparatorLength = 4;
 
 // Responses whose body nobody wants are still read to their end, so that the
 // exchange completes and its connection can be used again: a source whose
-// sink has gone drops what it is given without holding the producer back.
+// sink has gone drops what it is given without holding the producer back,
+// and a sink that is never full lets go of a producer waiting already.
 void discardBody(const std::shared_ptr<WebClientResponse>& response) {
-  auto sink = std::make_shared<BodySink>();
+  auto sink = std::make_shared<BodySink>(std::numeric_limits<std::size_t>::max());
   response->body().connect(sink);
+}
+
+// A sink that nobody reads any more is still emptied as things arrive, or
+// its producer would wait for room forever.
+void discardInto(const std::shared_ptr<BodySink>& sink) {
+  if (!sink) return;
+  const std::weak_ptr<BodySink> weak = sink;
+  sink->setReadyHandler([weak]() {
+    if (std::shared_ptr<BodySink> held = weak.lock()) {
+      while (held->hasItem()) held->take();
+    }
+  });
+  while (sink->hasItem()) sink->take();
 }
 
 // Clamps the doubled wait to the longest one.
@@ -500,6 +515,8 @@ void ReverseHttpClient::doneStep(PendingRequest& pending) {
   QLOG(Log, log::Debug, "Pending request %s done, removing", pending.name);
   pending.generation = 0;
   pending.pumping = false;
+  discardInto(pending.relayBody);
+  if (pending.targetResponse) discardInto(pending.targetResponse->bodySink().lock());
   // An upload still going has nothing more coming.
   if (pending.replyRequest && !pending.replyComplete) pending.replyRequest->cancel();
   const auto found =
