@@ -1,0 +1,136 @@
+#include "net/buffer_pool.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "core/log.h"
+
+namespace quorvel {
+namespace {
+
+const log::Log Log("bufferpool");
+
+constexpr unsigned MinGrowStep = 32;
+
+std::size_t strideFor(std::size_t bufferSize) {
+  const std::size_t raw = sizeof(Buffer) + bufferSize;
+  const std::size_t align = alignof(Buffer);
+  return (raw + align - 1) / align * align;
+}
+
+}  // namespace
+
+BufferPool::BufferPool(std::size_t bufferSize, unsigned initialPartitions, unsigned maxPartitions)
+    : bufferSize_(bufferSize),
+      stride_(strideFor(bufferSize)),
+      maxBuffers_(maxPartitions),
+      growStep_(std::max(initialPartitions, MinGrowStep)) {
+  if (bufferSize == 0) throw std::invalid_argument("Partition size cannot be zero");
+  if (maxPartitions != 0 && maxPartitions < initialPartitions) {
+    throw std::invalid_argument("initialPartitions > maxPartitions");
+  }
+  if (initialPartitions > 0) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    grow(initialPartitions);
+  }
+}
+
+BufferPool::~BufferPool() {
+  while (blocks_) {
+    Block* next = blocks_->next;
+    std::free(blocks_);
+    blocks_ = next;
+  }
+}
+
+Buffer* BufferPool::bufferAt(Block* block, std::size_t i) const {
+  return reinterpret_cast<Buffer*>(reinterpret_cast<uint8_t*>(block + 1) + stride_ * i);
+}
+
+bool BufferPool::grow(unsigned count) {
+  if (count == 0) return false;
+  // The request must fit whole, though the enlargement may be cut back.
+  if (maxBuffers_ != 0 && static_cast<uint64_t>(total_) + count > maxBuffers_) return false;
+  unsigned n = std::max(count, growStep_);
+  if (maxBuffers_ != 0) n = std::min(n, maxBuffers_ - total_);
+  QLOG(Log, log::Info, "Allocating %u more buffers", n);
+  if (n > (SIZE_MAX - sizeof(Block)) / stride_) return false;
+  auto* block = static_cast<Block*>(std::calloc(1, sizeof(Block) + stride_ * n));
+  if (!block) return false;
+  block->next = blocks_;
+  block->count = n;
+  blocks_ = block;
+  for (unsigned i = 0; i < n; ++i) {
+    Buffer* b = bufferAt(block, i);
+    b->offset = 0;
+    b->length = static_cast<uint32_t>(bufferSize_);
+    b->next = i + 1 < n ? bufferAt(block, i + 1) : freeList_;
+  }
+  freeList_ = bufferAt(block, 0);
+  growStep_ *= 2;
+  total_ += n;
+  freeCount_ += n;
+  return true;
+}
+
+BufferChain BufferPool::allocate(std::size_t size) {
+  QLOG(Log, log::Debug, "allocate(%u)", size);
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::size_t wanted = (size + bufferSize_ - 1) / bufferSize_;
+  if (wanted == 0) return BufferChain();
+  if (wanted > 0xffffffffu) return BufferChain();
+  const auto count = static_cast<unsigned>(wanted);
+  if (freeCount_ < count && !grow(count - freeCount_)) return BufferChain();
+  Buffer* first = freeList_;
+  Buffer* b = first;
+  for (unsigned i = 0;; ++i) {
+    b->deleter = this;
+    b->offset = 0;
+    b->length = static_cast<uint32_t>(bufferSize_);
+    QLOG(Log, log::Spam, "  Allocating block 0x%x", reinterpret_cast<uintptr_t>(b));
+    if (i + 1 == count) break;
+    b = b->next;
+  }
+  b->length = static_cast<uint32_t>(size - (count - 1) * bufferSize_);
+  freeList_ = b->next;
+  b->next = nullptr;
+  freeCount_ -= count;
+  QLOG(Log, log::Debug, "allocate: New chain starts at 0x%x, count %u, total %u", reinterpret_cast<uintptr_t>(first),
+       count, total_ - freeCount_);
+  publish();
+  return BufferChain(first);
+}
+
+void BufferPool::release(Buffer* buffer) {
+  if (!buffer) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  QLOG(Log, log::Spam, "  Releasing block 0x%x", reinterpret_cast<uintptr_t>(buffer));
+  buffer->deleter = nullptr;
+  buffer->next = freeList_;
+  freeList_ = buffer;
+  ++freeCount_;
+  publish();
+}
+
+void BufferPool::setInUseObserver(const Delegate<void(unsigned)>& observer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  inUseObserver_ = observer;
+}
+
+void BufferPool::publish() {
+  if (inUseObserver_) inUseObserver_(total_ - freeCount_);
+}
+
+unsigned BufferPool::totalBuffers() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return total_;
+}
+
+unsigned BufferPool::freeBuffers() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return freeCount_;
+}
+
+}  // namespace quorvel
