@@ -114,6 +114,11 @@ uint16_t SocketAddress::port() const {
   return 0;
 }
 
+void SocketAddress::setPort(uint16_t port) {
+  const int f = family();
+  if (f == AF_INET || f == AF_INET6 || f == FamilySpecial) storeBigEndian16(bytes() + PortOffset, port);
+}
+
 const uint8_t* SocketAddress::addressBytes() const {
   switch (family()) {
     case AF_INET:

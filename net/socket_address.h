@@ -47,6 +47,8 @@ class SocketAddress {
   int family() const { return storage_.ss_family; }
   // Host order; 0 for families without a port.
   uint16_t port() const;
+  // Families 2, 10 and 255 only; others are left as they are.
+  void setPort(uint16_t port);
 
   // The 4 or 16 address bytes (null for other families).
   const uint8_t* addressBytes() const;
