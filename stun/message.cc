@@ -71,6 +71,12 @@ SocketAddress decodeAddress(const Message& message, const Attribute& attribute, 
 
 }  // namespace
 
+TransactionId makeTransactionId(RandomSource& random) {
+  TransactionId id;
+  random.fill(id.data(), static_cast<int>(id.size()));
+  return id;
+}
+
 uint16_t encodeMessageType(int messageClass, int method) {
   const unsigned m = static_cast<unsigned>(method), c = static_cast<unsigned>(messageClass);
   return static_cast<uint16_t>((m & 0x000F) | ((m & 0x0070) << 1) | ((m & 0x0F80) << 2) | ((c & 1) << 4) |

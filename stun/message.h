@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/random_source.h"
 #include "net/socket_address.h"
 
 namespace quorvel {
@@ -110,6 +111,9 @@ class Message {
 
 // Messages travel between the agent, its callbacks and the session shared.
 using MessagePtr = std::shared_ptr<Message>;
+
+// A fresh id for a new transaction.
+TransactionId makeTransactionId(RandomSource& random);
 
 uint16_t encodeMessageType(int messageClass, int method);
 int decodeMessageClass(uint16_t type);
