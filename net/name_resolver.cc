@@ -1,0 +1,80 @@
+#include "net/name_resolver.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include <boost/bind/bind.hpp>
+
+#include "core/log.h"
+
+namespace quorvel {
+namespace {
+
+const log::Log Log("resolver");
+
+struct ServiceEntry {
+  const char* name;
+  uint16_t port;
+};
+
+// Looked up here rather than in the system's service database, which the
+// device may not have.
+const ServiceEntry Services[] = {{"http", 80}, {"https", 443}, {"rtsp", 554}, {"stun", 3478}, {"", 0}};
+
+}  // namespace
+
+NetNameResolver::NetNameResolver(std::shared_ptr<Reactor> reactor)
+    : reactor_(std::move(reactor)),
+      runner_(std::make_unique<WorkRunner<WorkItem>>(&NetNameResolver::lookUp,
+                                                     boost::bind(&NetNameResolver::handBack, this,
+                                                                 boost::placeholders::_1))) {}
+
+NetNameResolver::~NetNameResolver() { runner_.reset(); }
+
+void NetNameResolver::resolve(const std::string& host, const std::string& service, const Callback& callback) {
+  QLOG(Log, log::Debug, "Resolving host %s, service %s", host, service);
+  auto item = std::make_shared<WorkItem>();
+  item->host = host;
+  item->service = service;
+  item->callback = callback;
+  runner_->enqueue(item);
+}
+
+void NetNameResolver::lookUp(WorkItem& item) {
+  uint16_t port = 0;
+  for (const ServiceEntry* entry = Services; entry->name[0] != '\0'; ++entry) {
+    if (item.service == entry->name) {
+      port = entry->port;
+      break;
+    }
+  }
+  const char* service = port != 0 || item.service.empty() ? nullptr : item.service.c_str();
+  addrinfo* found = nullptr;
+  const int result = ::getaddrinfo(item.host.empty() ? nullptr : item.host.c_str(), service, nullptr, &found);
+  if (result != 0) {
+    QLOG(Log, log::Notice, "Failed to resolve host %s, service %s: error code %d", item.host, item.service, result);
+    return;
+  }
+  for (const addrinfo* entry = found; entry; entry = entry->ai_next) {
+    if (!entry->ai_addr || entry->ai_addrlen > SocketAddress::StorageSize) continue;
+    SocketAddress address(entry->ai_addr, entry->ai_addrlen);
+    if (port != 0) address.setPort(port);
+    QLOG(Log, log::Debug, "%s -> %s", item.host, address.addressText());
+    item.addresses.push_back(address);
+  }
+  ::freeaddrinfo(found);
+}
+
+void NetNameResolver::handBack(const std::shared_ptr<WorkItem>& item) {
+  // On the worker thread: the reactor takes it from here; a resolver gone by
+  // then takes its token along and the result is dropped.
+  reactor_->post(token_, [item] {
+    WorkRunner<WorkItem>::deliver([&item] {
+      if (item->callback) item->callback(*item, !item->addresses.empty());
+    });
+  });
+}
+
+}  // namespace quorvel

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/delegate.h"
+#include "core/lifetime.h"
+#include "core/reactor.h"
+#include "net/socket_address.h"
+#include "net/work_runner.h"
+
+namespace quorvel {
+
+class NameResolver {
+ public:
+  struct Result {
+    std::string host;
+    std::string service;
+    // Every address the system returned, in its order, duplicates included
+    // (one per socket type); empty when the lookup failed.
+    std::vector<SocketAddress> addresses;
+  };
+  // Runs on the reactor's thread; `found` is true when there is at least one
+  // address.
+  using Callback = Delegate<void(const Result& result, bool found)>;
+
+  virtual ~NameResolver() = default;
+  // Returns at once. `service` is a port number as text, one of the fixed
+  // names "http", "https", "rtsp", "stun", any other service name the system
+  // knows, or empty for port 0.
+  virtual void resolve(const std::string& host, const std::string& service, const Callback& callback) = 0;
+};
+
+// Looks names up with the system resolver on a worker thread and posts the
+// results back to the reactor. Results still on their way when the resolver
+// is destroyed are dropped.
+class NetNameResolver : public NameResolver {
+ public:
+  struct WorkItem : Result {
+    Callback callback;
+  };
+
+  explicit NetNameResolver(std::shared_ptr<Reactor> reactor);
+  ~NetNameResolver() override;
+
+  void resolve(const std::string& host, const std::string& service, const Callback& callback) override;
+
+  // The lookup itself, as the worker runs it (blocking).
+  static void lookUp(WorkItem& item);
+
+ private:
+  void handBack(const std::shared_ptr<WorkItem>& item);
+
+  std::shared_ptr<Reactor> reactor_;
+  LifetimeToken token_ = makeLifetimeToken();
+  std::unique_ptr<WorkRunner<WorkItem>> runner_;  // last: its thread uses the members above
+};
+
+}  // namespace quorvel

@@ -1,0 +1,350 @@
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "net/asio_socket_factory.h"
+#include "net/buffer_pool.h"
+#include "net/socket_error.h"
+#include "tests/support/log_capture.h"
+
+namespace quorvel {
+namespace {
+
+template <typename F>
+std::string thrownText(F f) {
+  try {
+    f();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "(nothing thrown)";
+}
+
+class AsioSocketTest : public ::testing::Test {
+ protected:
+  // Runs the loop until a test calls stop(), at most a few seconds.
+  void run() {
+    reactor_->scheduleAfter(token_, Duration::seconds(5), [this] {
+      timedOut_ = true;
+      reactor_->stop();
+    });
+    reactor_->run();
+    EXPECT_FALSE(timedOut_) << "the loop was stopped by the guard timer";
+  }
+
+  void stop() { reactor_->stop(); }
+
+  BufferChainPtr chainOf(const std::string& text) {
+    BufferChain chain = pool_.allocate(text.size());
+    copyToChain(text.data(), text.data() + text.size(), chain.begin());
+    return BufferChainPtr(chain);
+  }
+
+  static std::string firstBytes(const BufferChainPtr& buffers, std::size_t n) {
+    return std::string(buffers.chain().begin(), buffers.chain().begin() + n);
+  }
+
+  std::shared_ptr<AsyncSocket> udpOnLoopback() {
+    auto socket = factory_.createSocket(AF_INET, SOCK_DGRAM, 0);
+    socket->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+    return socket;
+  }
+
+  std::shared_ptr<AsioReactor> reactor_ = std::make_shared<AsioReactor>();
+  AsioSocketFactory factory_{reactor_};
+  BufferPool pool_{8, 0, 0};  // small buffers: every transfer spans several
+  LifetimeToken token_ = makeLifetimeToken();
+  bool timedOut_ = false;
+};
+
+TEST_F(AsioSocketTest, FactoryRejectsWhatItCannotMake) {
+  EXPECT_EQ(thrownText([&] { factory_.createSocket(AF_INET, SOCK_STREAM, IPPROTO_UDP); }),
+            "Unsupported stream protocol");
+  EXPECT_EQ(thrownText([&] { factory_.createSocket(AF_INET, SOCK_DGRAM, IPPROTO_TCP); }),
+            "Unsupported datagram protocol");
+  EXPECT_EQ(thrownText([&] { factory_.createSocket(1, SOCK_STREAM, 0); }), "Unsupported protocol family");
+  EXPECT_EQ(thrownText([&] { factory_.createSocket(AF_INET, 3, 0); }), "Unsupported protocol");
+  EXPECT_THROW(factory_.createSocket(AF_INET, 3, 0), std::logic_error);
+  EXPECT_EQ(thrownText([&] { factory_.createListener(AF_INET, SOCK_DGRAM, 0); }), "Unsupported socket type");
+  EXPECT_EQ(thrownText([&] { factory_.createListener(AF_INET6, SOCK_STREAM, IPPROTO_UDP); }),
+            "Unsupported stream protocol");
+  EXPECT_EQ(thrownText([&] { factory_.createListener(3, SOCK_STREAM, 0); }), "Unsupported protocol family");
+
+  auto tcp = factory_.createSocket(AF_INET6, SOCK_STREAM, IPPROTO_TCP);
+  EXPECT_EQ(thrownText([&] { tcp->sendTo(chainOf("x"), SocketAddress(AF_INET6, SocketAddress::Loopback, 9), {}); }),
+            "sendTo not supported by stream sockets");
+  EXPECT_EQ(thrownText([&] { tcp->receiveFrom(chainOf("x"), {}); }), "receiveFrom not supported by stream sockets");
+  EXPECT_THROW(tcp->remoteAddress(), SocketError);
+}
+
+TEST_F(AsioSocketTest, TcpConnectSendAndReceiveThroughAListener) {
+  auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
+  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+  listener->listen(4);
+  const SocketAddress where = listener->localAddress();
+  ASSERT_NE(where.port(), 0);
+
+  std::shared_ptr<AsyncSocket> served;
+  BufferChainPtr inbound = BufferChainPtr(pool_.allocate(64));
+  std::string received;
+  std::function<void(int, std::size_t)> onServerRead = [&](int error, std::size_t bytes) {
+    ASSERT_EQ(error, 0);
+    if (bytes == 0) {  // the client closed its side
+      served->close();
+      stop();
+      return;
+    }
+    received += firstBytes(inbound, bytes);
+    served->receive(inbound, onServerRead);
+  };
+  listener->accept([&](int error, std::shared_ptr<AsyncSocket> socket) {
+    ASSERT_EQ(error, 0);
+    served = socket;
+    EXPECT_EQ(served->localAddress(), where);
+    served->receive(inbound, onServerRead);
+  });
+
+  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  int connectError = -1;
+  std::size_t sent = 0;
+  const std::string message = "a request that spans several small buffers";
+  client->connect(where, [&](int error) {
+    connectError = error;
+    EXPECT_EQ(client->remoteAddress(), where);
+    client->send(chainOf(message), [&](int error, std::size_t bytes) {
+      EXPECT_EQ(error, 0);
+      sent = bytes;
+      client->close();
+    });
+  });
+  run();
+  EXPECT_EQ(connectError, 0);
+  EXPECT_EQ(sent, message.size());
+  EXPECT_EQ(received, message);
+  listener->close();
+}
+
+TEST_F(AsioSocketTest, ConnectToAClosedPortIsAConnectionFailure) {
+  auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
+  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+  const SocketAddress unused = listener->localAddress();  // bound, never listening
+  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  int result = 0;
+  client->connect(unused, [&](int error) {
+    result = error;
+    stop();
+  });
+  run();
+  EXPECT_EQ(result, ECONNREFUSED);
+  EXPECT_TRUE(isConnectionFailure(result));
+  EXPECT_FALSE(isConnectionFailure(EAGAIN));
+  EXPECT_FALSE(isConnectionFailure(0));
+}
+
+TEST_F(AsioSocketTest, UdpSendToAndReceiveFrom) {
+  auto a = udpOnLoopback();
+  auto b = udpOnLoopback();
+  BufferChainPtr inbound(pool_.allocate(32));
+  SocketAddress sender;
+  std::string got;
+  b->receiveFrom(inbound, [&](int error, std::size_t bytes, const SocketAddress& from) {
+    EXPECT_EQ(error, 0);
+    got = firstBytes(inbound, bytes);
+    sender = from;
+    // Answer over a connected socket the other way.
+    b->connect(from, [&](int error) {
+      EXPECT_EQ(error, 0);
+      b->send(chainOf("pong"), {});
+    });
+  });
+  a->sendTo(chainOf("ping, twelve"), b->localAddress(), [](int error, std::size_t bytes) {
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(bytes, 12u);
+  });
+  BufferChainPtr reply(pool_.allocate(16));
+  std::size_t replyBytes = 0;
+  a->receive(reply, [&](int error, std::size_t bytes) {
+    EXPECT_EQ(error, 0);
+    replyBytes = bytes;
+    stop();
+  });
+  run();
+  EXPECT_EQ(got, "ping, twelve");
+  EXPECT_EQ(sender, a->localAddress());
+  EXPECT_EQ(firstBytes(reply, replyBytes), "pong");
+}
+
+// Something a callback is bound to, which must still be there when it runs.
+struct Target {
+  int calls = 0;
+  std::size_t bytes = 0;
+  std::string data;
+};
+
+TEST_F(AsioSocketTest, ReleasedSocketStillCompletesWhatIsPending) {
+  auto receiver = udpOnLoopback();
+  const SocketAddress where = receiver->localAddress();
+  auto target = std::make_shared<Target>();
+  BufferChainPtr inbound(pool_.allocate(16));
+  receiver->receiveFrom(inbound, [target, inbound, this](int error, std::size_t bytes, const SocketAddress&) {
+    ++target->calls;
+    target->data = error == 0 ? firstBytes(inbound, bytes) : "error";
+    stop();
+  });
+  std::weak_ptr<Target> watch = target;
+  target.reset();
+  inbound.reset();
+  receiver.reset();  // the pending receive keeps the socket and the callback
+
+  auto sender = udpOnLoopback();
+  auto sendTarget = std::make_shared<Target>();
+  sender->sendTo(chainOf("late"), where, [sendTarget](int error, std::size_t bytes) {
+    ++sendTarget->calls;
+    sendTarget->bytes = error == 0 ? bytes : 0;
+  });
+  sender.reset();
+  ASSERT_FALSE(watch.expired());
+  run();
+  EXPECT_EQ(sendTarget->calls, 1);
+  EXPECT_EQ(sendTarget->bytes, 4u);
+  EXPECT_TRUE(watch.expired()) << "the completed operation let go of its callback";
+  EXPECT_EQ(pool_.freeBuffers(), pool_.totalBuffers());
+}
+
+TEST_F(AsioSocketTest, ReleasedStreamSocketFinishesItsSend) {
+  auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
+  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+  listener->listen(1);
+  std::shared_ptr<AsyncSocket> served;
+  BufferChainPtr inbound(pool_.allocate(4096));
+  std::size_t total = 0;
+  std::function<void(int, std::size_t)> onRead = [&](int error, std::size_t bytes) {
+    if (error != 0 || bytes == 0) {
+      stop();
+      return;
+    }
+    total += bytes;
+    served->receive(inbound, onRead);
+  };
+  listener->accept([&](int, std::shared_ptr<AsyncSocket> socket) {
+    served = socket;
+    served->receive(inbound, onRead);
+  });
+  auto target = std::make_shared<Target>();
+  const std::string big(256 * 1024, 'z');  // more than the socket buffers take at once
+  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  client->connect(listener->localAddress(), [&, target](int error) {
+    ASSERT_EQ(error, 0);
+    client->send(chainOf(big), [target](int error, std::size_t bytes) {
+      ++target->calls;
+      target->bytes = error == 0 ? bytes : 0;
+    });
+    client.reset();  // released with the write outstanding; closes once it is done
+  });
+  run();
+  EXPECT_EQ(target->calls, 1);
+  EXPECT_EQ(target->bytes, big.size());
+  EXPECT_EQ(total, big.size());
+  served->close();
+  listener->close();
+}
+
+TEST_F(AsioSocketTest, CloseCancelsPendingOperations) {
+  auto socket = udpOnLoopback();
+  int result = 0;
+  socket->receive(BufferChainPtr(pool_.allocate(8)), [&](int error, std::size_t) {
+    result = error;
+    stop();
+  });
+  auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
+  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+  listener->listen(1);
+  int acceptResult = 0;
+  bool acceptedNull = false;
+  listener->accept([&](int error, std::shared_ptr<AsyncSocket> accepted) {
+    acceptResult = error;
+    acceptedNull = !accepted;
+  });
+  listener->close();
+  socket->close();
+  socket->close();
+  run();
+  EXPECT_EQ(result, ECANCELED);
+  EXPECT_EQ(acceptResult, ECANCELED);
+  EXPECT_TRUE(acceptedNull);
+}
+
+TEST_F(AsioSocketTest, SynchronousFailuresThrow) {
+  auto capture = testing::LogCapture::install();
+  auto first = udpOnLoopback();
+  const SocketAddress taken = first->localAddress();
+  auto second = factory_.createSocket(AF_INET, SOCK_DGRAM, 0);
+  try {
+    second->bind(taken);
+    ADD_FAILURE() << "bound twice";
+  } catch (const SocketError& e) {
+    EXPECT_EQ(e.error(), EADDRINUSE);
+  }
+  EXPECT_TRUE(capture->contains("Failed to bind to " + taken.toString() + ": " + std::to_string(EADDRINUSE)));
+
+  int size = 65536;
+  first->setOption(SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+  int readBack = 0;
+  std::size_t length = sizeof(readBack);
+  first->getOption(SOL_SOCKET, SO_RCVBUF, &readBack, length);
+  EXPECT_EQ(length, sizeof(readBack));
+  EXPECT_GE(readBack, size);
+  EXPECT_EQ(thrownText([&] { first->setOption(SOL_SOCKET, 9999, &size, sizeof(size)); }), "setsockopt failed");
+  EXPECT_EQ(thrownText([&] { first->getOption(SOL_SOCKET, 9999, &readBack, length); }), "getsockopt failed");
+}
+
+// Records what the multicast helpers hand to the socket.
+class OptionRecorder : public AsyncSocket {
+ public:
+  void bind(const SocketAddress&) override {}
+  void connect(const SocketAddress&, const ConnectCallback&) override {}
+  void send(const BufferChainPtr&, const TransferCallback&) override {}
+  void sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) override {}
+  void receive(const BufferChainPtr&, const TransferCallback&) override {}
+  void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) override {}
+  void setOption(int level, int name, const void* value, std::size_t length) override {
+    this->level = level;
+    this->name = name;
+    this->value.assign(static_cast<const uint8_t*>(value), static_cast<const uint8_t*>(value) + length);
+  }
+  void getOption(int, int, void*, std::size_t&) override {}
+  SocketAddress localAddress() const override { return SocketAddress(); }
+  SocketAddress remoteAddress() const override { return SocketAddress(); }
+  void close() override {}
+
+  int level = -1;
+  int name = -1;
+  std::vector<uint8_t> value;
+};
+
+TEST(MulticastTest, MembershipOptions) {
+  OptionRecorder socket;
+  const SocketAddress group(AF_INET, "239.1.2.3", 0);
+  const SocketAddress local(AF_INET, "198.18.0.5", 0);
+  joinMulticastGroup(socket, group, local);
+  EXPECT_EQ(socket.level, IPPROTO_IP);
+  EXPECT_EQ(socket.name, IP_ADD_MEMBERSHIP);
+  EXPECT_EQ(socket.value, (std::vector<uint8_t>{239, 1, 2, 3, 198, 18, 0, 5}));
+  leaveMulticastGroup(socket, group, local);
+  EXPECT_EQ(socket.name, IP_DROP_MEMBERSHIP);
+  const SocketAddress v6(AF_INET6, "ff02::1", 0);
+  EXPECT_EQ(thrownText([&] { joinMulticastGroup(socket, v6, local); }),
+            "joinMulticastGroup: Address types not supported");
+  EXPECT_EQ(thrownText([&] { leaveMulticastGroup(socket, group, SocketAddress()); }),
+            "leaveMulticastGroup: Address types not supported");
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,210 @@
+#include <netinet/in.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/asio_reactor.h"
+#include "net/local_network_info.h"
+#include "net/name_resolver.h"
+#include "tests/support/log_capture.h"
+
+namespace quorvel {
+namespace {
+
+// Lookups run in a network namespace of their own (only a loopback that is
+// down), so a name that is not in the hosts file fails at once instead of
+// sending a query to the machine's name server.
+class ResolverTest : public ::testing::Test {
+ protected:
+  void SetUp() override { capture_ = testing::LogCapture::install(); }
+
+  // Runs `body` on a thread that has left the machine's network; the
+  // resolver's worker, started there, inherits that.
+  template <typename F>
+  void isolated(F body) {
+    bool unshared = false;
+    std::thread thread([&] {
+      if (::unshare(CLONE_NEWNET) != 0) return;
+      unshared = true;
+      reactor_ = std::make_shared<AsioReactor>();
+      resolver_ = std::make_unique<NetNameResolver>(reactor_);
+      body();
+      resolver_.reset();
+      reactor_.reset();
+    });
+    thread.join();
+    if (!unshared) GTEST_SKIP() << "cannot make a network namespace (needs root)";
+  }
+
+  // Resolves one name and runs the loop until the answer is in (bounded).
+  NameResolver::Result resolve(const std::string& host, const std::string& service, bool* found = nullptr) {
+    NameResolver::Result answer;
+    bool answered = false;
+    resolver_->resolve(host, service, [&, this](const NameResolver::Result& result, bool ok) {
+      EXPECT_TRUE(reactor_->isLoopThread());
+      answer = result;
+      answered = true;
+      if (found) *found = ok;
+      reactor_->stop();
+    });
+    LifetimeToken guard = makeLifetimeToken();
+    reactor_->scheduleAfter(guard, Duration::seconds(20), [this] { reactor_->stop(); });
+    reactor_->ioContext().restart();  // a loop stopped before goes again
+    reactor_->run();
+    EXPECT_TRUE(answered) << "no answer for " << host;
+    return answer;
+  }
+
+  std::shared_ptr<AsioReactor> reactor_;
+  std::unique_ptr<NetNameResolver> resolver_;
+  LifetimeToken token_ = makeLifetimeToken();
+  std::shared_ptr<testing::LogCapture> capture_;
+};
+
+TEST_F(ResolverTest, FixedServiceNamesGiveTheirPortToEveryAddress) {
+  isolated([&] {
+    bool found = false;
+    const NameResolver::Result result = resolve("localhost", "stun", &found);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(result.host, "localhost");
+    EXPECT_EQ(result.service, "stun");
+    ASSERT_FALSE(result.addresses.empty());
+    bool sawV4Loopback = false;
+    for (const SocketAddress& address : result.addresses) {
+      EXPECT_TRUE(address.isLoopback()) << address;
+      EXPECT_EQ(address.port(), 3478) << address;
+      sawV4Loopback |= address == SocketAddress(AF_INET, "127.0.0.1", 3478);
+    }
+    EXPECT_TRUE(sawV4Loopback);
+  });
+}
+
+TEST_F(ResolverTest, OtherServicesGoToTheSystemAsTheyAre) {
+  isolated([&] {
+    const NameResolver::Result numeric = resolve("127.0.0.1", "8081");
+    ASSERT_FALSE(numeric.addresses.empty());
+    EXPECT_EQ(numeric.addresses.front(), SocketAddress(AF_INET, "127.0.0.1", 8081));
+    // No hints: one entry per socket type, duplicates kept.
+    EXPECT_GT(numeric.addresses.size(), 1u);
+    EXPECT_TRUE(std::all_of(numeric.addresses.begin(), numeric.addresses.end(),
+                            [&](const SocketAddress& a) { return a == numeric.addresses.front(); }));
+    EXPECT_EQ(resolve("127.0.0.1", "").addresses.front().port(), 0);
+  });
+}
+
+TEST_F(ResolverTest, UnresolvableNameIsAnEmptyListAndOneNotice) {
+  isolated([&] {
+    bool found = true;
+    const NameResolver::Result result = resolve("nonexistent.invalid", "http", &found);
+    EXPECT_FALSE(found);
+    EXPECT_TRUE(result.addresses.empty());
+    std::size_t notices = 0;
+    for (const auto& line : capture_->lines()) {
+      if (line.log == "resolver" && line.level == log::Notice) {
+        ++notices;
+        EXPECT_EQ(line.message.rfind("Failed to resolve host nonexistent.invalid, service http: error code ", 0), 0u)
+            << line.message;
+      }
+    }
+    EXPECT_EQ(notices, 1u);
+  });
+}
+
+TEST_F(ResolverTest, ResultsForADestroyedResolverAreDropped) {
+  isolated([&] {
+    bool called = false;
+    resolver_->resolve("localhost", "http", [&called](const NameResolver::Result&, bool) { called = true; });
+    resolver_.reset();  // joins the worker; its posted result has lost its token
+    reactor_->post(token_, [this] { reactor_->stop(); });
+    reactor_->run();
+    EXPECT_FALSE(called);
+  });
+}
+
+struct Job {
+  int input = 0;
+  int output = 0;
+};
+
+TEST(WorkRunnerTest, RunsItemsInOrderAndSurvivesThrows) {
+  auto capture = testing::LogCapture::install();
+  std::mutex mutex;
+  std::vector<int> done;
+  std::atomic<int> count{0};
+  {
+    WorkRunner<Job> runner(
+        [&mutex](Job& job) {
+          std::lock_guard<std::mutex> lock(mutex);
+          if (job.input == 2) throw std::runtime_error("bad item");
+          job.output = job.input * 10;
+        },
+        [&](const std::shared_ptr<Job>& job) {
+          if (job->input == 3) throw std::runtime_error("bad callback");
+          std::lock_guard<std::mutex> lock(mutex);
+          done.push_back(job->output);
+          ++count;
+        });
+    std::thread other([&runner] {
+      for (int i = 1; i <= 4; ++i) {
+        auto job = std::make_shared<Job>();
+        job->input = i;
+        runner.enqueue(job);
+      }
+    });
+    other.join();
+    for (int i = 0; i < 2000 && count.load() < 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(done, (std::vector<int>{10, 0, 40}));
+  EXPECT_TRUE(capture->contains("Work item threw exception: bad item"));
+  EXPECT_TRUE(capture->contains("Work callback threw exception: bad callback"));
+}
+
+TEST(LocalNetworkInfoTest, ListsLoopbackWithItsFlag) {
+  LinuxLocalNetworkInfo info;
+  std::vector<InterfaceInfo> interfaces;
+  interfaces.push_back(InterfaceInfo{"kept", SocketAddress(), false, false});
+  info.getInterfaces(interfaces);
+  ASSERT_GT(interfaces.size(), 1u);
+  EXPECT_EQ(interfaces.front().name, "kept");
+  bool loopback = false;
+  for (const InterfaceInfo& entry : interfaces) {
+    if (entry.address == SocketAddress(AF_INET, "127.0.0.1", 0)) {
+      loopback = true;
+      EXPECT_TRUE(entry.loopback);
+      EXPECT_TRUE(entry.up);
+      EXPECT_EQ(entry.address.length(), 16u);
+    }
+    if (entry.name != "kept") {
+      const int family = entry.address.family();
+      EXPECT_TRUE(family == AF_INET || family == AF_INET6) << entry.name;
+    }
+  }
+  EXPECT_TRUE(loopback);
+
+  const InterfaceInfo v4 = info.getInterface(AF_INET);
+  EXPECT_FALSE(v4.loopback);
+  if (v4.address.valid()) {
+    EXPECT_EQ(v4.address.family(), AF_INET);
+    EXPECT_FALSE(v4.name.empty());
+  } else {
+    EXPECT_TRUE(v4.name.empty());
+    EXPECT_FALSE(v4.up);
+  }
+}
+
+TEST(LocalNetworkInfoTest, ErrorCarriesItsNumber) {
+  const NetInfoError error("Failed to get interface addresses (24)", 24);
+  EXPECT_EQ(error.error(), 24);
+  EXPECT_STREQ(error.what(), "Failed to get interface addresses (24)");
+}
+
+}  // namespace
+}  // namespace quorvel
