@@ -12,6 +12,13 @@ namespace {
 
 inline uint32_t rotateLeft(uint32_t value, int bits) { return (value << bits) | (value >> (32 - bits)); }
 
+// One SHA-1 step in place: the new `a` lands in `e` and `b` is rotated, so the
+// caller renames the five words for the next step.
+inline void step(uint32_t a, uint32_t& b, uint32_t, uint32_t, uint32_t& e, uint32_t f, uint32_t k, uint32_t w) {
+  e += rotateLeft(a, 5) + f + k + w;
+  b = rotateLeft(b, 30);
+}
+
 }  // namespace
 
 Sha1Hash::Sha1Hash()
@@ -63,27 +70,35 @@ void Sha1Hash::compress() {
   for (int i = 16; i < 80; ++i) w[i] = rotateLeft(w[i - 3] ^ w[i - 8] ^ w[i - 14] ^ w[i - 16], 1);
 
   uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3], e = state_[4];
-  for (int i = 0; i < 80; ++i) {
-    uint32_t f, k;
-    if (i < 20) {
-      f = (b & c) | (~b & d);
-      k = 0x5A827999u;
-    } else if (i < 40) {
-      f = b ^ c ^ d;
-      k = 0x6ED9EBA1u;
-    } else if (i < 60) {
-      f = (b & c) | (b & d) | (c & d);
-      k = 0x8F1BBCDCu;
-    } else {
-      f = b ^ c ^ d;
-      k = 0xCA62C1D6u;
-    }
-    const uint32_t t = rotateLeft(a, 5) + f + e + k + w[i];
-    e = d;
-    d = c;
-    c = rotateLeft(b, 30);
-    b = a;
-    a = t;
+  // Five steps per pass with the variables renamed instead of shifted, and
+  // one loop per round function: the compiler keeps all five in registers.
+  for (int i = 0; i < 20; i += 5) {
+    step(a, b, c, d, e, (b & c) | (~b & d), 0x5A827999u, w[i]);
+    step(e, a, b, c, d, (a & b) | (~a & c), 0x5A827999u, w[i + 1]);
+    step(d, e, a, b, c, (e & a) | (~e & b), 0x5A827999u, w[i + 2]);
+    step(c, d, e, a, b, (d & e) | (~d & a), 0x5A827999u, w[i + 3]);
+    step(b, c, d, e, a, (c & d) | (~c & e), 0x5A827999u, w[i + 4]);
+  }
+  for (int i = 20; i < 40; i += 5) {
+    step(a, b, c, d, e, b ^ c ^ d, 0x6ED9EBA1u, w[i]);
+    step(e, a, b, c, d, a ^ b ^ c, 0x6ED9EBA1u, w[i + 1]);
+    step(d, e, a, b, c, e ^ a ^ b, 0x6ED9EBA1u, w[i + 2]);
+    step(c, d, e, a, b, d ^ e ^ a, 0x6ED9EBA1u, w[i + 3]);
+    step(b, c, d, e, a, c ^ d ^ e, 0x6ED9EBA1u, w[i + 4]);
+  }
+  for (int i = 40; i < 60; i += 5) {
+    step(a, b, c, d, e, (b & c) | (b & d) | (c & d), 0x8F1BBCDCu, w[i]);
+    step(e, a, b, c, d, (a & b) | (a & c) | (b & c), 0x8F1BBCDCu, w[i + 1]);
+    step(d, e, a, b, c, (e & a) | (e & b) | (a & b), 0x8F1BBCDCu, w[i + 2]);
+    step(c, d, e, a, b, (d & e) | (d & a) | (e & a), 0x8F1BBCDCu, w[i + 3]);
+    step(b, c, d, e, a, (c & d) | (c & e) | (d & e), 0x8F1BBCDCu, w[i + 4]);
+  }
+  for (int i = 60; i < 80; i += 5) {
+    step(a, b, c, d, e, b ^ c ^ d, 0xCA62C1D6u, w[i]);
+    step(e, a, b, c, d, a ^ b ^ c, 0xCA62C1D6u, w[i + 1]);
+    step(d, e, a, b, c, e ^ a ^ b, 0xCA62C1D6u, w[i + 2]);
+    step(c, d, e, a, b, d ^ e ^ a, 0xCA62C1D6u, w[i + 3]);
+    step(b, c, d, e, a, c ^ d ^ e, 0xCA62C1D6u, w[i + 4]);
   }
   state_[0] += a;
   state_[1] += b;
