@@ -180,6 +180,7 @@ bool NetStunAgent::sendBytes(AsyncSocket& socket, const Message& message, const 
 
 void NetStunAgent::sendMessage(const std::shared_ptr<AsyncSocket>& socket, const Message& message,
                                const SocketAddress& to) {
+  if (!socket) return;
   const Time slot = nextSendSlot();
   if (time_->now() >= slot) {
     sendBytes(*socket, message, to, 0);
