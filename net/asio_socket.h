@@ -51,6 +51,32 @@ SocketAddress fromEndpoint(const Endpoint& endpoint) {
 void setOption(int handle, int level, int name, const void* value, std::size_t length);
 void getOption(int handle, int level, int name, void* value, std::size_t& length);
 
+// Shared by sockets and acceptors.
+template <typename Object>
+void bind(Object& object, const SocketAddress& address) {
+  boost::system::error_code error;
+  object.bind(toEndpoint<typename Object::endpoint_type>(address), error);
+  if (error) {
+    logBindFailure(address, errorNumber(error));
+    throwSocketError("bind", error);
+  }
+}
+
+template <typename Object>
+SocketAddress localAddress(const Object& object) {
+  boost::system::error_code error;
+  const auto endpoint = object.local_endpoint(error);
+  if (error) throwSocketError("local_endpoint", error);
+  return fromEndpoint(endpoint);
+}
+
+template <typename Object>
+void cancelAndClose(Object& object) {
+  boost::system::error_code ignored;
+  object.cancel(ignored);
+  object.close(ignored);
+}
+
 }  // namespace asio_detail
 
 // What outstanding operations keep alive: the socket itself, so that the
@@ -70,14 +96,7 @@ class AsioSocket : public AsyncSocket {
   AsioSocket(std::shared_ptr<AsioReactor> reactor, std::shared_ptr<SocketState<S>> state)
       : reactor_(std::move(reactor)), state_(std::move(state)) {}
 
-  void bind(const SocketAddress& address) override {
-    boost::system::error_code error;
-    state_->socket.bind(asio_detail::toEndpoint<Endpoint>(address), error);
-    if (error) {
-      asio_detail::logBindFailure(address, asio_detail::errorNumber(error));
-      asio_detail::throwSocketError("bind", error);
-    }
-  }
+  void bind(const SocketAddress& address) override { asio_detail::bind(state_->socket, address); }
 
   void connect(const SocketAddress& address, const ConnectCallback& callback) override {
     state_->socket.async_connect(asio_detail::toEndpoint<Endpoint>(address),
@@ -94,12 +113,7 @@ class AsioSocket : public AsyncSocket {
     asio_detail::getOption(state_->socket.native_handle(), level, name, value, length);
   }
 
-  SocketAddress localAddress() const override {
-    boost::system::error_code error;
-    const Endpoint endpoint = state_->socket.local_endpoint(error);
-    if (error) asio_detail::throwSocketError("local_endpoint", error);
-    return asio_detail::fromEndpoint(endpoint);
-  }
+  SocketAddress localAddress() const override { return asio_detail::localAddress(state_->socket); }
 
   SocketAddress remoteAddress() const override {
     boost::system::error_code error;
@@ -108,11 +122,7 @@ class AsioSocket : public AsyncSocket {
     return asio_detail::fromEndpoint(endpoint);
   }
 
-  void close() override {
-    boost::system::error_code ignored;
-    state_->socket.cancel(ignored);
-    state_->socket.close(ignored);
-  }
+  void close() override { asio_detail::cancelAndClose(state_->socket); }
 
  protected:
   // Completion of a transfer: keeps the state and the buffers until it runs.
@@ -201,19 +211,10 @@ struct ListenerState {
 template <typename A, typename S>
 class AsioListenerBase : public AsyncListener {
  public:
-  using Endpoint = typename A::protocol_type::endpoint;
-
   AsioListenerBase(std::shared_ptr<AsioReactor> reactor, std::shared_ptr<ListenerState<A>> state)
       : reactor_(std::move(reactor)), state_(std::move(state)) {}
 
-  void bind(const SocketAddress& address) override {
-    boost::system::error_code error;
-    state_->acceptor.bind(asio_detail::toEndpoint<Endpoint>(address), error);
-    if (error) {
-      asio_detail::logBindFailure(address, asio_detail::errorNumber(error));
-      asio_detail::throwSocketError("bind", error);
-    }
-  }
+  void bind(const SocketAddress& address) override { asio_detail::bind(state_->acceptor, address); }
 
   void listen(int backlog) override {
     boost::system::error_code error;
@@ -229,18 +230,9 @@ class AsioListenerBase : public AsyncListener {
     asio_detail::getOption(state_->acceptor.native_handle(), level, name, value, length);
   }
 
-  SocketAddress localAddress() const override {
-    boost::system::error_code error;
-    const Endpoint endpoint = state_->acceptor.local_endpoint(error);
-    if (error) asio_detail::throwSocketError("local_endpoint", error);
-    return asio_detail::fromEndpoint(endpoint);
-  }
+  SocketAddress localAddress() const override { return asio_detail::localAddress(state_->acceptor); }
 
-  void close() override {
-    boost::system::error_code ignored;
-    state_->acceptor.cancel(ignored);
-    state_->acceptor.close(ignored);
-  }
+  void close() override { asio_detail::cancelAndClose(state_->acceptor); }
 
  protected:
   std::shared_ptr<AsioReactor> reactor_;

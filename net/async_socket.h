@@ -28,7 +28,8 @@ namespace quorvel {
 // they are bound to alive until then). Call close() to cancel them.
 //
 // Misuse (an operation the socket kind cannot do) throws at once; failed
-// synchronous calls throw SocketError.
+// synchronous calls throw SocketError. Sockets belong to the reactor's
+// thread: call them only from there.
 class AsyncSocket {
  public:
   using ConnectCallback = Delegate<void(int error)>;

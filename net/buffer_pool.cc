@@ -83,13 +83,14 @@ BufferChain BufferPool::allocate(std::size_t size) {
   if (wanted > 0xffffffffu) return BufferChain();
   const auto count = static_cast<unsigned>(wanted);
   if (freeCount_ < count && !grow(count - freeCount_)) return BufferChain();
+  const bool spam = Log.isEnabled(log::Spam);
   Buffer* first = freeList_;
   Buffer* b = first;
   for (unsigned i = 0;; ++i) {
     b->deleter = this;
     b->offset = 0;
     b->length = static_cast<uint32_t>(bufferSize_);
-    QLOG(Log, log::Spam, "  Allocating block 0x%x", reinterpret_cast<uintptr_t>(b));
+    if (spam) QLOG(Log, log::Spam, "  Allocating block 0x%x", reinterpret_cast<uintptr_t>(b));
     if (i + 1 == count) break;
     b = b->next;
   }

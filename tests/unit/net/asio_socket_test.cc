@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/net/thrown_text.h"
+
 #include "net/asio_socket_factory.h"
 #include "net/buffer_pool.h"
 #include "net/socket_error.h"
@@ -17,15 +19,7 @@
 namespace quorvel {
 namespace {
 
-template <typename F>
-std::string thrownText(F f) {
-  try {
-    f();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(nothing thrown)";
-}
+using testing::thrownText;
 
 class AsioSocketTest : public ::testing::Test {
  protected:

@@ -7,20 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/net/thrown_text.h"
+
 #include "net/socket_address.h"
 
 namespace quorvel {
 namespace {
 
-template <typename F>
-std::string thrownText(F f) {
-  try {
-    f();
-  } catch (const std::invalid_argument& e) {
-    return e.what();
-  }
-  return "(nothing thrown)";
-}
+using testing::thrownText;
 
 TEST(SocketAddressTest, EmptyAndSpecialFamily) {
   SocketAddress empty;
