@@ -187,6 +187,10 @@ if [ ! -f "$sysroot/.complete" ]; then
   echo "sysroot: ready in $(( $(date +%s) - started )) s: $sysroot"
 fi
 
+# Package files name their directory relative to themselves, so that build
+# trees configured through <cache>/current stay valid when a new sysroot
+# takes its place.
+sed -i "s|$sysroot|\${pcfiledir}/../..|g" "$sysroot"/lib/pkgconfig/*.pc
 ln -sfn "$name" "$cache/current.new" && mv -T "$cache/current.new" "$cache/current"
 # Older sysroots and sources are not used again.
 for old in "$cache"/openssl-*_usrsctp-*_r* "$cache"/src/*; do
