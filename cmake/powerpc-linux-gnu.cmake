@@ -59,9 +59,15 @@ set(Boost_INCLUDE_DIR "${FERRULE_CROSS_SYSROOT}/include" CACHE PATH "Boost heade
 set(Boost_NO_BOOST_CMAKE ON)
 set(Boost_NO_SYSTEM_PATHS ON)
 
+# The board's flash is small: the linker drops every function and object
+# nothing refers to (a fifth of a static daemon).
+set(CMAKE_C_FLAGS_INIT "-ffunction-sections -fdata-sections")
+set(CMAKE_CXX_FLAGS_INIT "-ffunction-sections -fdata-sections")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--gc-sections")
+
 if(FERRULE_CROSS_STATIC)
   set(OPENSSL_USE_STATIC_LIBS TRUE)
-  set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
+  string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -static")
   # The platform files reset the library suffixes after this file is read;
   # the project hook restores static-only lookups (pkg-config's imported
   # targets included) at the end of every project().

@@ -16,7 +16,7 @@ triplet=powerpc-linux-gnu
 print=0
 # Raised whenever the way the libraries are built changes, so that cached
 # sysroots made the old way are rebuilt.
-recipe=2
+recipe=3
 [ "${1:-}" = --print ] && print=1
 
 cache=${FERRULE_CROSS_CACHE:-}
@@ -127,11 +127,13 @@ build_openssl() {  # source prefix
   # The same feature choices as Debian's own package; the trust store is the
   # system's, as on Debian. Without async jobs (no engine here offers them)
   # libcrypto needs no makecontext, whose static PowerPC build would force a
-  # writable and executable PLT into every fully static program.
+  # writable and executable PLT into every fully static program. One section
+  # per function lets static links keep only what they use (usrsctp gets the
+  # same from the toolchain file).
   (cd "$build" && "$1/Configure" linux-ppc --cross-compile-prefix=$triplet- \
      --prefix="$2" --openssldir=/usr/lib/ssl --libdir=lib \
      no-idea no-mdc2 no-rc5 no-zlib no-ssl3 no-ssl3-method enable-rfc3779 enable-cms no-capieng \
-     no-async no-tests shared) >>"$log" 2>&1
+     no-async no-tests shared -ffunction-sections -fdata-sections) >>"$log" 2>&1
   nice make -C "$build" -j2 build_libs >>"$log" 2>&1
   make -C "$build" install_dev >>"$log" 2>&1
 }
