@@ -95,6 +95,8 @@ void HttpForwarder::PendingRequest::copyFields(MessageHeaders& target) const {
     // The client frames the target request's body itself.
     if (field.name.equalsIgnoreCase(HttpHeader::TransferEncoding)) continue;
     if (field.name.equalsIgnoreCase(HttpHeader::ForwardedFor)) {
+      // Several fields are one list, as if they had been written as one.
+      if (!forwardedFor.empty()) forwardedFor += ", ";
       forwardedFor.append(field.value.data(), field.value.size());
       continue;
     }
