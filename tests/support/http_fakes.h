@@ -247,10 +247,7 @@ class FakeClientRequest : public WebClientRequest {
     if (!headers_.has(HttpHeader::ContentLength)) headers_.addField(HttpHeader::TransferEncoding, "chunked");
     started = true;
   }
-  // Like the real client's, there only once the streamed body has started.
-  std::weak_ptr<BodySink> bodySink() override {
-    return streamStarts ? body.handle() : std::weak_ptr<BodySink>();
-  }
+  std::weak_ptr<BodySink> bodySink() override { return body.handle(); }
   bool isStarted() const override { return started; }
   void cancel() override { ++cancels; }
 
