@@ -82,6 +82,7 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   void onHead();
   void deliverBody();
   void onUnblocked();
+  void endBody();
 
   void checkTimeout();
   void armTimeout(Time when);
@@ -486,7 +487,8 @@ void NetHttpClientRequest::onHead() {
   }
   if (!hasBody) {
     rest.releaseBuffers();
-    complete();
+    endBody();
+    if (!done_) complete();
     return;
   }
   parser_->feed(rest);
@@ -512,12 +514,7 @@ void NetHttpClientRequest::deliverBody() {
   }
   if (parser_->isFinished()) {
     QLOG(Log, log::Debug, "0x%x: Parser finished, completing request", id());
-    if (bodyDataHandler_) {
-      BodyDataHandler handler = bodyDataHandler_;
-      handler(BufferChainPtr(), true);
-    } else {
-      response_->body().end();
-    }
+    endBody();
     if (!done_) complete();
     return;
   }
@@ -527,6 +524,15 @@ void NetHttpClientRequest::deliverBody() {
     return;
   }
   connection_->receive();
+}
+
+void NetHttpClientRequest::endBody() {
+  if (bodyDataHandler_) {
+    BodyDataHandler handler = bodyDataHandler_;
+    handler(BufferChainPtr(), true);
+  } else {
+    response_->body().end();
+  }
 }
 
 void NetHttpClientRequest::onUnblocked() {

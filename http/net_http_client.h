@@ -27,9 +27,10 @@ namespace quorvel {
 //   4. the response handler gets the head; the body follows through
 //      response->body() (connect it to a BodySink) or the body data handler;
 //   5. the error handler runs once at the end: a code whose value is 0 once
-//      the whole body has been delivered, otherwise an HttpClientError code
-//      (HEAD, 1xx, 204 and 304 responses end right after the head). After a
-//      failure that follows the head, the body stream is not ended.
+//      the whole body has been delivered, otherwise an HttpClientError code.
+//      The body stream ends before that success code, at once after the head
+//      for responses without a body (HEAD, 1xx, 204, 304). After a failure
+//      that follows the head, the body stream is not ended.
 // Handlers run on the reactor's thread, never inside the caller's own calls.
 // The caller owns the request: dropping the last reference (or cancel())
 // ends the exchange, and its connection is closed rather than reused.

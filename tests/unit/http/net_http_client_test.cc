@@ -265,7 +265,8 @@ TEST_F(NetHttpClientTest, ResponsesWithoutBodyEndAfterHead) {
     run();
     ASSERT_TRUE(outcome.code) << c.response;
     EXPECT_FALSE(*outcome.code);
-    EXPECT_TRUE(outcome.bodyEnded == false && outcome.body.empty());
+    EXPECT_TRUE(outcome.bodyEnded);
+    EXPECT_TRUE(outcome.body.empty());
   }
   // All three went over the one kept connection.
   EXPECT_EQ(1u, factory->sockets.size());
