@@ -100,16 +100,12 @@ void HttpConnection::send(const BufferChainPtr& data, const SendCallback& callba
   socket_->send(data, callback);
 }
 
-void HttpConnection::receive(bool small) {
+// Idle connections read with the full size too: the next response lands in
+// that read, and a smaller one would cost extra reads for every response.
+void HttpConnection::receive() {
   if (receiving_ || state_ != Connected) return;
-  const std::size_t wanted = small ? allocator_->bufferSize() : readSize_;
-  if (spare_.size() > wanted) {
-    BufferChain unused;
-    spare_.truncate(wanted, unused);
-    unused.releaseBuffers();
-  }
-  if (spare_.size() < wanted) {
-    BufferChain more = allocator_->allocate(wanted - spare_.size());
+  if (spare_.size() < readSize_) {
+    BufferChain more = allocator_->allocate(readSize_ - spare_.size());
     if (more.empty() && spare_.empty()) {
       QLOG(Log, log::Error, "0x%x: No buffers for receiving", id());
       // Reported like a failed read, later.

@@ -63,9 +63,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   void connect(const SocketAddress& address, const ConnectCallback& callback);
   void send(const BufferChainPtr& data, const SendCallback& callback);
   // Starts one read unless one is outstanding; its result goes to the
-  // receive handler set at completion time. `small` reads into one buffer
-  // (enough to see a close while idle) and gives spare buffers back.
-  void receive(bool small = false);
+  // receive handler set at completion time.
+  void receive();
   bool isReceiving() const { return receiving_; }
   void setReceiveHandler(const ReceiveHandler& handler) { receiveHandler_ = handler; }
   // While idle (no receive handler), data or a close from the server closes

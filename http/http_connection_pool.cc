@@ -126,7 +126,7 @@ void HttpConnectionPool::watchIdle(const std::shared_ptr<HttpConnection>& connec
   connection->setIdleClosedHandler([weak, weakConnection]() {
     if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->onIdleClosed(weakConnection);
   });
-  connection->receive(true);
+  connection->receive();
 }
 
 void HttpConnectionPool::onIdleClosed(const std::weak_ptr<HttpConnection>& weakConnection) {

@@ -1,8 +1,11 @@
 #include "http/net_http_client.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <stdexcept>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -23,6 +26,35 @@ const log::Log Log("httpclient");
 constexpr std::size_t MaxHeadBytes = 65536;
 constexpr char ChunkedEnd[] = "0\r\n\r\n";
 
+// An IPv4 or IPv6 address literal with a numeric or "http"/"https" service.
+bool resolveLiteral(const std::string& host, const std::string& service, NameResolver::Result& result) {
+  in6_addr bytes;
+  int family;
+  if (inet_pton(AF_INET, host.c_str(), &bytes) == 1) {
+    family = AF_INET;
+  } else if (inet_pton(AF_INET6, host.c_str(), &bytes) == 1) {
+    family = AF_INET6;
+  } else {
+    return false;
+  }
+  unsigned long port;
+  if (service == "http") {
+    port = 80;
+  } else if (service == "https") {
+    port = 443;
+  } else {
+    if (service.empty() || service.size() > 5 || service.find_first_not_of("0123456789") != std::string::npos) {
+      return false;
+    }
+    port = std::stoul(service);
+    if (port > 65535) return false;
+  }
+  result.host = host;
+  result.service = service;
+  result.addresses.assign(1, SocketAddress(family, host, static_cast<uint16_t>(port)));
+  return true;
+}
+
 class NetHttpClientResponse : public WebClientResponse {
  public:
   explicit NetHttpClientResponse(const MessageHeaders& headers) : headers_(headers) {}
@@ -41,10 +73,39 @@ BufferChain chainOf(BufferChainAllocator& allocator, const char* text, std::size
   return chain;
 }
 
+}  // namespace
+
+class NetHttpClientRequest;
+
+// One timer for every request of a client, ticking while any is active: a
+// timer per request would stay queued in the loop for its full minute after
+// the request has gone, which at thousands of requests a second adds up.
+class RequestWatchdog : public std::enable_shared_from_this<RequestWatchdog> {
+ public:
+  static constexpr Duration Tick = Duration::seconds(1);
+
+  explicit RequestWatchdog(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {}
+  void add(NetHttpClientRequest* request) {
+    active_.insert(request);
+    arm();
+  }
+  void remove(NetHttpClientRequest* request) { active_.erase(request); }
+
+ private:
+  void arm();
+  void tick();
+
+  std::shared_ptr<Reactor> reactor_;
+  std::unordered_set<NetHttpClientRequest*> active_;
+  bool armed_ = false;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
 class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_from_this<NetHttpClientRequest> {
  public:
   NetHttpClientRequest(std::shared_ptr<Reactor> reactor, std::shared_ptr<BufferChainAllocator> allocator,
                        std::shared_ptr<NameResolver> resolver, std::shared_ptr<HttpConnectionPool> pool,
+                       std::shared_ptr<RequestWatchdog> watchdog,
                        const std::string& method, const std::string& scheme, const std::string& hostValue,
                        const std::string& connectHost, const std::string& path);
   ~NetHttpClientRequest() override;
@@ -61,6 +122,9 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   std::weak_ptr<BodySink> bodySink() override { return bodySink_; }
   bool isStarted() const override { return started_; }
   void cancel() override;
+
+  // Ends the request when the network has made no progress for the time-out.
+  void checkTimeout();
 
  private:
   uintptr_t id() const { return reinterpret_cast<uintptr_t>(this); }
@@ -84,9 +148,6 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   void onUnblocked();
   void endBody();
 
-  void checkTimeout();
-  void armTimeout(Time when);
-
   void complete();
   void fail(HttpClientError error);
   void failLater(HttpClientError error);
@@ -97,6 +158,7 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   std::shared_ptr<BufferChainAllocator> allocator_;
   std::shared_ptr<NameResolver> resolver_;
   std::shared_ptr<HttpConnectionPool> pool_;
+  std::shared_ptr<RequestWatchdog> watchdog_;
   const std::string method_, scheme_, hostValue_, connectHost_, path_;
   std::string host_, service_;
   MessageHeaders headers_;
@@ -140,13 +202,15 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
 NetHttpClientRequest::NetHttpClientRequest(std::shared_ptr<Reactor> reactor,
                                            std::shared_ptr<BufferChainAllocator> allocator,
                                            std::shared_ptr<NameResolver> resolver,
-                                           std::shared_ptr<HttpConnectionPool> pool, const std::string& method,
+                                           std::shared_ptr<HttpConnectionPool> pool,
+                                           std::shared_ptr<RequestWatchdog> watchdog, const std::string& method,
                                            const std::string& scheme, const std::string& hostValue,
                                            const std::string& connectHost, const std::string& path)
     : reactor_(std::move(reactor)),
       allocator_(std::move(allocator)),
       resolver_(std::move(resolver)),
       pool_(std::move(pool)),
+      watchdog_(std::move(watchdog)),
       method_(method),
       scheme_(scheme),
       hostValue_(hostValue),
@@ -160,14 +224,23 @@ NetHttpClientRequest::NetHttpClientRequest(std::shared_ptr<Reactor> reactor,
 }
 
 NetHttpClientRequest::~NetHttpClientRequest() {
+  watchdog_->remove(this);
   if (connection_) releaseConnection(true);
 }
 
 void NetHttpClientRequest::begin() {
   touch();
-  armTimeout(lastActivity_ + timeout_);
+  watchdog_->add(this);
   QLOG(Log, log::Debug, "Resolving host %s", connectHost_);
   std::weak_ptr<NetHttpClientRequest> self = weak();
+  // An address literal needs no trip to the resolver's thread.
+  NameResolver::Result literal;
+  if (resolveLiteral(host_, service_, literal)) {
+    reactor_->post(token_, [self, literal]() {
+      if (auto request = self.lock()) request->onResolved(literal, true);
+    });
+    return;
+  }
   resolver_->resolve(host_, service_, [self](const NameResolver::Result& result, bool found) {
     if (auto request = self.lock()) request->onResolved(result, found);
   });
@@ -542,26 +615,36 @@ void NetHttpClientRequest::onUnblocked() {
   connection_->receive();
 }
 
-void NetHttpClientRequest::armTimeout(Time when) {
-  std::weak_ptr<NetHttpClientRequest> self = weak();
-  reactor_->scheduleAt(token_, when, [self]() {
-    if (auto request = self.lock()) request->checkTimeout();
-  });
-}
-
 // Time spent waiting for a slow consumer does not count: only the network
 // (and the request's own body producer) can make a request time out.
 void NetHttpClientRequest::checkTimeout() {
   if (done_) return;
   const Time now = reactor_->timeProvider()->now();
   if (paused_) lastActivity_ = now;
-  const Time deadline = lastActivity_ + timeout_;
-  if (now < deadline) {
-    armTimeout(deadline);
-    return;
-  }
+  if (now < lastActivity_ + timeout_) return;
   QLOG(Log, log::Notice, "Request timed out: %s", text());
   fail(HttpClientError::TimedOut);
+}
+
+void RequestWatchdog::arm() {
+  if (armed_ || active_.empty()) return;
+  armed_ = true;
+  std::weak_ptr<RequestWatchdog> self = shared_from_this();
+  reactor_->scheduleAfter(token_, Tick, [self]() {
+    if (auto watchdog = self.lock()) watchdog->tick();
+  });
+}
+
+void RequestWatchdog::tick() {
+  armed_ = false;
+  // A request that times out may take others with it.
+  std::vector<std::weak_ptr<NetHttpClientRequest>> requests;
+  requests.reserve(active_.size());
+  for (NetHttpClientRequest* request : active_) requests.push_back(request->weak_from_this());
+  for (const auto& weak : requests) {
+    if (auto request = weak.lock()) request->checkTimeout();
+  }
+  arm();
 }
 
 void NetHttpClientRequest::complete() {
@@ -586,6 +669,7 @@ void NetHttpClientRequest::failLater(HttpClientError error) {
 
 void NetHttpClientRequest::finish(const boost::system::error_code& code) {
   done_ = true;
+  watchdog_->remove(this);
   paused_ = false;
   if (bodySink_) bodySink_->setReadyHandler(Delegate<void()>());
   ErrorHandler handler = std::move(errorHandler_);
@@ -607,6 +691,7 @@ void NetHttpClientRequest::releaseConnection(bool close) {
 void NetHttpClientRequest::cancel() {
   if (done_) return;
   done_ = true;
+  watchdog_->remove(this);
   // Expire the pool's hold on this request and the pending timer.
   token_ = makeLifetimeToken();
   responseHandler_.clear();
@@ -616,12 +701,14 @@ void NetHttpClientRequest::cancel() {
   releaseConnection(true);
 }
 
-}  // namespace
 
 NetHttpClient::NetHttpClient(std::shared_ptr<Reactor> reactor, std::shared_ptr<BufferChainAllocator> allocator,
                              std::shared_ptr<AsyncSocketFactory> plain, std::shared_ptr<AsyncSocketFactory> ssl,
                              std::shared_ptr<NameResolver> resolver, unsigned connectionLimit)
-    : reactor_(std::move(reactor)), allocator_(std::move(allocator)), resolver_(std::move(resolver)) {
+    : reactor_(std::move(reactor)),
+      allocator_(std::move(allocator)),
+      resolver_(std::move(resolver)),
+      watchdog_(std::make_shared<RequestWatchdog>(reactor_)) {
   plainPool_ = std::make_shared<HttpConnectionPool>(reactor_, std::move(plain), allocator_, connectionLimit);
   if (ssl) sslPool_ = std::make_shared<HttpConnectionPool>(reactor_, std::move(ssl), allocator_, connectionLimit);
 }
@@ -637,7 +724,7 @@ std::shared_ptr<WebClientRequest> NetHttpClient::createRequest(const std::string
     if (!sslPool_) throw std::runtime_error("HTTPS connections not supported");
     pool = sslPool_;
   }
-  auto request = std::make_shared<NetHttpClientRequest>(reactor_, allocator_, resolver_, pool, method, scheme,
+  auto request = std::make_shared<NetHttpClientRequest>(reactor_, allocator_, resolver_, pool, watchdog_, method, scheme,
                                                         hostValue, connectHost, path);
   request->begin();
   return request;

@@ -14,6 +14,8 @@
 
 namespace quorvel {
 
+class RequestWatchdog;
+
 // The process's HTTP/1.1 client over pooled persistent connections, one pool
 // per socket factory (plain, and TLS when a factory for it is given).
 //
@@ -64,6 +66,7 @@ class NetHttpClient : public HttpClient {
   std::shared_ptr<NameResolver> resolver_;
   std::shared_ptr<HttpConnectionPool> plainPool_;
   std::shared_ptr<HttpConnectionPool> sslPool_;
+  std::shared_ptr<RequestWatchdog> watchdog_;
 };
 
 }  // namespace quorvel

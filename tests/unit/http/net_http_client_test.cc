@@ -113,11 +113,15 @@ TEST_F(NetHttpClientTest, ConnectHostGivesNameAndService) {
     EXPECT_EQ(c.host, host) << c.connect;
     EXPECT_EQ(c.service, service) << c.connect;
   }
-  Outcome outcome;
-  auto request = client->createRequest("GET", "http", "v6", "[::1]:8080", "/");
+  auto named = client->createRequest("GET", "http", "example", "example:8080", "/");
   reactor->runDue();
   ASSERT_EQ(1u, resolver->lookups.size());
-  EXPECT_EQ(std::make_pair(std::string("::1"), std::string("8080")), resolver->lookups[0]);
+  EXPECT_EQ(std::make_pair(std::string("example"), std::string("8080")), resolver->lookups[0]);
+  // Address literals go straight to a connection.
+  auto literal = client->createRequest("GET", "http", "v6", "[::1]:8081", "/");
+  reactor->runDue();
+  EXPECT_EQ(1u, resolver->lookups.size());
+  EXPECT_EQ("[::1]:8081", factory->last().connectedTo.toString());
 }
 
 TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
