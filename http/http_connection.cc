@@ -104,29 +104,31 @@ void HttpConnection::send(const BufferChainPtr& data, const SendCallback& callba
 // that read, and a smaller one would cost extra reads for every response.
 void HttpConnection::receive() {
   if (receiving_ || state_ != Connected) return;
-  if (spare_.size() < readSize_) {
-    BufferChain more = allocator_->allocate(readSize_ - spare_.size());
+  if (spareBytes_ < readSize_) {
+    BufferChain more = allocator_->allocate(readSize_ - spareBytes_);
     if (more.empty() && spare_.empty()) {
       QLOG(Log, log::Error, "0x%x: No buffers for receiving", id());
       // Reported like a failed read, later.
       std::weak_ptr<HttpConnection> weak = shared_from_this();
       receiving_ = true;
       reactor_->post(token_, [weak]() {
-        if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(ENOMEM, 0, BufferChainPtr());
+        if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(ENOMEM, 0, BufferChainPtr(), 0);
       });
       return;
     }
+    if (!more.empty()) spareBytes_ = readSize_;
     spare_.append(more);
   }
+  const std::size_t size = std::exchange(spareBytes_, 0);
   BufferChainPtr buffers(std::exchange(spare_, BufferChain()));
   receiving_ = true;
   std::weak_ptr<HttpConnection> weak = shared_from_this();
-  socket_->receive(buffers, [weak, buffers](int error, std::size_t bytes) {
-    if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes, buffers);
+  socket_->receive(buffers, [weak, buffers, size](int error, std::size_t bytes) {
+    if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes, buffers, size);
   });
 }
 
-void HttpConnection::onReceive(int error, std::size_t bytes, BufferChainPtr buffers) {
+void HttpConnection::onReceive(int error, std::size_t bytes, BufferChainPtr buffers, std::size_t size) {
   receiving_ = false;
   BufferChain data = buffers ? buffers.release() : BufferChain();
   if (state_ != Connected) {
@@ -135,9 +137,12 @@ void HttpConnection::onReceive(int error, std::size_t bytes, BufferChainPtr buff
   }
   if (error || bytes == 0) {
     data.releaseBuffers();
-  } else if (bytes < data.size()) {
+  } else if (bytes < size) {
     BufferChain unused;
     data.truncate(bytes, unused);
+    // Whole buffers after the cut.
+    spareBytes_ = unused.empty() ? 0 : size - (bytes + allocator_->bufferSize() - 1) / allocator_->bufferSize() *
+                                                   allocator_->bufferSize();
     spare_ = unused;
   }
   if (error || bytes == 0) state_ = Closed;

@@ -74,7 +74,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
 
  private:
   void onConnect(int error, const SocketAddress& address, const ConnectCallback& callback);
-  void onReceive(int error, std::size_t bytes, BufferChainPtr buffers);
+  void onReceive(int error, std::size_t bytes, BufferChainPtr buffers, std::size_t size);
 
   std::shared_ptr<Reactor> reactor_;
   std::shared_ptr<AsyncSocketFactory> factory_;
@@ -86,6 +86,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   bool receiving_ = false;
   // Buffers left over from the last read, reused by the next.
   BufferChain spare_;
+  std::size_t spareBytes_ = 0;
   const std::size_t readSize_;
   ReceiveHandler receiveHandler_;
   Delegate<void()> idleClosed_;
