@@ -71,6 +71,14 @@ SocketAddress localAddress(const Object& object) {
 }
 
 template <typename Object>
+SocketAddress remoteAddress(const Object& object) {
+  boost::system::error_code error;
+  const auto endpoint = object.remote_endpoint(error);
+  if (error) throwSocketError("remote_endpoint", error);
+  return fromEndpoint(endpoint);
+}
+
+template <typename Object>
 void cancelAndClose(Object& object) {
   boost::system::error_code ignored;
   object.cancel(ignored);
@@ -115,12 +123,7 @@ class AsioSocket : public AsyncSocket {
 
   SocketAddress localAddress() const override { return asio_detail::localAddress(state_->socket); }
 
-  SocketAddress remoteAddress() const override {
-    boost::system::error_code error;
-    const Endpoint endpoint = state_->socket.remote_endpoint(error);
-    if (error) asio_detail::throwSocketError("remote_endpoint", error);
-    return asio_detail::fromEndpoint(endpoint);
-  }
+  SocketAddress remoteAddress() const override { return asio_detail::remoteAddress(state_->socket); }
 
   void close() override { asio_detail::cancelAndClose(state_->socket); }
 

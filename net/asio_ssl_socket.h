@@ -1,0 +1,63 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/stream.hpp>
+
+#include "core/asio_reactor.h"
+#include "net/ssl_socket.h"
+
+namespace quorvel {
+
+// What outstanding operations keep alive. The context goes with the stream
+// because the stream's OpenSSL object refers to it.
+struct SslSocketState {
+  SslSocketState(boost::asio::io_context& io, std::shared_ptr<boost::asio::ssl::context> sslContext)
+      : context(std::move(sslContext)), stream(io, *context) {}
+
+  std::shared_ptr<boost::asio::ssl::context> context;
+  boost::asio::ssl::stream<boost::asio::ip::tcp::socket> stream;
+  std::string hostName;
+  // Set by close(): a TLS operation may go on to the socket after close (to
+  // read the rest of a record), where it fails as EBADF rather than as
+  // cancelled.
+  bool closed = false;
+};
+
+// A TLS client connection with the plain stream socket's semantics: send
+// writes the whole chain, receive reads what is available, end of stream
+// (the peer's close_notify, or the connection closed without one) is 0 bytes
+// with error 0, close cancels. Nothing is written by the application before
+// the handshake, including verification, has succeeded.
+class AsioSslSocket : public SslSocket {
+ public:
+  AsioSslSocket(std::shared_ptr<AsioReactor> reactor, std::shared_ptr<SslSocketState> state, bool verify);
+
+  void setHostName(const std::string& hostName) override;
+
+  void bind(const SocketAddress& address) override;
+  // TCP connect, then the handshake; the callback gets 0, an errno number
+  // for TCP failures, or an SslError.
+  void connect(const SocketAddress& address, const ConnectCallback& callback) override;
+  void send(const BufferChainPtr& buffers, const TransferCallback& callback) override;
+  void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) override;
+  void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override;
+  void receiveFrom(const BufferChainPtr& buffers, const ReceiveFromCallback& callback) override;
+  void setOption(int level, int name, const void* value, std::size_t length) override;
+  void getOption(int level, int name, void* value, std::size_t& length) override;
+  SocketAddress localAddress() const override;
+  SocketAddress remoteAddress() const override;
+  // Without close_notify: the peer sees the connection end, and our own
+  // framing (HTTP lengths) is what tells complete from cut-off data.
+  void close() override;
+
+ private:
+  std::shared_ptr<AsioReactor> reactor_;
+  std::shared_ptr<SslSocketState> state_;
+  bool verify_;
+};
+
+}  // namespace quorvel

@@ -1,0 +1,482 @@
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "net/asio_socket_factory.h"
+#include "net/asio_ssl_socket_factory.h"
+#include "net/buffer_pool.h"
+#include "net/ssl_socket.h"
+#include "tests/support/log_capture.h"
+#include "tests/unit/net/thrown_text.h"
+#include "tests/unit/net/tls_test_server.h"
+
+namespace quorvel {
+namespace {
+
+using testing::LogCapture;
+using testing::thrownText;
+using testing::TlsTestServer;
+
+// A CA, a second CA nobody trusts, and server certificates for "localhost"
+// and 127.0.0.1: valid, from the unknown CA, and long expired. `openssl x509`
+// cannot date a certificate in the past; `openssl ca` takes explicit dates.
+const char* const MakeCertificates = R"(set -e
+cat > req.cnf <<'EOF'
+[req]
+distinguished_name = dn
+prompt = no
+[dn]
+CN = unused
+[ca_ext]
+basicConstraints = critical,CA:TRUE
+keyUsage = critical,keyCertSign,cRLSign
+subjectKeyIdentifier = hash
+EOF
+cat > server.ext <<'EOF'
+basicConstraints = CA:FALSE
+subjectAltName = DNS:localhost,IP:127.0.0.1
+extendedKeyUsage = serverAuth
+EOF
+cat > ca.cnf <<'EOF'
+[ca]
+default_ca = test
+[test]
+database = index.txt
+new_certs_dir = .
+serial = serial
+certificate = ca.pem
+private_key = ca.key
+default_md = sha256
+policy = any
+unique_subject = no
+x509_extensions = server
+[any]
+commonName = supplied
+[server]
+basicConstraints = CA:FALSE
+subjectAltName = DNS:localhost,IP:127.0.0.1
+extendedKeyUsage = serverAuth
+EOF
+key="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
+openssl req -x509 $key -config req.cnf -extensions ca_ext -subj "/CN=Test CA" -days 2 -keyout ca.key -out ca.pem
+openssl req -x509 $key -config req.cnf -extensions ca_ext -subj "/CN=Other CA" -days 2 -keyout other.key -out other.pem
+openssl req -new $key -config req.cnf -subj "/CN=localhost" -keyout server.key -out server.csr
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 -extfile server.ext -out trusted.pem
+openssl x509 -req -in server.csr -CA other.pem -CAkey other.key -set_serial 3 -days 2 -extfile server.ext -out unknown.pem
+: > index.txt
+echo 04 > serial
+openssl ca -batch -config ca.cnf -notext -startdate 20200101000000Z -enddate 20200201000000Z -in server.csr -out expired.pem
+)";
+
+// `openssl s_server` as an independent peer on a port of its choosing; it
+// sends each line it receives back reversed and serves one connection.
+class OpensslServer {
+ public:
+  OpensslServer(const std::string& dir, const std::string& certificate) : output_(dir + "/s_server.out") {
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int out = open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int in = open("/dev/null", O_RDONLY);
+      dup2(in, 0);
+      dup2(out, 1);
+      dup2(out, 2);
+      execlp("timeout", "timeout", "10", "openssl", "s_server", "-accept", "127.0.0.1:0", "-cert",
+             (dir + "/" + certificate).c_str(), "-key", (dir + "/server.key").c_str(), "-rev", "-ign_eof",
+             "-naccept", "1", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+  }
+
+  ~OpensslServer() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  // The port from its "ACCEPT 127.0.0.1:<port>" line, 0 if none comes
+  // within a few seconds.
+  unsigned short port() const {
+    const std::string marker = "ACCEPT 127.0.0.1:";
+    for (int attempt = 0; attempt < 500; ++attempt) {
+      std::stringstream text;
+      text << std::ifstream(output_).rdbuf();
+      const std::string seen = text.str();
+      const auto at = seen.find(marker);
+      if (at != std::string::npos && seen.find('\n', at) != std::string::npos) {
+        return static_cast<unsigned short>(std::stoi(seen.substr(at + marker.size())));
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return 0;
+  }
+
+ private:
+  std::string output_;
+  pid_t pid_ = -1;
+};
+
+class AsioSslSocketTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    char pattern[] = "/tmp/ferrule-tls-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    std::ofstream(dir_ + "/make.sh") << MakeCertificates;
+    const std::string command = "cd " + dir_ + " && sh make.sh > make.log 2>&1";
+    ASSERT_EQ(std::system(command.c_str()), 0) << "certificate set-up failed, see " << dir_ << "/make.log";
+    // Read when a factory builds its context: only the test CA is trusted.
+    setenv("SSL_CERT_FILE", (dir_ + "/ca.pem").c_str(), 1);
+    setenv("SSL_CERT_DIR", dir_.c_str(), 1);
+  }
+
+  static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
+
+  void SetUp() override {
+    log::setLevel("asiossl", log::Debug);
+    capture_ = LogCapture::install();
+  }
+
+  std::string logged() const {
+    std::string text;
+    for (const auto& line : capture_->lines()) text += line.log + ": " + line.message + "\n";
+    return text;
+  }
+
+  static std::string file(const std::string& name) { return dir_ + "/" + name; }
+
+  static TlsTestServer::Options serving(const std::string& certificate,
+                                        TlsTestServer::After after = TlsTestServer::After::Echo,
+                                        const std::string& greeting = "") {
+    TlsTestServer::Options options;
+    options.certificate = file(certificate);
+    options.key = file("server.key");
+    options.after = after;
+    options.greeting = greeting;
+    return options;
+  }
+
+  // Runs the loop until a test calls stop(), at most a few seconds.
+  void run() {
+    // A token per run: a guard left over from an earlier run must not fire.
+    LifetimeToken guard = makeLifetimeToken();
+    reactor_->scheduleAfter(guard, Duration::seconds(10), [this] {
+      timedOut_ = true;
+      reactor_->stop();
+    });
+    reactor_->run();
+    EXPECT_FALSE(timedOut_) << "the loop was stopped by the guard timer";
+  }
+
+  void stop() { reactor_->stop(); }
+
+  BufferChainPtr chainOf(const std::string& text) {
+    BufferChain chain = pool_.allocate(text.size());
+    copyToChain(text.data(), text.data() + text.size(), chain.begin());
+    return BufferChainPtr(chain);
+  }
+
+  static std::string firstBytes(const BufferChainPtr& buffers, std::size_t n) {
+    return std::string(buffers.chain().begin(), buffers.chain().begin() + n);
+  }
+
+  std::shared_ptr<AsyncSocket> clientFor(const std::string& hostName, int family = AF_INET) {
+    auto socket = factory_.createSocket(family, SOCK_STREAM, 0);
+    EXPECT_TRUE(setSslHostName(*socket, hostName));
+    return socket;
+  }
+
+  static SocketAddress loopback(const TlsTestServer& server) {
+    return SocketAddress(AF_INET, SocketAddress::Loopback, server.port());
+  }
+
+  // Connects and returns the callback's code.
+  int connect(AsyncSocket& socket, const SocketAddress& where) {
+    int result = -1;
+    socket.connect(where, [&](int error) {
+      result = error;
+      stop();
+    });
+    run();
+    return result;
+  }
+
+  // Reads until `expected` bytes or end of stream; returns what arrived.
+  std::string receiveUpTo(AsyncSocket& socket, std::size_t expected, int* lastError = nullptr,
+                          bool* ended = nullptr) {
+    std::string received;
+    BufferChainPtr inbound(pool_.allocate(64 * 1024));
+    std::function<void(int, std::size_t)> onRead = [&](int error, std::size_t bytes) {
+      if (lastError) *lastError = error;
+      if (error != 0 || bytes == 0) {
+        if (ended) *ended = error == 0;
+        stop();
+        return;
+      }
+      received += firstBytes(inbound, bytes);
+      if (received.size() >= expected) {
+        stop();
+        return;
+      }
+      socket.receive(inbound, onRead);
+    };
+    socket.receive(inbound, onRead);
+    run();
+    return received;
+  }
+
+  static std::string dir_;
+  std::shared_ptr<AsioReactor> reactor_ = std::make_shared<AsioReactor>();
+  AsioSslSocketFactory factory_{reactor_, false};
+  BufferPool pool_{512, 0, 0};
+  std::shared_ptr<LogCapture> capture_;
+  bool timedOut_ = false;
+};
+
+std::string AsioSslSocketTest::dir_;
+
+TEST_F(AsioSslSocketTest, FactoryRejectsWhatItCannotMake) {
+  EXPECT_EQ(thrownText([&] { factory_.createSocket(AF_INET, SOCK_STREAM, IPPROTO_UDP); }),
+            "Unsupported stream protocol");
+  EXPECT_EQ(thrownText([&] { factory_.createSocket(1, SOCK_STREAM, 0); }), "Unsupported protocol family");
+  EXPECT_EQ(thrownText([&] { factory_.createSocket(AF_INET, SOCK_DGRAM, 0); }), "Unsupported protocol");
+  EXPECT_THROW(factory_.createSocket(AF_INET6, SOCK_DGRAM, IPPROTO_UDP), std::logic_error);
+  EXPECT_EQ(thrownText([&] { factory_.createListener(AF_INET, SOCK_DGRAM, 0); }), "Unsupported socket type");
+  EXPECT_EQ(thrownText([&] { factory_.createListener(AF_INET, SOCK_STREAM, 0); }),
+            "SSL listeners not supported: no server certificate");
+  EXPECT_THROW(factory_.createListener(AF_INET6, SOCK_STREAM, IPPROTO_TCP), std::logic_error);
+
+  auto tls = factory_.createSocket(AF_INET6, SOCK_STREAM, IPPROTO_TCP);
+  EXPECT_EQ(thrownText([&] { tls->sendTo(chainOf("x"), SocketAddress(AF_INET6, SocketAddress::Loopback, 9), {}); }),
+            "sendTo not supported by stream sockets");
+  EXPECT_EQ(thrownText([&] { tls->receiveFrom(chainOf("x"), {}); }), "receiveFrom not supported by stream sockets");
+  EXPECT_TRUE(setSslHostName(*tls, "localhost"));
+  AsioSocketFactory plain(reactor_);
+  EXPECT_FALSE(setSslHostName(*plain.createSocket(AF_INET, SOCK_STREAM, 0), "localhost"));
+
+  EXPECT_EQ(socketErrorText(SslHostNameMismatch), "certificate does not match the host name");
+  EXPECT_EQ(socketErrorText(ECONNREFUSED), "Connection refused");
+  EXPECT_TRUE(isSslError(SslStreamError));
+  EXPECT_FALSE(isSslError(ECONNRESET));
+}
+
+TEST_F(AsioSslSocketTest, TrustedServerExchangesBytesBothWays) {
+  // By name (sent as SNI) and by address literal (checked against the
+  // certificate's IP entry, no SNI).
+  for (const std::string host : {"localhost", "127.0.0.1"}) {
+    SCOPED_TRACE(host);
+    TlsTestServer server(serving("trusted.pem", TlsTestServer::After::Echo, "hello;"));
+    auto client = clientFor(host);
+    ASSERT_EQ(connect(*client, loopback(server)), 0);
+    EXPECT_EQ(client->remoteAddress(), loopback(server));
+    const std::string request(2000, 'r');  // several pool buffers
+    client->send(chainOf(request), {});
+    EXPECT_EQ(receiveUpTo(*client, 6 + request.size()), "hello;" + request);
+    client->close();
+    server.finish();
+    EXPECT_EQ(server.serverName(), host == "localhost" ? "localhost" : "");
+    EXPECT_EQ(server.applicationBytes(), request.size());
+  }
+}
+
+TEST_F(AsioSslSocketTest, TalksToOpensslServer) {
+  OpensslServer server(dir_, "trusted.pem");
+  const unsigned short port = server.port();
+  ASSERT_NE(port, 0) << "s_server did not start";
+  auto client = clientFor("localhost");
+  ASSERT_EQ(connect(*client, SocketAddress(AF_INET, SocketAddress::Loopback, port)), 0);
+  client->send(chainOf("ping\n"), {});
+  EXPECT_EQ(receiveUpTo(*client, 5), "gnip\n");
+  client->close();
+}
+
+TEST_F(AsioSslSocketTest, VerificationFailuresAreReportedAndNothingIsSent) {
+  struct Case {
+    const char* certificate;
+    const char* host;
+    int code;
+    const char* reason;
+  };
+  const Case cases[] = {
+      {"unknown.pem", "localhost", SslUntrustedCertificate, "certificate verify failed: unable to get local issuer certificate"},
+      {"trusted.pem", "wrong.test", SslHostNameMismatch, "certificate verify failed: hostname mismatch"},
+      {"trusted.pem", "127.0.0.2", SslHostNameMismatch, "certificate verify failed: IP address mismatch"},
+      {"expired.pem", "localhost", SslCertificateExpired, "certificate verify failed: certificate has expired"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.certificate + std::string(" as ") + c.host);
+    capture_->clear();
+    TlsTestServer server(serving(c.certificate));
+    auto client = clientFor(c.host);
+    ASSERT_EQ(connect(*client, loopback(server)), c.code);
+    EXPECT_TRUE(capture_->contains("TLS handshake with " + std::string(c.host) + " (" +
+                                   loopback(server).toString() + ") failed: " + c.reason))
+        << logged();
+
+    int sendError = 0;
+    client->send(chainOf("secret"), [&](int error, std::size_t) {
+      sendError = error;
+      stop();
+    });
+    run();
+    EXPECT_NE(sendError, 0);
+    client->close();
+    server.finish();
+    EXPECT_FALSE(server.handshakeDone());
+    EXPECT_EQ(server.applicationBytes(), 0u);
+  }
+}
+
+TEST_F(AsioSslSocketTest, TlsBeforeVersion12IsRefused) {
+  auto options = serving("trusted.pem");
+  options.maxVersion = TLS1_1_VERSION;
+  TlsTestServer server(options);
+  auto client = clientFor("localhost");
+  EXPECT_EQ(connect(*client, loopback(server)), SslProtocolVersion);
+  server.finish();
+  EXPECT_EQ(server.handshakeError(), "unsupported protocol");
+  EXPECT_TRUE(capture_->contains("TLS handshake with localhost (" + loopback(server).toString() +
+                                 ") failed: tlsv1 alert protocol version"))
+      << logged();
+
+  // The same server does serve a client that accepts TLS 1.1, so the refusal
+  // above is the client's own floor.
+  TlsTestServer control(options);
+  boost::asio::io_context io;
+  boost::asio::ssl::context context(boost::asio::ssl::context::tls_client);
+  SSL_CTX_set_security_level(context.native_handle(), 0);
+  SSL_CTX_set_min_proto_version(context.native_handle(), TLS1_1_VERSION);
+  boost::asio::ssl::stream<boost::asio::ip::tcp::socket> old(io, context);
+  old.next_layer().connect({boost::asio::ip::make_address("127.0.0.1"), control.port()});
+  boost::system::error_code error;
+  old.handshake(boost::asio::ssl::stream_base::client, error);
+  EXPECT_FALSE(error) << error.message();
+  EXPECT_EQ(SSL_version(old.native_handle()), TLS1_1_VERSION);
+  old.next_layer().close();
+  EXPECT_FALSE(server.handshakeDone());
+}
+
+TEST_F(AsioSslSocketTest, ConnectWithoutHostNameIsRefusedBeforeAnyTraffic) {
+  // Nothing listens here: a connection attempt would be refused by the system.
+  AsioSocketFactory plain(reactor_);
+  auto listener = plain.createListener(AF_INET, SOCK_STREAM, 0);
+  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(*client, listener->localAddress()), SslNoHostName);
+  // A name OpenSSL cannot check is no better than none.
+  auto odd = clientFor(std::string("local\0host", 10));
+  EXPECT_EQ(connect(*odd, listener->localAddress()), SslNoHostName);
+  EXPECT_EQ(capture_->count("Refusing to connect to " + listener->localAddress().toString() +
+                            ": no usable host name to verify the server against ('')"),
+            1u)
+      << logged();
+}
+
+TEST_F(AsioSslSocketTest, LargeTransferIsByteExact) {
+  std::string data(4 << 20, '\0');
+  unsigned state = 12345;
+  for (char& c : data) {
+    state = state * 1103515245u + 12345u;
+    c = static_cast<char>(state >> 24);
+  }
+  TlsTestServer server(serving("trusted.pem"));
+  auto client = clientFor("localhost");
+  ASSERT_EQ(connect(*client, loopback(server)), 0);
+  std::size_t sent = 0;
+  client->send(chainOf(data), [&](int error, std::size_t bytes) {
+    EXPECT_EQ(error, 0);
+    sent = bytes;
+  });
+  const std::string echoed = receiveUpTo(*client, data.size());
+  EXPECT_EQ(sent, data.size());
+  EXPECT_TRUE(echoed == data) << "echoed " << echoed.size() << " bytes";
+  client->close();
+  server.finish();
+  EXPECT_EQ(server.applicationBytes(), data.size());
+}
+
+TEST_F(AsioSslSocketTest, PeerCloseIsEndOfStreamWithOrWithoutCloseNotify) {
+  for (auto after : {TlsTestServer::After::CloseNotify, TlsTestServer::After::Cut}) {
+    TlsTestServer server(serving("trusted.pem", after, "bye"));
+    auto client = clientFor("localhost");
+    ASSERT_EQ(connect(*client, loopback(server)), 0);
+    int lastError = -1;
+    bool ended = false;
+    EXPECT_EQ(receiveUpTo(*client, 100, &lastError, &ended), "bye");
+    EXPECT_EQ(lastError, 0);
+    EXPECT_TRUE(ended);
+    client->close();
+  }
+}
+
+// Something a callback is bound to, which must still be there when it runs.
+struct Target {
+  int calls = 0;
+  int error = -1;
+  std::string data;
+};
+
+TEST_F(AsioSslSocketTest, ReleasedSocketCompletesAndCloseCancels) {
+  TlsTestServer server(serving("trusted.pem", TlsTestServer::After::Echo, "late"));
+  auto client = clientFor("localhost");
+  ASSERT_EQ(connect(*client, loopback(server)), 0);
+
+  auto target = std::make_shared<Target>();
+  BufferChainPtr inbound(pool_.allocate(16));
+  client->receive(inbound, [target, inbound, this](int error, std::size_t bytes) {
+    ++target->calls;
+    target->error = error;
+    target->data = firstBytes(inbound, bytes);
+    stop();
+  });
+  std::weak_ptr<Target> watch = target;
+  target.reset();
+  inbound.reset();
+  client.reset();  // the pending receive keeps the connection and the callback
+  ASSERT_FALSE(watch.expired());
+  run();
+  EXPECT_TRUE(watch.expired());
+
+  TlsTestServer quiet(serving("trusted.pem", TlsTestServer::After::Echo));
+  auto second = clientFor("localhost");
+  ASSERT_EQ(connect(*second, loopback(quiet)), 0);
+  int error = 0;
+  second->receive(chainOf("room"), [&](int e, std::size_t) {
+    error = e;
+    stop();
+  });
+  second->close();
+  second->close();
+  run();
+  EXPECT_EQ(error, ECANCELED);
+}
+
+TEST_F(AsioSslSocketTest, SkippingVerificationAcceptsAnyServer) {
+  TlsTestServer server(serving("unknown.pem", TlsTestServer::After::Echo, "ok"));
+  AsioSslSocketFactory unverified(reactor_, true);
+  auto client = unverified.createSocket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(connect(*client, loopback(server)), 0);
+  EXPECT_EQ(receiveUpTo(*client, 2), "ok");
+  client->close();
+}
+
+}  // namespace
+}  // namespace quorvel
