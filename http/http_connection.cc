@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "core/log.h"
+#include "net/ssl_socket.h"
 
 namespace quorvel {
 namespace {
@@ -60,6 +61,8 @@ void HttpConnection::connect(const SocketAddress& address, const ConnectCallback
   std::weak_ptr<HttpConnection> weak = shared_from_this();
   try {
     socket_ = factory_->createSocket(address.family(), SocketStream, 0);
+    // TLS sockets verify the server against the name, not the address.
+    setSslHostName(*socket_, destination_.host);
     socket_->connect(address, [weak, address, callback](int error) {
       if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onConnect(error, address, callback);
     });

@@ -13,6 +13,7 @@
 #include "http/http_names.h"
 #include "http/response_head_reader.h"
 #include "http/web_client.h"
+#include "net/ssl_socket.h"
 
 namespace quorvel {
 
@@ -315,7 +316,7 @@ void NetHttpClientRequest::onConnect(int error) {
   touch();
   const SocketAddress& address = destination_.addresses[addressIndex_];
   QLOG(Log, error ? log::Notice : log::Debug, "0x%x: Connection to %s %s", id(), address.toString(),
-       error ? "failed" : "succeeded");
+       error ? "failed (" + socketErrorText(error) + ")" : std::string("succeeded"));
   if (!error) {
     onConnected();
     return;

@@ -17,6 +17,7 @@
 #include "http/net_http_client.h"
 #include "http/url.h"
 #include "net/asio_socket_factory.h"
+#include "net/asio_ssl_socket_factory.h"
 #include "net/buffer_pool.h"
 #include "net/name_resolver.h"
 
@@ -170,8 +171,9 @@ class Driver {
     pool = std::make_shared<BufferPool>(512, 0, 0);
     reactor = std::make_shared<AsioReactor>();
     resolver = std::make_shared<NetNameResolver>(reactor);
-    client = std::make_shared<NetHttpClient>(reactor, pool, std::make_shared<AsioSocketFactory>(reactor), nullptr,
-                                             resolver, o.limit);
+    client = std::make_shared<NetHttpClient>(reactor, pool, std::make_shared<AsioSocketFactory>(reactor),
+                                             std::make_shared<AsioSslSocketFactory>(reactor, false), resolver,
+                                             o.limit);
     start = now();
   }
 

@@ -35,9 +35,9 @@ def body_pattern(size):
     return bytes(ord("a") + i % 26 for i in range(size))
 
 
-def drive(*args, timeout=60):
+def drive(*args, timeout=60, env=None):
     """Runs the driver; returns (request lines, summary, log text)."""
-    proc = subprocess.run([DRIVER, *args], capture_output=True, text=True, timeout=timeout)
+    proc = subprocess.run([DRIVER, *args], capture_output=True, text=True, timeout=timeout, env=env)
     results, summary = [], None
     for line in proc.stdout.splitlines():
         record = json.loads(line)
@@ -149,7 +149,7 @@ class Exchanges(unittest.TestCase):
         results, _, log = drive("-l", "6", "http://localhost:%d/small.bin" % SERVER.port)
         self.assertEqual((200, 0), (results[0]["status"], results[0]["code"]))
         if socket.has_ipv6 and "[::1]" in log:
-            self.assertIn("Connection to [::1]:%d failed" % SERVER.port, log)
+            self.assertIn("Connection to [::1]:%d failed (" % SERVER.port, log)
         self.assertIn("Connection to 127.0.0.1:%d succeeded" % SERVER.port, log)
 
     def test_target_down_gives_error_code(self):
@@ -181,6 +181,58 @@ class Exchanges(unittest.TestCase):
         # Buffers in use stay a few reads' worth; the process stays small.
         self.assertLess(summary["pool_buffers"] * 512, 2 * 1024 * 1024)
         self.assertLess(summary["max_rss_kb"], 16 * 1024)
+
+
+# A CA, a second CA nobody trusts, and a certificate for "localhost" (only:
+# 127.0.0.1 is the wrong name for it).
+CERTIFICATES = """set -e
+printf 'basicConstraints = CA:FALSE\\nsubjectAltName = DNS:localhost\\nextendedKeyUsage = serverAuth\\n' > server.ext
+key="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
+ca="-addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign -days 2"
+openssl req -x509 $key $ca -subj "/CN=Client test CA" -keyout ca.key -out ca.pem
+openssl req -x509 $key $ca -subj "/CN=Other CA" -keyout other.key -out other.pem
+openssl req -new $key -subj "/CN=localhost" -keyout server.key -out server.csr
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 -extfile server.ext -out server.pem
+"""
+
+
+class Https(unittest.TestCase):
+    """nginx with TLS and a certificate from a CA made here."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Nginx(locations='location = /ok { return 200 "secret\\n"; }')
+        work = cls.server.work
+        subprocess.run(["sh", "-c", CERTIFICATES], cwd=work, check=True, capture_output=True, timeout=60)
+        cls.server.tls = (os.path.join(work, "server.pem"), os.path.join(work, "server.key"))
+        cls.server.__enter__()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.cleanup()
+
+    def trusting(self, ca):
+        return dict(os.environ, SSL_CERT_FILE=os.path.join(self.server.work, ca))
+
+    def test_trusted_server_answers_over_one_kept_connection(self):
+        before = len(self.server.access_log())
+        results, _, log = drive("-n", "2", "-l", "6", "https://localhost:%d/ok" % self.server.port,
+                                env=self.trusting("ca.pem"))
+        self.assertEqual([(200, 0, crc(b"secret\n"))] * 2, [(r["status"], r["code"], r["crc"]) for r in results])
+        self.assertEqual(1, log.count("Created new connection"))
+        lines = self.server.wait_for_log(before + 2)[before:]
+        self.assertEqual(1, len({l["connection"] for l in lines}))
+
+    def test_unknown_ca_and_wrong_name_fail_before_anything_is_sent(self):
+        before = len(self.server.access_log())
+        cases = (("https://localhost:%d/ok", "other.pem"), ("https://127.0.0.1:%d/ok", "ca.pem"))
+        for url, ca in cases:
+            results, _, log = drive("-l", "6", url % self.server.port, env=self.trusting(ca))
+            self.assertEqual((0, 2, "Connection failed"),
+                             (results[0]["status"], results[0]["code"], results[0]["text"]), url)
+            self.assertIn("[asiossl]", log)
+            self.assertNotIn("Starting request", log)
+        self.assertEqual([], self.server.access_log()[before:])
 
 
 if __name__ == "__main__":

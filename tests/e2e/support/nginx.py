@@ -7,7 +7,8 @@ so that it is stopped even when the test fails:
         server.url("/empty")
         server.access_log()   # parsed lines of the access log
 
-Static files go under server.root (write them before or after start)."""
+Static files go under server.root (write them before or after start). With
+tls=(certificate_file, key_file) the server speaks HTTPS only."""
 import os
 import shutil
 import signal
@@ -45,7 +46,8 @@ http {{
   sendfile on;
   {http_extra}
   server {{
-    listen 127.0.0.1:{port};
+    listen 127.0.0.1:{port}{ssl};
+    {tls}
     root {work}/html;
     {locations}
   }}
@@ -61,8 +63,9 @@ def free_port():
 
 
 class Nginx:
-    def __init__(self, locations="", http_extra="", work=None, start_timeout=10.0):
+    def __init__(self, locations="", http_extra="", work=None, start_timeout=10.0, tls=None):
         self.locations = locations
+        self.tls = tls
         self.http_extra = http_extra
         self.own_work = work is None
         self.work = work or tempfile.mkdtemp(prefix="nginx-test-")
@@ -87,7 +90,7 @@ class Nginx:
         return "127.0.0.1:%d" % self.port
 
     def url(self, path):
-        return "http://%s%s" % (self.authority(), path)
+        return "%s://%s%s" % ("https" if self.tls else "http", self.authority(), path)
 
     # ---- life cycle
 
@@ -95,9 +98,12 @@ class Nginx:
         self.port = free_port()
         fields = "\\t".join("$" + name for name in ACCESS_FIELDS)
         user = "user root;" if os.geteuid() == 0 else ""
+        tls = ""
+        if self.tls:
+            tls = "ssl_certificate %s; ssl_certificate_key %s; ssl_protocols TLSv1.2 TLSv1.3;" % self.tls
         with open(os.path.join(self.work, "nginx.conf"), "w") as f:
-            f.write(CONFIG.format(user=user, work=self.work, port=self.port, fields=fields,
-                                  http_extra=self.http_extra, locations=self.locations))
+            f.write(CONFIG.format(user=user, work=self.work, port=self.port, fields=fields, tls=tls,
+                                  ssl=" ssl" if self.tls else "", http_extra=self.http_extra, locations=self.locations))
         with open(os.path.join(self.work, "stderr.log"), "w") as stderr:
             self.proc = subprocess.Popen([NGINX, "-p", self.work, "-c", os.path.join(self.work, "nginx.conf")],
                                          stdout=subprocess.DEVNULL, stderr=stderr)
