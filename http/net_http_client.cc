@@ -134,6 +134,7 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   void touch() { lastActivity_ = reactor_->timeProvider()->now(); }
 
   void onResolved(const NameResolver::Result& result, bool found);
+  void requestConnection();
   void onConnection(const std::shared_ptr<HttpConnection>& connection);
   void connectNext();
   void onConnect(int error);
@@ -141,7 +142,8 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
 
   void startSending();
   void pumpBody();
-  void onSent(int error, std::size_t bytes, bool body);
+  void onSent(int error, std::size_t bytes, bool body, unsigned attempt);
+  bool retryOnNewConnection();
 
   void onReceive(int error, BufferChain& data);
   void onHead();
@@ -179,6 +181,12 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   // Outgoing: the whole request in one chain, or the head followed by the
   // body from the sink.
   BufferChainPtr whole_;
+  // The whole request as sent on a reused connection, for one retry when the
+  // server turns out to have closed that connection meanwhile.
+  BufferChainPtr resend_;
+  bool reused_ = false;
+  bool retried_ = false;
+  unsigned attempt_ = 0;  // send completions of earlier connections are stale
   std::shared_ptr<BodySink> bodySink_;
   bool streaming_ = false;
   bool chunked_ = false;
@@ -265,6 +273,10 @@ void NetHttpClientRequest::onResolved(const NameResolver::Result& result, bool f
   }
   QLOG(Log, log::Debug, "Host %s resolved to %s, requesting a connection", connectHost_,
        destination_.addressText());
+  requestConnection();
+}
+
+void NetHttpClientRequest::requestConnection() {
   std::weak_ptr<NetHttpClientRequest> self = weak();
   pool_->requestConnection(destination_, token_, [self](const std::shared_ptr<HttpConnection>& connection) {
     if (auto request = self.lock()) {
@@ -286,6 +298,7 @@ void NetHttpClientRequest::onConnection(const std::shared_ptr<HttpConnection>& c
     case HttpConnection::Connected:
       QLOG(Log, log::Debug, "Got an already connected connection for %s, %s", connectHost_,
            connection->remoteAddress().toString());
+      reused_ = true;
       onConnected();
       break;
     case HttpConnection::Unconnected:
@@ -398,8 +411,9 @@ void NetHttpClientRequest::startSending() {
   std::weak_ptr<NetHttpClientRequest> self = weak();
   BufferChainPtr chain = std::move(whole_);
   whole_.reset();
-  connection_->send(chain, [self](int error, std::size_t bytes) {
-    if (auto request = self.lock()) request->onSent(error, bytes, false);
+  if (reused_ && !retried_ && !streaming_ && (method_ == "GET" || method_ == "HEAD")) resend_ = chain;
+  connection_->send(chain, [self, attempt = attempt_](int error, std::size_t bytes) {
+    if (auto request = self.lock()) request->onSent(error, bytes, false, attempt);
   });
 }
 
@@ -455,15 +469,17 @@ void NetHttpClientRequest::pumpBody() {
   }
   sending_ = true;
   std::weak_ptr<NetHttpClientRequest> self = weak();
-  connection_->send(BufferChainPtr(chain), [self](int error, std::size_t bytes) {
-    if (auto request = self.lock()) request->onSent(error, bytes, true);
+  connection_->send(BufferChainPtr(chain), [self, attempt = attempt_](int error, std::size_t bytes) {
+    if (auto request = self.lock()) request->onSent(error, bytes, true, attempt);
   });
 }
 
-void NetHttpClientRequest::onSent(int error, std::size_t bytes, bool body) {
+void NetHttpClientRequest::onSent(int error, std::size_t bytes, bool body, unsigned attempt) {
+  if (attempt != attempt_) return;
   sending_ = false;
   if (done_) return;
   if (error) {
+    if (retryOnNewConnection()) return;
     if (body) {
       QLOG(Log, log::Notice, "0x%x: Content send failed with code %u", id(), static_cast<unsigned>(error));
       fail(HttpClientError::RequestBodyFailed);
@@ -488,10 +504,27 @@ void NetHttpClientRequest::onSent(int error, std::size_t bytes, bool body) {
   pumpBody();
 }
 
+// A kept connection may have been closed by the server just as it was taken
+// from the pool. A GET or HEAD that got no byte of answer on it goes once
+// more on a new connection.
+bool NetHttpClientRequest::retryOnNewConnection() {
+  if (!resend_ || retried_ || done_) return false;
+  QLOG(Log, log::Debug, "0x%x: Kept connection closed by the server, retrying on a new one", id());
+  retried_ = true;
+  ++attempt_;
+  releaseConnection(true);
+  whole_ = std::move(resend_);
+  resend_.reset();
+  headSent_ = sending_ = sendFinished_ = reused_ = false;
+  requestConnection();
+  return true;
+}
+
 void NetHttpClientRequest::onReceive(int error, BufferChain& data) {
   if (done_) return;
   // The handlers may drop the caller's last reference.
   std::shared_ptr<NetHttpClientRequest> hold = shared_from_this();
+  if ((error || data.empty()) && reader_->receivedBytes() == 0 && retryOnNewConnection()) return;
   if (error) {
     QLOG(Log, log::Notice, "0x%x: Receive error: %d", id(), error);
     fail(HttpClientError::ReceiveFailed);
@@ -517,6 +550,7 @@ void NetHttpClientRequest::onReceive(int error, BufferChain& data) {
     deliverBody();
     return;
   }
+  resend_.reset();
   switch (reader_->feed(data)) {
     case ResponseHeadReader::State::Collecting:
       if (reader_->receivedBytes() > MaxHeadBytes) {

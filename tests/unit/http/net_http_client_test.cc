@@ -468,5 +468,37 @@ TEST_F(NetHttpClientTest, SendFailureIsReported) {
   EXPECT_EQ(make_error_code(HttpClientError::SendFailed), *outcome.code);
 }
 
+// The server may close a kept connection just as a request takes it.
+TEST_F(NetHttpClientTest, GetOnAKeptConnectionTheServerClosedGoesOnceMore) {
+  Outcome first, second, third;
+  auto a = start("GET", "/", first);
+  a->send(nullptr, 0);
+  run();
+  factory->last().deliver(Ok5);
+  run();
+  auto b = start("GET", "/again", second);
+  b->send(nullptr, 0);
+  run();
+  ASSERT_EQ(1u, factory->sockets.size());
+  factory->sockets[0]->deliverClose();
+  run();
+  ASSERT_EQ(2u, factory->sockets.size());
+  EXPECT_EQ("GET /again HTTP/1.1\r\nHost: example\r\n\r\n", factory->sockets[1]->sent);
+  factory->sockets[1]->deliver(Ok5);
+  run();
+  ASSERT_TRUE(second.code);
+  EXPECT_FALSE(*second.code);
+  EXPECT_EQ("hello", second.body);
+  // A POST might have been acted on: it is not repeated.
+  auto c = start("POST", "/p", third);
+  c->send("x", 1);
+  run();
+  factory->sockets[1]->deliverClose();
+  run();
+  ASSERT_TRUE(third.code);
+  EXPECT_EQ(make_error_code(HttpClientError::ConnectionLost), *third.code);
+  EXPECT_EQ(2u, factory->sockets.size());
+}
+
 }  // namespace
 }  // namespace quorvel
