@@ -82,9 +82,14 @@ void HttpConnectionPool::releaseConnection(const std::shared_ptr<HttpConnection>
        connection->destination().text());
   // Later, so that a request ending inside a socket callback is no longer
   // on the stack when its connection goes to someone else.
+  // The used list keeps the connection until then; the task holds only weak
+  // references, so that it never keeps the loop's own objects alive.
   std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
-  reactor_->post(token_, [weak, connection, close]() {
-    if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->release(connection, close);
+  std::weak_ptr<HttpConnection> weakConnection = connection;
+  reactor_->post(token_, [weak, weakConnection, close]() {
+    std::shared_ptr<HttpConnectionPool> self = weak.lock();
+    std::shared_ptr<HttpConnection> connection = weakConnection.lock();
+    if (self && connection) self->release(connection, close);
   });
 }
 
