@@ -29,6 +29,8 @@ struct Outcome {
   std::optional<boost::system::error_code> code;
 };
 
+const char Ok5[] = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello";
+
 class NetHttpClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -75,6 +77,24 @@ class NetHttpClientTest : public ::testing::Test {
     return false;
   }
 
+  // A GET without body, resolved, connected and sent.
+  std::shared_ptr<WebClientRequest> get(const std::string& path, Outcome& outcome,
+                                        const std::string& host = "example") {
+    auto request = start("GET", path, outcome, host);
+    request->send(nullptr, 0);
+    run();
+    return request;
+  }
+
+  // A GET answered in full, which leaves its connection in the pool.
+  void fetchHello(const std::string& path) {
+    Outcome outcome;
+    auto request = get(path, outcome);
+    factory->last().deliver(Ok5);
+    run();
+    EXPECT_EQ("hello", outcome.body);
+  }
+
   // Resolves, connects and sends.
   void run() { reactor->runDue(); }
 
@@ -87,8 +107,6 @@ class NetHttpClientTest : public ::testing::Test {
       std::make_shared<NetHttpClient>(reactor, pool, factory, nullptr, resolver, 2);
   std::shared_ptr<LogCapture> capture;
 };
-
-const char Ok5[] = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello";
 
 TEST_F(NetHttpClientTest, HttpsWithoutSslFactoryThrows) {
   try {
@@ -154,15 +172,9 @@ TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
 }
 
 TEST_F(NetHttpClientTest, KeepAliveReusesAndCloseDoesNot) {
-  Outcome first, second, third;
-  auto a = start("GET", "/1", first);
-  a->send(nullptr, 0);
-  run();
-  factory->last().deliver(Ok5);
-  run();
-  auto b = start("GET", "/2", second);
-  b->send(nullptr, 0);
-  run();
+  Outcome second, third;
+  fetchHello("/1");
+  auto b = get("/2", second);
   ASSERT_EQ(1u, factory->sockets.size());
   EXPECT_TRUE(hasLine("Using existing connection 0x", log::Debug));
   factory->last().deliver("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 2\r\n\r\nok");
@@ -170,19 +182,14 @@ TEST_F(NetHttpClientTest, KeepAliveReusesAndCloseDoesNot) {
   EXPECT_EQ("ok", second.body);
   EXPECT_TRUE(factory->last().closed);
   EXPECT_EQ(0u, client->plainPool()->freeCount());
-  auto c = start("GET", "/3", third);
-  c->send(nullptr, 0);
-  run();
+  auto c = get("/3", third);
   EXPECT_EQ(2u, factory->sockets.size());
 }
 
 TEST_F(NetHttpClientTest, TriesDistinctAddressesInOrder) {
   factory->refused.insert("[::1]:8080");
   Outcome outcome;
-  auto request = client->createRequest("GET", "http", "localhost", "localhost:8080", "/");
-  watch(*request, outcome);
-  request->send(nullptr, 0);
-  run();
+  auto request = get("/", outcome, "localhost:8080");
   ASSERT_EQ(2u, factory->sockets.size());
   EXPECT_EQ("[::1]:8080", factory->sockets[0]->connectedTo.toString());
   EXPECT_EQ("127.0.0.1:8080", factory->sockets[1]->connectedTo.toString());
@@ -192,10 +199,7 @@ TEST_F(NetHttpClientTest, TriesDistinctAddressesInOrder) {
 
   factory->refused.insert("127.0.0.1:8080");
   Outcome refused;
-  auto other = client->createRequest("GET", "http", "localhost", "localhost:8080", "/");
-  watch(*other, refused);
-  other->send(nullptr, 0);
-  run();
+  auto other = get("/", refused, "localhost:8080");
   ASSERT_TRUE(refused.code);
   EXPECT_EQ(make_error_code(HttpClientError::ConnectFailed), *refused.code);
   EXPECT_EQ("Connection failed", refused.code->message());
@@ -278,9 +282,7 @@ TEST_F(NetHttpClientTest, ResponsesWithoutBodyEndAfterHead) {
 
 TEST_F(NetHttpClientTest, ChunkedResponseAcrossReads) {
   Outcome outcome;
-  auto request = start("GET", "/", outcome);
-  request->send(nullptr, 0);
-  run();
+  auto request = get("/", outcome);
   factory->last().deliver("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhel");
   run();
   factory->last().deliver("lo\r\n0\r\n\r\n");
@@ -304,9 +306,7 @@ TEST_F(NetHttpClientTest, BadResponsesFailAndDropTheConnection) {
                {"HTTP/1.1 200 OK\r\nContent-", true, HttpClientError::ConnectionLost}};
   for (const Case& c : cases) {
     Outcome outcome;
-    auto request = start("GET", "/", outcome);
-    request->send(nullptr, 0);
-    run();
+    auto request = get("/", outcome);
     FakeSocket& socket = factory->last();
     for (std::size_t at = 0; at < c.response.size() && socket.receiving() && !outcome.code;) {
       const std::string piece = c.response.substr(at, 16384);
@@ -324,13 +324,7 @@ TEST_F(NetHttpClientTest, BadResponsesFailAndDropTheConnection) {
     EXPECT_EQ(0u, client->plainPool()->freeCount());
   }
   // A good exchange still works afterwards.
-  Outcome good;
-  auto request = start("GET", "/", good);
-  request->send(nullptr, 0);
-  run();
-  factory->last().deliver(Ok5);
-  run();
-  EXPECT_EQ("hello", good.body);
+  fetchHello("/");
 }
 
 TEST_F(NetHttpClientTest, RequestsBeyondTheLimitWait) {
@@ -362,9 +356,7 @@ TEST_F(NetHttpClientTest, DroppedWaitingRequestIsSkipped) {
   run();
   c.reset();
   Outcome d_outcome;
-  auto d = start("GET", "/d", d_outcome);
-  d->send(nullptr, 0);
-  run();
+  auto d = get("/d", d_outcome);
   factory->sockets[0]->deliver(Ok5);
   run();
   EXPECT_NE(std::string::npos, factory->sockets[0]->sent.find("GET /d"));
@@ -373,9 +365,7 @@ TEST_F(NetHttpClientTest, DroppedWaitingRequestIsSkipped) {
 
 TEST_F(NetHttpClientTest, TimesOutWithoutProgressOnly) {
   Outcome outcome;
-  auto request = start("GET", "/", outcome);
-  request->send(nullptr, 0);
-  run();
+  auto request = get("/", outcome);
   reactor->advance(Duration::seconds(50));
   factory->last().deliver("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhe");
   reactor->advance(Duration::seconds(50));
@@ -420,37 +410,27 @@ TEST_F(NetHttpClientTest, BlockedSourcePausesReading) {
 }
 
 TEST_F(NetHttpClientTest, IdleConnectionClosedByServerIsDropped) {
-  Outcome first, second;
-  auto a = start("GET", "/", first);
-  a->send(nullptr, 0);
-  run();
-  factory->last().deliver(Ok5);
-  run();
+  Outcome second;
+  fetchHello("/");
   ASSERT_EQ(1u, client->plainPool()->freeCount());
   ASSERT_TRUE(factory->last().receiving());
   factory->last().deliverClose();
   run();
   EXPECT_EQ(0u, client->plainPool()->freeCount());
   EXPECT_TRUE(capture->count("Now have 0 free, 0 used") >= 1);
-  auto b = start("GET", "/", second);
-  b->send(nullptr, 0);
-  run();
+  auto b = get("/", second);
   EXPECT_EQ(2u, factory->sockets.size());
 }
 
 TEST_F(NetHttpClientTest, CancelAndDropCallNoHandlerAndCloseTheConnection) {
   Outcome outcome;
-  auto request = start("GET", "/", outcome);
-  request->send(nullptr, 0);
-  run();
+  auto request = get("/", outcome);
   request->cancel();
   run();
   EXPECT_TRUE(factory->last().closed);
   EXPECT_FALSE(outcome.code);
   Outcome other;
-  auto dropped = start("GET", "/", other);
-  dropped->send(nullptr, 0);
-  run();
+  auto dropped = get("/", other);
   dropped.reset();
   run();
   EXPECT_TRUE(factory->last().closed);
@@ -470,15 +450,9 @@ TEST_F(NetHttpClientTest, SendFailureIsReported) {
 
 // The server may close a kept connection just as a request takes it.
 TEST_F(NetHttpClientTest, GetOnAKeptConnectionTheServerClosedGoesOnceMore) {
-  Outcome first, second, third;
-  auto a = start("GET", "/", first);
-  a->send(nullptr, 0);
-  run();
-  factory->last().deliver(Ok5);
-  run();
-  auto b = start("GET", "/again", second);
-  b->send(nullptr, 0);
-  run();
+  Outcome second, third;
+  fetchHello("/");
+  auto b = get("/again", second);
   ASSERT_EQ(1u, factory->sockets.size());
   factory->sockets[0]->deliverClose();
   run();
