@@ -108,6 +108,15 @@ class NetHttpClientTest : public ::testing::Test {
   std::shared_ptr<LogCapture> capture;
 };
 
+TEST(HttpClientError, CodesHaveTheirTexts) {
+  EXPECT_STREQ("httpclient", httpClientCategory().name());
+  EXPECT_EQ("Bad HTTP response format", make_error_code(HttpClientError::BadResponse).message());
+  EXPECT_EQ("Request body could not be sent", make_error_code(HttpClientError::RequestBodyFailed).message());
+  EXPECT_EQ("Unknown HTTP client error 99", boost::system::error_code(99, httpClientCategory()).message());
+  const boost::system::error_code code = HttpClientError::TimedOut;
+  EXPECT_EQ(9, code.value());
+}
+
 TEST_F(NetHttpClientTest, HttpsWithoutSslFactoryThrows) {
   try {
     client->createRequest("GET", "https", "example", "example", "/");
