@@ -120,7 +120,11 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   void setCloseConnection() override;
   void send(const void* data, std::size_t length) override;
   void startStreaming() override;
-  std::weak_ptr<BodySink> bodySink() override { return bodySink_; }
+  // Made on first use, so a body may be connected before the request starts.
+  std::weak_ptr<BodySink> bodySink() override {
+    if (!bodySink_) bodySink_ = std::make_shared<BodySink>();
+    return bodySink_;
+  }
   bool isStarted() const override { return started_; }
   void cancel() override;
 
@@ -388,7 +392,7 @@ void NetHttpClientRequest::startStreaming() {
     headers_.addField(HttpHeader::TransferEncoding, "chunked");
     chunked_ = true;
   }
-  bodySink_ = std::make_shared<BodySink>();
+  bodySink();
   std::weak_ptr<NetHttpClientRequest> self = weak();
   bodySink_->setReadyHandler([self]() {
     if (auto request = self.lock()) request->pumpBody();
