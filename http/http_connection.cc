@@ -120,7 +120,9 @@ void HttpConnection::receive() {
       return;
     }
     if (!more.empty()) spareBytes_ = readSize_;
-    spare_.append(more);
+    // The top-up is the short chain: appending walks to its end only.
+    more.append(spare_);
+    spare_ = more;
   }
   const std::size_t size = std::exchange(spareBytes_, 0);
   BufferChainPtr buffers(std::exchange(spare_, BufferChain()));

@@ -39,7 +39,12 @@ for case, unit in (("Sequential1K", "items"), ("Parallel16x1K", "items"), ("Body
     ours = medians["BM_%s_Ferrule" % case]["%s_per_second" % unit]
     beast = medians["BM_%s_Beast" % case]["%s_per_second" % unit]
     if unit == "items":
-        print("%-14s NetHttpClient %9.0f req/s   Beast %9.0f req/s   ratio %.2f" % (case, ours, beast, ours / beast))
+        # CPU per request tells more than wall time on a loaded machine.
+        batch = medians["BM_%s_Ferrule" % case]["items_per_second"] * medians["BM_%s_Ferrule" % case]["real_time"] / 1e3
+        cpu_ours = medians["BM_%s_Ferrule" % case]["cpu_time"] * 1e3 / batch
+        cpu_beast = medians["BM_%s_Beast" % case]["cpu_time"] * 1e3 / batch
+        print("%-14s NetHttpClient %9.0f req/s %5.1f us CPU/req   Beast %9.0f req/s %5.1f us CPU/req   ratio %.2f"
+              % (case, ours, cpu_ours, beast, cpu_beast, ours / beast))
     else:
         print("%-14s NetHttpClient %9.1f MB/s    Beast %9.1f MB/s    ratio %.2f"
               % (case, ours / 1e6, beast / 1e6, ours / beast))
