@@ -56,6 +56,17 @@ bool resolveLiteral(const std::string& host, const std::string& service, NameRes
   return true;
 }
 
+bool hasToken(const MessageHeaders& headers, const char* name, const char* value) {
+  const auto field = headers.find(name);
+  return field != headers.end() && field->value.equalsIgnoreCase(value);
+}
+
+// An HTTP/1.0 server closes after each response unless it says otherwise.
+bool keepsConnection(const MessageHeaders& response) {
+  return !response.version().equals(HttpVersion::V10) ||
+         hasToken(response, HttpHeader::Connection, "keep-alive");
+}
+
 class NetHttpClientResponse : public WebClientResponse {
  public:
   explicit NetHttpClientResponse(const MessageHeaders& headers) : headers_(headers) {}
@@ -410,6 +421,8 @@ void NetHttpClientRequest::startStreaming() {
 void NetHttpClientRequest::startSending() {
   if (!started_ || !connected_ || headSent_ || done_ || !whole_) return;
   QLOG(Log, log::Debug, "0x%x: Starting request: '%s %s' with %u bytes of data", id(), method_, path_, bodyBytes_);
+  // Asked for by the caller: the server may close without saying so.
+  closeAfter_ = closeAfter_ || hasToken(headers_, HttpHeader::Connection, "close");
   headSent_ = true;
   sending_ = true;
   std::weak_ptr<NetHttpClientRequest> self = weak();
@@ -576,7 +589,7 @@ void NetHttpClientRequest::onReceive(int error, BufferChain& data) {
 
 void NetHttpClientRequest::onHead() {
   response_ = std::make_shared<NetHttpClientResponse>(reader_->headers());
-  closeAfter_ = closeAfter_ || reader_->closeConnection();
+  closeAfter_ = closeAfter_ || reader_->closeConnection() || !keepsConnection(response_->headers());
   BufferChain rest = reader_->takeBodyBytes();
   const bool hasBody = reader_->hasBody(method_);
   if (hasBody) {

@@ -195,6 +195,26 @@ TEST_F(NetHttpClientTest, KeepAliveReusesAndCloseDoesNot) {
   EXPECT_EQ(2u, factory->sockets.size());
 }
 
+TEST_F(NetHttpClientTest, Http10AndRequestedCloseAreNotKept) {
+  Outcome old, asked;
+  auto a = get("/", old);
+  factory->last().deliver("HTTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  run();
+  EXPECT_FALSE(*old.code);
+  EXPECT_TRUE(factory->last().closed);
+  auto b = start("GET", "/", asked);
+  b->setCloseConnection();
+  b->setCloseConnection();
+  b->send(nullptr, 0);
+  run();
+  EXPECT_EQ("GET / HTTP/1.1\r\nHost: example\r\nConnection: close\r\n\r\n", factory->last().sent);
+  factory->last().deliver(Ok5);
+  run();
+  EXPECT_TRUE(factory->last().closed);
+  EXPECT_EQ(0u, client->plainPool()->freeCount());
+  EXPECT_TRUE(hasLine("close=1", log::Debug));
+}
+
 TEST_F(NetHttpClientTest, TriesDistinctAddressesInOrder) {
   factory->refused.insert("[::1]:8080");
   Outcome outcome;
