@@ -26,7 +26,7 @@ using namespace quorvel;
 namespace {
 
 struct Options {
-  std::string url;
+  std::vector<std::string> urls;  // request i goes to urls[i % count]
   std::string method = "GET";
   std::vector<std::pair<std::string, std::string>> headers;
   std::size_t bodySize = 0;
@@ -43,7 +43,7 @@ struct Options {
 [[noreturn]] void usage() {
   std::fprintf(stderr,
                "usage: http_client_driver [-m METHOD] [-H 'Name: value']... [-d BODYSIZE] [--chunked] [--close]\n"
-               "       [-p PARALLEL] [-n REPEAT] [--limit N] [--rate BYTES_PER_S] [-l LEVEL] [-q] URL\n");
+               "       [-p PARALLEL] [-n REPEAT] [--limit N] [--rate BYTES_PER_S] [-l LEVEL] [-q] URL...\n");
   std::exit(2);
 }
 
@@ -82,13 +82,13 @@ Options parse(int argc, char** argv) {
       o.level = std::stoi(next());
     } else if (a == "-q") {
       o.quiet = true;
-    } else if (!a.empty() && a[0] != '-' && o.url.empty()) {
-      o.url = a;
+    } else if (!a.empty() && a[0] != '-') {
+      o.urls.push_back(a);
     } else {
       usage();
     }
   }
-  if (o.url.empty() || o.parallel == 0) usage();
+  if (o.urls.empty() || o.parallel == 0) usage();
   return o;
 }
 
@@ -239,10 +239,11 @@ class Driver {
 
 void Exchange::start() {
   const Options& o = driver->o;
-  const std::string authority = Url::authority(o.url);
-  std::string path = Url::path(o.url);
+  const std::string& url = o.urls[index % o.urls.size()];
+  const std::string authority = Url::authority(url);
+  std::string path = Url::path(url);
   if (path.empty()) path = "/";
-  request = driver->client->createRequest(o.method, Url::scheme(o.url), authority, authority, path);
+  request = driver->client->createRequest(o.method, Url::scheme(url), authority, authority, path);
   std::weak_ptr<Exchange> self = shared_from_this();
   request->setResponseHandler([self](const std::shared_ptr<WebClientResponse>& r) {
     if (auto e = self.lock()) e->onResponse(r);

@@ -8,6 +8,7 @@ import random
 import socket
 import subprocess
 import sys
+import threading
 import unittest
 import zlib
 
@@ -181,6 +182,97 @@ class Exchanges(unittest.TestCase):
         # Buffers in use stay a few reads' worth; the process stays small.
         self.assertLess(summary["pool_buffers"] * 512, 2 * 1024 * 1024)
         self.assertLess(summary["max_rss_kb"], 16 * 1024)
+
+
+class RawServer:
+    """A loopback HTTP server that answers from a table of canned byte
+    strings, for responses no real server sends. It records which connection
+    each request came on."""
+
+    ANSWERS = {
+        "/ok": b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello",
+        "/bad": b"HTTP/1.1 2x0 OK\r\nContent-Length: 5\r\n\r\nhello",
+        "/truncated": b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhello",
+        "/huge": b"HTTP/1.1 200 OK\r\nX-Filler: " + b"a" * 70000,
+        "/badchunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhelloXX",
+    }
+    CLOSE_AFTER = {"/truncated"}
+
+    def __init__(self):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.listener.settimeout(0.2)
+        self.port = self.listener.getsockname()[1]
+        self.requests = []  # (connection number, path)
+        self.stopping = False
+        self.threads = []
+        self.acceptor = threading.Thread(target=self._accept, daemon=True)
+        self.acceptor.start()
+
+    def _accept(self):
+        number = 0
+        while not self.stopping:
+            try:
+                conn, _ = self.listener.accept()
+            except OSError:
+                continue
+            number += 1
+            thread = threading.Thread(target=self._serve, args=(conn, number), daemon=True)
+            thread.start()
+            self.threads.append(thread)
+
+    def _serve(self, conn, number):
+        conn.settimeout(10)
+        data = b""
+        with conn:
+            while not self.stopping:
+                try:
+                    piece = conn.recv(65536)
+                except OSError:
+                    return
+                if not piece:
+                    return
+                data += piece
+                while b"\r\n\r\n" in data:
+                    head, data = data.split(b"\r\n\r\n", 1)
+                    path = head.split(b" ")[1].decode()
+                    self.requests.append((number, path))
+                    try:
+                        conn.sendall(self.ANSWERS[path])
+                    except OSError:
+                        return
+                    if path in self.CLOSE_AFTER:
+                        return
+
+    def stop(self):
+        self.stopping = True
+        self.acceptor.join(5)
+        for thread in self.threads:
+            thread.join(5)
+        self.listener.close()
+
+
+class BadResponses(unittest.TestCase):
+    def test_each_bad_response_fails_its_request_and_its_connection_only(self):
+        server = RawServer()
+        try:
+            paths = ["/ok", "/bad", "/ok", "/truncated", "/ok", "/huge", "/ok", "/badchunk", "/ok"]
+            urls = ["http://127.0.0.1:%d%s" % (server.port, p) for p in paths]
+            results, _, log = drive("-n", str(len(paths)), "-l", "4", *urls)
+        finally:
+            server.stop()
+        codes = [(paths[r["i"]], r["code"]) for r in results]
+        self.assertEqual([("/ok", 0), ("/bad", 6), ("/ok", 0), ("/truncated", 8), ("/ok", 0), ("/huge", 7),
+                          ("/ok", 0), ("/badchunk", 8), ("/ok", 0)], codes)
+        self.assertIn("Bad HTTP response format", log)
+        self.assertIn("No end of the response head in", log)
+        self.assertEqual(2, log.count("Malformed or truncated response body"))
+        # A connection that carried a bad answer carried nothing after it.
+        for index, (number, path) in enumerate(server.requests):
+            if path != "/ok":
+                later = [p for n, p in server.requests[index + 1:] if n == number]
+                self.assertEqual([], later, path)
+        # The good ones share connections: the first /ok's is used again.
+        self.assertEqual(server.requests[0][0], server.requests[1][0])
 
 
 # A CA, a second CA nobody trusts, and a certificate for "localhost" (only:
