@@ -463,7 +463,9 @@ void NetHttpClientRequest::pumpBody() {
     if (data.empty()) {
       chain.releaseBuffers();
       QLOG(Log, log::Error, "0x%x: No buffers for %u bytes of request body", id(), size);
-      fail(HttpClientError::OutOfMemory);
+      // The pump may run inside the producer's put(): report it later.
+      sendFinished_ = true;
+      failLater(HttpClientError::OutOfMemory);
       return;
     }
     chain.append(data);
@@ -477,7 +479,7 @@ void NetHttpClientRequest::pumpBody() {
     const char* marker = chunkSent_ ? "\r\n0\r\n\r\n" : ChunkedEnd;
     chain = chainOf(*allocator_, marker, std::char_traits<char>::length(marker));
     if (chain.empty()) {
-      fail(HttpClientError::OutOfMemory);
+      failLater(HttpClientError::OutOfMemory);
       return;
     }
     QLOG(Log, log::Debug, "0x%x: Sent chunked encoding end marker", id());
