@@ -46,4 +46,7 @@ if [ -f fuzz/CMakeLists.txt ]; then
   done
 fi
 
+step "PowerPC cross build, unit tests under qemu-ppc"
+bash scripts/cross/test.sh
+
 step "all tests passed"

@@ -1,0 +1,349 @@
+// The agent over real UDP sockets: a Binding request to a coturn server that
+// this test starts on a free loopback port, and a request to a port where
+// nobody answers.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/asio_reactor.h"
+#include "core/log.h"
+#include "core/random_source.h"
+#include "net/asio_socket_factory.h"
+#include "net/buffer_pool.h"
+#include "stun/integrity.h"
+#include "stun/net_stun_agent.h"
+
+namespace quorvel {
+namespace stun {
+namespace {
+
+std::string findProgram(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  std::stringstream dirs(path ? path : "/usr/bin:/bin");
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    const std::string candidate = dir + "/" + name;
+    if (!dir.empty() && access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return std::string();
+}
+
+// A plain blocking UDP socket on 127.0.0.1, for what the test does beside the
+// code under test: finding free ports, probing the server, playing silent.
+class PlainUdp {
+ public:
+  PlainUdp() {
+    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+      throw std::runtime_error("test socket");
+    }
+    socklen_t length = sizeof address;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+  }
+  ~PlainUdp() { close(fd_); }
+  PlainUdp(const PlainUdp&) = delete;
+  PlainUdp& operator=(const PlainUdp&) = delete;
+
+  uint16_t port() const { return port_; }
+
+  void sendTo(uint16_t port, const std::vector<uint8_t>& bytes) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(port);
+    sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+  }
+
+  // One datagram, or an empty vector after `timeoutMs`.
+  std::vector<uint8_t> receive(int timeoutMs) {
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, timeoutMs) != 1) return {};
+    std::vector<uint8_t> bytes(2048);
+    const ssize_t n = recv(fd_, bytes.data(), bytes.size(), 0);
+    bytes.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return bytes;
+  }
+
+ private:
+  int fd_ = -1;
+  uint16_t port_ = 0;
+};
+
+uint16_t freeUdpPort() { return PlainUdp().port(); }
+
+// coturn in STUN-only mode on 127.0.0.1, in its own temporary directory; always
+// stopped when the test ends, however it ends.
+class Coturn {
+ public:
+  ~Coturn() { stop(); }
+
+  void start(const std::string& program, uint16_t port) {
+    char dirTemplate[] = "/tmp/stun-e2e-XXXXXX";
+    dir_ = mkdtemp(dirTemplate);
+    chmod(dir_.c_str(), 0755);
+    logPath_ = dir_ + "/turnserver.log";
+    const std::string portText = std::to_string(port);
+    std::vector<std::string> args;
+    // As root it runs unprivileged, as the packaged service would.
+    if (geteuid() == 0) args = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+    for (const std::string& arg : {program, std::string("-n"), std::string("-S"), std::string("-z"),
+                                   std::string("--no-cli"), std::string("--no-tls"), std::string("--no-dtls"),
+                                   std::string("--no-tcp"), std::string("-L"), std::string("127.0.0.1"),
+                                   std::string("-p"), portText, std::string("--log-file"), std::string("stdout"),
+                                   std::string("--simple-log"), std::string("-v")}) {
+      args.push_back(arg);
+    }
+
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int log = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(log, 1);
+      dup2(log, 2);
+      if (chdir(dir_.c_str()) != 0) _exit(126);
+      std::vector<char*> argv;
+      for (std::string& arg : args) argv.push_back(&arg[0]);
+      argv.push_back(nullptr);
+      execvp(argv[0], argv.data());
+      _exit(127);
+    }
+  }
+
+  bool running() {
+    if (pid_ <= 0) return false;
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return false;
+    }
+    return true;
+  }
+
+  std::string logText() const {
+    std::ifstream in(logPath_);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+  void stop() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      // It takes a second or more to go; bounded, then forced.
+      for (int i = 0; i < 100 && running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+      }
+    }
+    if (!dir_.empty()) {
+      unlink(logPath_.c_str());
+      rmdir(dir_.c_str());
+      dir_.clear();
+    }
+  }
+
+ private:
+  pid_t pid_ = -1;
+  std::string dir_;
+  std::string logPath_;
+};
+
+// Log lines with their times, to see the spacing of retransmissions.
+class TimedCapture : public LogWriter {
+ public:
+  void write(Time time, const log::Log& log, int, int, const std::string& message) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (log.name() == "stunagent") lines.push_back({time, message});
+  }
+  struct Line {
+    Time time;
+    std::string message;
+  };
+  std::vector<Line> lines;
+
+ private:
+  std::mutex mutex_;
+};
+
+std::shared_ptr<TimedCapture> timedCapture() {
+  static std::shared_ptr<TimedCapture> capture = [] {
+    auto created = std::make_shared<TimedCapture>();
+    log::addWriter(created);
+    return created;
+  }();
+  capture->lines.clear();
+  return capture;
+}
+
+// The agent with a real reactor and a bound UDP socket whose datagrams it
+// classifies.
+class AgentOnLoopback {
+ public:
+  AgentOnLoopback() {
+    socket_ = factory_.createSocket(2, 2, 17);
+    socket_->bind(SocketAddress(2, SocketAddress::Loopback, 0));
+    agent_ = std::make_shared<NetStunAgent>(reactor_, pool_, Duration::milliseconds(5));
+    receive();
+  }
+  ~AgentOnLoopback() { socket_->close(); }
+
+  MessagePtr bindingRequest() {
+    auto message = std::make_shared<Message>(Message::Request, Message::MethodBinding, makeTransactionId(random_));
+    message->addStringAttribute(Message::Software, "Quorvel ICE Agent");
+    return message;
+  }
+
+  // Runs the loop until the request ends, at most `bound`.
+  void runRequest(const MessagePtr& request, uint16_t port, Duration rto, Duration limit, Duration bound) {
+    agent_->sendRequest(request, socket_, SocketAddress(2, "127.0.0.1", port), rto, limit, "",
+                        [this](int error, const MessagePtr& response, const SocketAddress& from,
+                               const SocketAddress& local) {
+                          ++calls;
+                          this->error = error;
+                          this->response = response;
+                          this->from = from;
+                          this->local = local;
+                          reactor_->stop();
+                        });
+    reactor_->scheduleAfter(token_, bound, [this]() { reactor_->stop(); });
+    reactor_->run();
+  }
+
+  SocketAddress localAddress() const { return socket_->localAddress(); }
+
+  int calls = 0;
+  int error = -1;
+  MessagePtr response;
+  SocketAddress from, local;
+
+ private:
+  void receive() {
+    BufferChainPtr buffers(pool_->allocate(1500));
+    socket_->receiveFrom(buffers, [this, buffers](int error, std::size_t bytes, const SocketAddress& sender) {
+      if (error) return;  // closed
+      std::vector<uint8_t> datagram(bytes);
+      copyFromChain(buffers.chain().begin(), buffers.chain().begin() + bytes, datagram.data());
+      agent_->handleDatagram(socket_, sender, datagram.data(), datagram.size(), false, {});
+      receive();
+    });
+  }
+
+  // Declared first: operations still queued in the reactor hold buffers,
+  // which must go back to a pool that still exists.
+  std::shared_ptr<BufferPool> pool_ = std::make_shared<BufferPool>(512, 0, 0);
+  std::shared_ptr<AsioReactor> reactor_ = std::make_shared<AsioReactor>();
+  AsioSocketFactory factory_{reactor_};
+  PseudoRandomSource random_{std::make_shared<SystemTimeProvider>()};
+  std::shared_ptr<AsyncSocket> socket_;
+  std::shared_ptr<NetStunAgent> agent_;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
+TEST(StunServerTest, BindingRequestReturnsTheSocketsOwnAddress) {
+  const std::string turnserver = findProgram("turnserver");
+  if (turnserver.empty()) GTEST_SKIP() << "turnserver is not installed (Debian package coturn)";
+  if (geteuid() == 0 && findProgram("setpriv").empty()) GTEST_SKIP() << "setpriv is missing";
+
+  const uint16_t port = freeUdpPort();
+  Coturn server;
+  server.start(turnserver, port);
+
+  // Bounded wait until the server answers a plain Binding request.
+  PlainUdp probe;
+  PseudoRandomSource random(12345);
+  const Message ping(Message::Request, Message::MethodBinding, makeTransactionId(random));
+  bool answered = false;
+  for (int attempt = 0; attempt < 100 && !answered; ++attempt) {
+    ASSERT_TRUE(server.running()) << server.logText();
+    probe.sendTo(port, ping.bytes());
+    const std::vector<uint8_t> reply = probe.receive(100);
+    answered = isStunMessage(reply.data(), reply.size(), false);
+  }
+  ASSERT_TRUE(answered) << "coturn did not answer on port " << port << "\n" << server.logText();
+
+  AgentOnLoopback client;
+  const MessagePtr request = client.bindingRequest();
+  client.runRequest(request, port, Duration::milliseconds(100), Duration::seconds(5), Duration::seconds(10));
+
+  ASSERT_EQ(client.calls, 1);
+  ASSERT_EQ(client.error, 0);
+  ASSERT_TRUE(client.response);
+  EXPECT_EQ(client.response->messageClass(), Message::SuccessResponse);
+  EXPECT_EQ(client.response->method(), Message::MethodBinding);
+  EXPECT_EQ(client.response->transactionId(), request->transactionId());
+  EXPECT_EQ(client.from, SocketAddress(2, "127.0.0.1", port));
+  EXPECT_EQ(client.local, client.localAddress());
+  EXPECT_EQ(client.response->getMappedAddress(), client.localAddress());
+  // The server speaks the current framing: the XOR form is there.
+  EXPECT_TRUE(client.response->findAttribute(Message::XorMappedAddress));
+}
+
+TEST(StunServerTest, SilentPortGetsDoublingRetransmissionsUntilTheLimit) {
+  log::setLevel("stunagent", log::Debug);
+  const std::shared_ptr<TimedCapture> capture = timedCapture();
+  PlainUdp silent;  // bound, so the kernel sends no ICMP back: it just never answers
+
+  AgentOnLoopback client;
+  const MessagePtr request = client.bindingRequest();
+  client.runRequest(request, silent.port(), Duration::milliseconds(50), Duration::milliseconds(1200),
+                    Duration::seconds(10));
+
+  ASSERT_EQ(client.calls, 1);
+  EXPECT_EQ(client.error, ETIMEDOUT);
+  EXPECT_FALSE(client.response);
+
+  std::vector<Time> sends;
+  bool timedOut = false;
+  for (const TimedCapture::Line& line : capture->lines) {
+    if (line.message == "(Re)sending request 0x1") sends.push_back(line.time);
+    timedOut |= line.message == "Request 0x1 timed out";
+  }
+  EXPECT_TRUE(timedOut);
+  // 0, 50, 150, 350 and 750 ms; the next would be due at 1550, after the
+  // limit (the margins leave room for a slow machine).
+  ASSERT_EQ(sends.size(), 5u);
+  Duration expectedGap = Duration::milliseconds(50);
+  for (std::size_t i = 1; i < sends.size(); ++i) {
+    // Timers never fire early, so the gaps are at least the doubled RTOs (a
+    // millisecond allowed for the log clock against the loop's clock).
+    EXPECT_GE(sends[i] - sends[i - 1], expectedGap - Duration::milliseconds(1)) << "gap " << i;
+    expectedGap = expectedGap * 2;
+  }
+
+  std::size_t received = 0;
+  for (std::vector<uint8_t> datagram = silent.receive(0); !datagram.empty() && received < 100;
+       datagram = silent.receive(0)) {
+    EXPECT_EQ(datagram, request->bytes());
+    ++received;
+  }
+  EXPECT_EQ(received, sends.size());
+}
+
+}  // namespace
+}  // namespace stun
+}  // namespace quorvel

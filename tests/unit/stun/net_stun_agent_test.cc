@@ -1,0 +1,372 @@
+#include "stun/net_stun_agent.h"
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "net/buffer_pool.h"
+#include "net/socket_error.h"
+#include "stun/integrity.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/manual_reactor.h"
+
+namespace quorvel {
+namespace stun {
+namespace {
+
+using testing::LogCapture;
+using testing::ManualReactor;
+
+// Records every datagram; completions run on the next turn of the reactor,
+// as a real socket's would.
+class FakeSocket : public AsyncSocket {
+ public:
+  struct Sent {
+    Time at;
+    std::vector<uint8_t> bytes;
+    SocketAddress to;
+  };
+
+  FakeSocket(ManualReactor& reactor, SocketAddress local) : reactor_(reactor), local_(local) {}
+
+  void bind(const SocketAddress&) override {}
+  void connect(const SocketAddress&, const ConnectCallback&) override {}
+  void send(const BufferChainPtr&, const TransferCallback&) override {}
+  void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) override {
+    if (throwOnSend) throw SocketError("sendTo failed", EPERM);
+    const BufferChain& chain = buffers.chain();
+    std::vector<uint8_t> bytes(chain.size());
+    copyFromChain(chain.begin(), chain.end(), bytes.data());
+    sent.push_back({reactor_.clock().now(), bytes, to});
+    const int error = completionError;
+    const std::size_t size = bytes.size();
+    reactor_.post(token_, [callback, error, size]() { callback(error, error ? 0 : size); });
+  }
+  void receive(const BufferChainPtr&, const TransferCallback&) override {}
+  void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) override {}
+  void setOption(int, int, const void*, std::size_t) override {}
+  void getOption(int, int, void*, std::size_t&) override {}
+  SocketAddress localAddress() const override { return local_; }
+  SocketAddress remoteAddress() const override { return SocketAddress(); }
+  void close() override {}
+
+  std::vector<Sent> sent;
+  int completionError = 0;
+  bool throwOnSend = false;
+
+ private:
+  ManualReactor& reactor_;
+  SocketAddress local_;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
+struct Outcome {
+  int calls = 0;
+  int error = -1;
+  MessagePtr response;
+  SocketAddress from;
+  SocketAddress local;
+};
+
+class AgentTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    log::setLevel("stunagent", log::Debug);
+    capture_ = LogCapture::install();
+  }
+
+  std::shared_ptr<NetStunAgent> makeAgent(Duration minInterval) {
+    return std::make_shared<NetStunAgent>(reactor_, pool_, minInterval);
+  }
+
+  MessagePtr request(uint8_t idByte) {
+    TransactionId id{};
+    id.fill(idByte);
+    return std::make_shared<Message>(Message::Request, Message::MethodBinding, id);
+  }
+
+  // A response to `request`, as a datagram.
+  static std::vector<uint8_t> answer(const Message& request, const std::string& key = "",
+                                     int messageClass = Message::SuccessResponse) {
+    Message response(messageClass, Message::MethodBinding, request.transactionId());
+    response.addXorMappedAddress(SocketAddress(2, "198.18.0.7", 40000));
+    if (!key.empty()) addMessageIntegrity(response, key);
+    addFingerprint(response);
+    return response.bytes();
+  }
+
+  StunAgent::ResponseCallback recordInto(Outcome& outcome) {
+    return [&outcome](int error, const MessagePtr& response, const SocketAddress& from, const SocketAddress& local) {
+      ++outcome.calls;
+      outcome.error = error;
+      outcome.response = response;
+      outcome.from = from;
+      outcome.local = local;
+    };
+  }
+
+  static std::vector<int64_t> sendTimesMs(const FakeSocket& socket, Time start) {
+    std::vector<int64_t> times;
+    for (const FakeSocket::Sent& s : socket.sent) times.push_back((s.at - start).count() / 1000);
+    return times;
+  }
+
+  std::shared_ptr<ManualReactor> reactor_ = std::make_shared<ManualReactor>();
+  std::shared_ptr<BufferPool> pool_ = std::make_shared<BufferPool>(512, 0, 0);
+  std::shared_ptr<FakeSocket> socket_ =
+      std::make_shared<FakeSocket>(*reactor_, SocketAddress(2, "127.0.0.1", 5000));
+  const SocketAddress server_{2, "127.0.0.1", 3478};
+  std::shared_ptr<LogCapture> capture_;
+};
+
+TEST_F(AgentTest, OnlyRequestsStartTransactions) {
+  auto agent = makeAgent(Duration());
+  TransactionId id{};
+  auto indication = std::make_shared<Message>(Message::Indication, 1, id);
+  try {
+    agent->sendRequest(indication, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {});
+    FAIL() << "no exception";
+  } catch (const std::logic_error& e) {
+    EXPECT_STREQ(e.what(), "sendRequest: Not a request");
+  }
+  EXPECT_THROW(agent->sendRequest(nullptr, socket_, server_, Duration(), Duration(), "", {}), std::logic_error);
+  EXPECT_EQ(agent->pendingCount(), 0u);
+  EXPECT_TRUE(socket_->sent.empty());
+}
+
+TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
+  auto agent = makeAgent(Duration());
+  const Time start = reactor_->clock().now();
+  Outcome outcome;
+  const MessagePtr message = request(7);
+  const RequestHandle handle = agent->sendRequest(message, socket_, server_, Duration::milliseconds(100),
+                                                  Duration::milliseconds(2000), "", recordInto(outcome));
+  EXPECT_EQ(sendTimesMs(*socket_, start), std::vector<int64_t>{0});  // the first goes at once
+  reactor_->advance(Duration::seconds(5));
+
+  EXPECT_EQ(sendTimesMs(*socket_, start), (std::vector<int64_t>{0, 100, 300, 700, 1500}));
+  for (const FakeSocket::Sent& s : socket_->sent) {
+    EXPECT_EQ(s.bytes, message->bytes());
+    EXPECT_EQ(s.to, server_);
+  }
+  EXPECT_EQ(outcome.calls, 1);
+  EXPECT_EQ(outcome.error, ETIMEDOUT);
+  EXPECT_FALSE(outcome.response);
+  EXPECT_EQ(agent->pendingCount(), 0u);
+  EXPECT_EQ(reactor_->pending(), 0u);
+
+  const std::string h = "0x" + (boost::format("%x") % handle).str();
+  EXPECT_TRUE(capture_->contains("Initiating request " + h + " from 127.0.0.1:5000 to 127.0.0.1:3478, rto 100ms"));
+  EXPECT_EQ(capture_->count("(Re)sending request " + h), 5u);
+  EXPECT_TRUE(capture_->contains("Request " + h + " timed out"));
+  EXPECT_TRUE(capture_->contains("Disposing of pending request " + h));
+  for (const LogCapture::Line& line : capture_->lines()) {
+    EXPECT_EQ(line.log, "stunagent");
+    EXPECT_EQ(line.level, log::Debug) << line.message;
+  }
+}
+
+TEST_F(AgentTest, ZeroRtoSendsOnceAndWaits) {
+  auto agent = makeAgent(Duration());
+  Outcome outcome;
+  agent->sendRequest(request(1), socket_, server_, Duration(), Duration::milliseconds(500), "", recordInto(outcome));
+  reactor_->advance(Duration::seconds(1));
+  EXPECT_EQ(socket_->sent.size(), 1u);
+  EXPECT_EQ(outcome.error, ETIMEDOUT);
+}
+
+TEST_F(AgentTest, MatchesResponsesByIdAndChecksIntegrityWhenKeyed) {
+  auto agent = makeAgent(Duration());
+  Outcome outcome;
+  const MessagePtr message = request(9);
+  agent->sendRequest(message, socket_, server_, Duration::milliseconds(100), Duration::seconds(10), "secret",
+                     recordInto(outcome));
+  reactor_->advance(Duration::milliseconds(50));
+
+  const std::vector<uint8_t> stranger = answer(*request(8), "secret");
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, stranger.data(), stranger.size(), true, {}));
+  const std::vector<uint8_t> unsigned_ = answer(*message);
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, unsigned_.data(), unsigned_.size(), true, {}));
+  const std::vector<uint8_t> forged = answer(*message, "guess");
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, forged.data(), forged.size(), true, {}));
+  EXPECT_EQ(outcome.calls, 0);
+  EXPECT_EQ(agent->pendingCount(), 1u);
+
+  reactor_->advance(Duration::milliseconds(300));  // retransmissions went on meanwhile
+  EXPECT_EQ(socket_->sent.size(), 3u);
+
+  const SocketAddress from(2, "127.0.0.1", 3479);
+  const std::vector<uint8_t> good = answer(*message, "secret", Message::ErrorResponse);
+  EXPECT_TRUE(agent->handleDatagram(socket_, from, good.data(), good.size(), true, {}));
+  EXPECT_EQ(outcome.calls, 1);
+  EXPECT_EQ(outcome.error, 0);
+  ASSERT_TRUE(outcome.response);
+  EXPECT_EQ(outcome.response->messageClass(), Message::ErrorResponse);
+  EXPECT_EQ(outcome.from, from);
+  EXPECT_EQ(outcome.local, SocketAddress(2, "127.0.0.1", 5000));
+  EXPECT_TRUE(capture_->contains("0x1: Got response from 127.0.0.1:3479"));
+  EXPECT_EQ(agent->pendingCount(), 0u);
+
+  reactor_->advance(Duration::seconds(20));
+  EXPECT_EQ(socket_->sent.size(), 3u);
+  EXPECT_EQ(outcome.calls, 1);
+  // A duplicate of the answer finds nothing any more.
+  EXPECT_TRUE(agent->handleDatagram(socket_, from, good.data(), good.size(), true, {}));
+  EXPECT_EQ(outcome.calls, 1);
+}
+
+TEST_F(AgentTest, UnkeyedRequestsTakeAnyResponse) {
+  auto agent = makeAgent(Duration());
+  Outcome outcome;
+  const MessagePtr message = request(3);
+  agent->sendRequest(message, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
+                     recordInto(outcome));
+  const std::vector<uint8_t> signed_ = answer(*message, "whatever");
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, signed_.data(), signed_.size(), false, {}));
+  EXPECT_EQ(outcome.error, 0);
+  EXPECT_EQ(outcome.response->getMappedAddress(), SocketAddress(2, "198.18.0.7", 40000));
+}
+
+TEST_F(AgentTest, ClassifiesAndDispatchesIncomingDatagrams) {
+  auto agent = makeAgent(Duration());
+  int defaultCalls = 0, ownCalls = 0;
+  MessagePtr seen;
+  agent->setRequestHandler([&defaultCalls, &seen](const std::shared_ptr<AsyncSocket>&, const SocketAddress&,
+                                                  const MessagePtr& m) {
+    ++defaultCalls;
+    seen = m;
+  });
+  const StunAgent::RequestHandler own = [&ownCalls](const std::shared_ptr<AsyncSocket>&, const SocketAddress&,
+                                                    const MessagePtr&) { ++ownCalls; };
+
+  const std::vector<uint8_t> rtp = {0x80, 0x60, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  EXPECT_FALSE(agent->handleDatagram(socket_, server_, rtp.data(), rtp.size(), false, own));
+  EXPECT_TRUE(capture_->lines().empty());
+
+  Message check = *request(5);
+  check.addStringAttribute(Message::Username, "a:b");
+  const std::vector<uint8_t> noFingerprint = check.bytes();
+  EXPECT_FALSE(agent->handleDatagram(socket_, server_, noFingerprint.data(), noFingerprint.size(), true, own));
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, noFingerprint.data(), noFingerprint.size(), false, own));
+  EXPECT_EQ(ownCalls, 1);
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, noFingerprint.data(), noFingerprint.size(), false, {}));
+  EXPECT_EQ(defaultCalls, 1);
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(seen->bytes(), noFingerprint);
+
+  Message indication(Message::Indication, 1, TransactionId{});
+  addFingerprint(indication);
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, indication.data(), indication.size(), true, own));
+  EXPECT_EQ(ownCalls, 2);
+
+  // STUN by cookie and length, but unparseable: used up, handed to nobody.
+  std::vector<uint8_t> bad = indication.bytes();
+  bad[0] = 0xC0;
+  EXPECT_TRUE(agent->handleDatagram(socket_, server_, bad.data(), bad.size(), false, own));
+  EXPECT_EQ(ownCalls, 2);
+}
+
+TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
+  const Duration interval = Duration::milliseconds(20);
+  auto agent = makeAgent(interval);
+  const Time start = reactor_->clock().now();
+  for (uint8_t i = 1; i <= 4; ++i) {
+    agent->sendRequest(request(i), socket_, server_, Duration::milliseconds(30), Duration::milliseconds(900), "", {});
+  }
+  const Message response(Message::SuccessResponse, 1, TransactionId{});
+  for (int i = 0; i < 30; ++i) {
+    reactor_->advance(Duration::milliseconds(7));
+    if (i % 3 == 0) agent->sendMessage(socket_, response, server_);
+  }
+  reactor_->advance(Duration::seconds(2));
+
+  const std::vector<int64_t> times = sendTimesMs(*socket_, start);
+  ASSERT_GT(times.size(), 20u);
+  EXPECT_EQ(times[0], 0);
+  EXPECT_EQ(times[1], 20);  // the second request waited for its slot
+  for (std::size_t i = 1; i < times.size(); ++i) EXPECT_GE(times[i] - times[i - 1], 20) << "send " << i;
+  std::size_t responses = 0;
+  for (const FakeSocket::Sent& s : socket_->sent) responses += s.bytes == response.bytes();
+  EXPECT_EQ(responses, 10u);
+  EXPECT_EQ(agent->pendingCount(), 0u);
+}
+
+TEST_F(AgentTest, LostSocketEndsTheTransaction) {
+  auto agent = makeAgent(Duration());
+  Outcome outcome;
+  const RequestHandle handle = agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100),
+                                                  Duration::seconds(1), "", recordInto(outcome));
+  socket_.reset();
+  reactor_->advance(Duration::milliseconds(100));
+  EXPECT_EQ(outcome.error, ENOTCONN);
+  EXPECT_TRUE(capture_->contains((boost::format("Socket for request 0x%x no longer exists") % handle).str()));
+  EXPECT_EQ(agent->pendingCount(), 0u);
+}
+
+TEST_F(AgentTest, SendFailuresEndTheTransaction) {
+  auto agent = makeAgent(Duration());
+  Outcome failed, refused;
+  socket_->completionError = ENETUNREACH;
+  const RequestHandle first = agent->sendRequest(request(1), socket_, server_, Duration::milliseconds(100),
+                                                 Duration::seconds(1), "", recordInto(failed));
+  reactor_->runDue();
+  EXPECT_EQ(failed.error, ENETUNREACH);
+  EXPECT_TRUE(capture_->contains((boost::format("Request 0x%x failed, removing") % first).str()));
+
+  socket_->throwOnSend = true;
+  agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
+                     recordInto(refused));
+  EXPECT_EQ(refused.calls, 0);  // never from inside sendRequest
+  reactor_->runDue();
+  EXPECT_EQ(refused.error, EPERM);
+  EXPECT_EQ(agent->pendingCount(), 0u);
+}
+
+TEST_F(AgentTest, CancelStopsWithoutCallingBack) {
+  auto agent = makeAgent(Duration());
+  Outcome outcome;
+  const RequestHandle handle = agent->sendRequest(request(4), socket_, server_, Duration::milliseconds(100),
+                                                  Duration::seconds(1), "", recordInto(outcome));
+  agent->cancel(handle);
+  agent->cancel(handle + 100);
+  reactor_->advance(Duration::seconds(2));
+  EXPECT_EQ(socket_->sent.size(), 1u);
+  EXPECT_EQ(outcome.calls, 0);
+  EXPECT_TRUE(capture_->contains((boost::format("Cancelling request 0x%x") % handle).str()));
+  EXPECT_TRUE(capture_->contains((boost::format("Disposing of pending request 0x%x") % handle).str()));
+}
+
+TEST_F(AgentTest, CallbacksMayStartAndCancelRequestsAndDropTheAgent) {
+  auto agent = makeAgent(Duration());
+  const MessagePtr first = request(1), second = request(2), third = request(3);
+  RequestHandle thirdHandle = 0;
+  int secondDone = 0;
+  agent->sendRequest(third, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {});
+  thirdHandle = 1;
+  agent->sendRequest(first, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
+                     [&](int, const MessagePtr&, const SocketAddress&, const SocketAddress&) {
+                       agent->cancel(thirdHandle);
+                       agent->sendRequest(second, socket_, server_, Duration::milliseconds(100),
+                                          Duration::seconds(1), "",
+                                          [&](int error, const MessagePtr&, const SocketAddress&,
+                                              const SocketAddress&) {
+                                            secondDone = error == 0;
+                                            agent.reset();  // the owner lets go from inside
+                                          });
+                     });
+  const std::vector<uint8_t> one = answer(*first), two = answer(*second);
+  std::weak_ptr<NetStunAgent> weak = agent;
+  agent->handleDatagram(socket_, server_, one.data(), one.size(), true, {});
+  EXPECT_EQ(agent->pendingCount(), 1u);
+  agent->handleDatagram(socket_, server_, two.data(), two.size(), true, {});
+  EXPECT_EQ(secondDone, 1);
+  EXPECT_TRUE(weak.expired());
+  reactor_->advance(Duration::seconds(2));  // nothing left to run
+}
+
+}  // namespace
+}  // namespace stun
+}  // namespace quorvel
