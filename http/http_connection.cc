@@ -1,0 +1,175 @@
+#include "http/http_connection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+
+#include "core/log.h"
+#include "net/ssl_socket.h"
+
+namespace quorvel {
+namespace {
+
+const log::Log Log("httpclient");
+
+constexpr int SocketStream = 1;  // SOCK_STREAM
+// Reads fill at most this much; the socket layer takes up to 64 buffers per
+// read, so small buffers cap it lower.
+constexpr std::size_t ReadBytes = 32768;
+constexpr std::size_t MaxReadBuffers = 64;
+
+std::size_t readSizeFor(const BufferChainAllocator& allocator) {
+  const std::size_t bufferSize = std::max<std::size_t>(allocator.bufferSize(), 1);
+  const std::size_t buffers = std::clamp<std::size_t>(ReadBytes / bufferSize, 1, MaxReadBuffers);
+  return buffers * bufferSize;
+}
+
+}  // namespace
+
+std::string HttpDestination::addressText() const {
+  std::string text;
+  for (const SocketAddress& address : addresses) {
+    if (!text.empty()) text += ", ";
+    text += address.toString();
+  }
+  return text;
+}
+
+std::string HttpDestination::text() const { return host + " (" + addressText() + ")"; }
+
+bool HttpDestination::accepts(const std::string& hostName, const SocketAddress& address) const {
+  return hostName == host && std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+}
+
+HttpConnection::HttpConnection(std::shared_ptr<Reactor> reactor, std::shared_ptr<AsyncSocketFactory> factory,
+                               std::shared_ptr<BufferChainAllocator> allocator, HttpDestination destination)
+    : reactor_(std::move(reactor)),
+      factory_(std::move(factory)),
+      allocator_(std::move(allocator)),
+      destination_(std::move(destination)),
+      readSize_(readSizeFor(*allocator_)) {}
+
+HttpConnection::~HttpConnection() {
+  if (socket_) socket_->close();
+  spare_.releaseBuffers();
+}
+
+void HttpConnection::connect(const SocketAddress& address, const ConnectCallback& callback) {
+  if (socket_) socket_->close();
+  socket_.reset();
+  state_ = Connecting;
+  std::weak_ptr<HttpConnection> weak = shared_from_this();
+  try {
+    socket_ = factory_->createSocket(address.family(), SocketStream, 0);
+    // TLS sockets verify the server against the name, not the address.
+    setSslHostName(*socket_, destination_.host);
+    socket_->connect(address, [weak, address, callback](int error) {
+      if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onConnect(error, address, callback);
+    });
+  } catch (const std::exception& e) {
+    QLOG(Log, log::Notice, "0x%x: Cannot open a socket for %s: %s", id(), address.toString(), e.what());
+    socket_.reset();
+    // Connect results always come later, like the socket's own.
+    reactor_->post(token_, [weak, address, callback]() {
+      if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onConnect(EIO, address, callback);
+    });
+  }
+}
+
+void HttpConnection::onConnect(int error, const SocketAddress& address, const ConnectCallback& callback) {
+  if (state_ != Connecting) {
+    // Closed meanwhile.
+    if (callback) callback(error ? error : ECANCELED);
+    return;
+  }
+  if (error) {
+    if (socket_) socket_->close();
+    socket_.reset();
+    state_ = Unconnected;
+  } else {
+    state_ = Connected;
+    remote_ = address;
+  }
+  if (callback) callback(error);
+}
+
+void HttpConnection::send(const BufferChainPtr& data, const SendCallback& callback) {
+  if (state_ != Connected) {
+    reactor_->post(token_, [callback]() {
+      if (callback) callback(ENOTCONN, 0);
+    });
+    return;
+  }
+  socket_->send(data, callback);
+}
+
+// Idle connections read with the full size too: the next response lands in
+// that read, and a smaller one would cost extra reads for every response.
+void HttpConnection::receive() {
+  if (receiving_ || state_ != Connected) return;
+  if (spareBytes_ < readSize_) {
+    BufferChain more = allocator_->allocate(readSize_ - spareBytes_);
+    if (more.empty() && spare_.empty()) {
+      QLOG(Log, log::Error, "0x%x: No buffers for receiving", id());
+      // Reported like a failed read, later.
+      std::weak_ptr<HttpConnection> weak = shared_from_this();
+      receiving_ = true;
+      reactor_->post(token_, [weak]() {
+        if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(ENOMEM, 0, BufferChainPtr(), 0);
+      });
+      return;
+    }
+    if (!more.empty()) spareBytes_ = readSize_;
+    // The top-up is the short chain: appending walks to its end only.
+    more.append(spare_);
+    spare_ = more;
+  }
+  const std::size_t size = std::exchange(spareBytes_, 0);
+  BufferChainPtr buffers(std::exchange(spare_, BufferChain()));
+  receiving_ = true;
+  std::weak_ptr<HttpConnection> weak = shared_from_this();
+  socket_->receive(buffers, [weak, buffers, size](int error, std::size_t bytes) {
+    if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes, buffers, size);
+  });
+}
+
+void HttpConnection::onReceive(int error, std::size_t bytes, BufferChainPtr buffers, std::size_t size) {
+  receiving_ = false;
+  BufferChain data = buffers ? buffers.release() : BufferChain();
+  if (state_ != Connected) {
+    data.releaseBuffers();
+    return;
+  }
+  if (error || bytes == 0) {
+    data.releaseBuffers();
+  } else if (bytes < size) {
+    BufferChain unused;
+    data.truncate(bytes, unused);
+    // Whole buffers after the cut.
+    spareBytes_ = unused.empty() ? 0 : size - (bytes + allocator_->bufferSize() - 1) / allocator_->bufferSize() *
+                                                   allocator_->bufferSize();
+    spare_ = unused;
+  }
+  if (error || bytes == 0) state_ = Closed;
+  if (receiveHandler_) {
+    // Hold the handler: it may replace itself.
+    ReceiveHandler handler = receiveHandler_;
+    handler(error, data);
+    data.releaseBuffers();
+    return;
+  }
+  if (bytes > 0 && !error) {
+    QLOG(Log, log::Notice, "0x%x: onReceive(%s): No request!", id(), remote_.toString());
+    data.releaseBuffers();
+  }
+  close();
+  Delegate<void()> closed = idleClosed_;
+  if (closed) closed();
+}
+
+void HttpConnection::close() {
+  state_ = Closed;
+  if (socket_) socket_->close();
+}
+
+}  // namespace quorvel

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/delegate.h"
+#include "core/lifetime.h"
+#include "core/reactor.h"
+#include "net/async_socket.h"
+#include "net/buffer_chain.h"
+#include "net/buffer_chain_ptr.h"
+#include "net/socket_address.h"
+
+namespace quorvel {
+
+// Where a request goes: the host name (without port) that TLS verifies and
+// the distinct addresses it resolved to, in the resolver's order. Pooled
+// connections are shared only between requests for the same host name.
+struct HttpDestination {
+  std::string host;
+  std::vector<SocketAddress> addresses;
+
+  // "host (addr, addr ...)" for log lines.
+  std::string text() const;
+  std::string addressText() const;
+  bool accepts(const std::string& hostName, const SocketAddress& address) const;
+};
+
+// One persistent connection of the HTTP client. Reads happen only when its
+// user asks for one (so a blocked consumer stops the reading), except while
+// the connection waits in the pool, where one read stays outstanding to see
+// the server closing it.
+class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
+ public:
+  // The numbers appear in log lines.
+  enum State : unsigned { Unconnected = 0, Connecting = 1, Connected = 2, Closed = 3 };
+
+  // `error` is the socket's errno number; error 0 with no data means the
+  // peer closed its side. The handler owns `data` afterwards.
+  using ReceiveHandler = Delegate<void(int error, BufferChain& data)>;
+  using ConnectCallback = Delegate<void(int error)>;
+  using SendCallback = Delegate<void(int error, std::size_t bytes)>;
+
+  HttpConnection(std::shared_ptr<Reactor> reactor, std::shared_ptr<AsyncSocketFactory> factory,
+                 std::shared_ptr<BufferChainAllocator> allocator, HttpDestination destination);
+  ~HttpConnection();
+  HttpConnection(const HttpConnection&) = delete;
+  HttpConnection& operator=(const HttpConnection&) = delete;
+
+  uintptr_t id() const { return reinterpret_cast<uintptr_t>(this); }
+  State state() const { return state_; }
+  bool isOpen() const { return state_ == Connected; }
+  const HttpDestination& destination() const { return destination_; }
+  // The address it connected to (empty before).
+  const SocketAddress& remoteAddress() const { return remote_; }
+
+  // A new socket for `address`; TLS sockets get `hostName` to verify. The
+  // callback runs later, with 0 on success; a failed attempt leaves the
+  // connection Unconnected so another address can be tried.
+  void connect(const SocketAddress& address, const ConnectCallback& callback);
+  void send(const BufferChainPtr& data, const SendCallback& callback);
+  // Starts one read unless one is outstanding; its result goes to the
+  // receive handler set at completion time.
+  void receive();
+  bool isReceiving() const { return receiving_; }
+  void setReceiveHandler(const ReceiveHandler& handler) { receiveHandler_ = handler; }
+  // While idle (no receive handler), data or a close from the server closes
+  // the connection and calls this.
+  void setIdleClosedHandler(const Delegate<void()>& handler) { idleClosed_ = handler; }
+  void close();
+
+ private:
+  void onConnect(int error, const SocketAddress& address, const ConnectCallback& callback);
+  void onReceive(int error, std::size_t bytes, BufferChainPtr buffers, std::size_t size);
+
+  std::shared_ptr<Reactor> reactor_;
+  std::shared_ptr<AsyncSocketFactory> factory_;
+  std::shared_ptr<BufferChainAllocator> allocator_;
+  const HttpDestination destination_;
+  std::shared_ptr<AsyncSocket> socket_;
+  SocketAddress remote_;
+  State state_ = Unconnected;
+  bool receiving_ = false;
+  // Buffers left over from the last read, reused by the next.
+  BufferChain spare_;
+  std::size_t spareBytes_ = 0;
+  const std::size_t readSize_;
+  ReceiveHandler receiveHandler_;
+  Delegate<void()> idleClosed_;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
+}  // namespace quorvel

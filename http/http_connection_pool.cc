@@ -1,0 +1,148 @@
+#include "http/http_connection_pool.h"
+
+#include <algorithm>
+
+#include "core/log.h"
+
+namespace quorvel {
+namespace {
+
+const log::Log Log("httppool");
+
+}  // namespace
+
+HttpConnectionPool::HttpConnectionPool(std::shared_ptr<Reactor> reactor, std::shared_ptr<AsyncSocketFactory> factory,
+                                       std::shared_ptr<BufferChainAllocator> allocator, unsigned limit)
+    : reactor_(std::move(reactor)),
+      factory_(std::move(factory)),
+      allocator_(std::move(allocator)),
+      limit_(limit ? limit : DefaultLimit) {}
+
+HttpConnectionPool::~HttpConnectionPool() {
+  for (const auto& connection : free_) connection->close();
+  for (const auto& connection : used_) connection->close();
+}
+
+void HttpConnectionPool::requestConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
+                                           const ConnectionCallback& callback) {
+  QLOG(Log, log::Debug, "Request for connection to %s", destination.text());
+  waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
+                                [](const Waiting& waiting) { return waiting.owner.expired(); }),
+                 waiting_.end());
+  // Earlier requests go first.
+  if (waiting_.empty()) {
+    if (std::shared_ptr<HttpConnection> connection = satisfy(destination)) {
+      if (callback) callback(connection);
+      return;
+    }
+  } else {
+    QLOG(Log, log::Debug, "Too many used connections");
+  }
+  waiting_.push_back(Waiting{destination, owner, callback});
+}
+
+std::shared_ptr<HttpConnection> HttpConnectionPool::satisfy(const HttpDestination& destination) {
+  QLOG(Log, log::Debug, "Trying to satisfy request for %s (%u free, %u used)", destination.text(), free_.size(),
+       used_.size());
+  // The most recently freed first: the least likely to have been closed by
+  // the server meanwhile.
+  for (auto it = free_.end(); it != free_.begin();) {
+    --it;
+    const std::shared_ptr<HttpConnection> connection = *it;
+    if (!destination.accepts(connection->destination().host, connection->remoteAddress())) continue;
+    if (!connection->isOpen()) {
+      QLOG(Log, log::Debug, "Connection 0x%x closed, removing from free list", connection->id());
+      it = free_.erase(it);
+      continue;
+    }
+    QLOG(Log, log::Debug, "Using existing connection 0x%x", connection->id());
+    free_.erase(it);
+    used_.push_back(connection);
+    return connection;
+  }
+  if (free_.size() + used_.size() >= limit_) {
+    if (free_.empty()) {
+      QLOG(Log, log::Debug, "Too many used connections");
+      return nullptr;
+    }
+    // Idle connections to other hosts must not starve this one.
+    const std::shared_ptr<HttpConnection> oldest = free_.front();
+    QLOG(Log, log::Debug, "Closing idle connection 0x%x to make room", oldest->id());
+    free_.pop_front();
+    oldest->close();
+  }
+  auto connection = std::make_shared<HttpConnection>(reactor_, factory_, allocator_, destination);
+  QLOG(Log, log::Debug, "Created new connection 0x%x", connection->id());
+  used_.push_back(connection);
+  return connection;
+}
+
+void HttpConnectionPool::releaseConnection(const std::shared_ptr<HttpConnection>& connection, bool close) {
+  QLOG(Log, log::Debug, "Scheduling release of connection 0x%x (%s)", connection->id(),
+       connection->destination().text());
+  // Later, so that a request ending inside a socket callback is no longer
+  // on the stack when its connection goes to someone else.
+  // The used list keeps the connection until then; the task holds only weak
+  // references, so that it never keeps the loop's own objects alive.
+  std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
+  std::weak_ptr<HttpConnection> weakConnection = connection;
+  reactor_->post(token_, [weak, weakConnection, close]() {
+    std::shared_ptr<HttpConnectionPool> self = weak.lock();
+    std::shared_ptr<HttpConnection> connection = weakConnection.lock();
+    if (self && connection) self->release(connection, close);
+  });
+}
+
+void HttpConnectionPool::release(const std::shared_ptr<HttpConnection>& connection, bool close) {
+  QLOG(Log, log::Debug, "Releasing connection 0x%x (%s), close=%u", connection->id(),
+       connection->destination().text(), close ? 1u : 0u);
+  const auto it = std::find(used_.begin(), used_.end(), connection);
+  if (it != used_.end()) used_.erase(it);
+  connection->setReceiveHandler(HttpConnection::ReceiveHandler());
+  if (close || !connection->isOpen()) {
+    if (!close) QLOG(Log, log::Debug, "Connection 0x%x closed, removing from free list", connection->id());
+    connection->close();
+  } else {
+    free_.push_back(connection);
+    watchIdle(connection);
+  }
+  QLOG(Log, log::Debug, "Now have %u free, %u used", free_.size(), used_.size());
+  serveWaiting();
+}
+
+void HttpConnectionPool::serveWaiting() {
+  while (!waiting_.empty()) {
+    if (waiting_.front().owner.expired()) {
+      waiting_.pop_front();
+      continue;
+    }
+    QLOG(Log, log::Debug, "Connection requests exist, trying to satisfy %s", waiting_.front().destination.text());
+    std::shared_ptr<HttpConnection> connection = satisfy(waiting_.front().destination);
+    if (!connection) return;
+    const ConnectionCallback callback = waiting_.front().callback;
+    waiting_.pop_front();
+    if (callback) callback(connection);
+  }
+}
+
+void HttpConnectionPool::watchIdle(const std::shared_ptr<HttpConnection>& connection) {
+  std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
+  std::weak_ptr<HttpConnection> weakConnection = connection;
+  connection->setIdleClosedHandler([weak, weakConnection]() {
+    if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->onIdleClosed(weakConnection);
+  });
+  connection->receive();
+}
+
+void HttpConnectionPool::onIdleClosed(const std::weak_ptr<HttpConnection>& weakConnection) {
+  const std::shared_ptr<HttpConnection> connection = weakConnection.lock();
+  if (!connection) return;
+  const auto it = std::find(free_.begin(), free_.end(), connection);
+  if (it == free_.end()) return;
+  QLOG(Log, log::Debug, "Connection 0x%x closed, removing from free list", connection->id());
+  free_.erase(it);
+  QLOG(Log, log::Debug, "Now have %u free, %u used", free_.size(), used_.size());
+  serveWaiting();
+}
+
+}  // namespace quorvel

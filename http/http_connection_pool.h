@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <list>
+#include <memory>
+
+#include "core/delegate.h"
+#include "core/lifetime.h"
+#include "core/reactor.h"
+#include "http/http_connection.h"
+#include "net/async_socket.h"
+
+namespace quorvel {
+
+// The HTTP client's connections made through one socket factory: free ones
+// kept open for reuse, used ones lent to requests, and the requests waiting
+// while `limit` connections exist. Log: "httppool".
+class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPool> {
+ public:
+  static constexpr unsigned DefaultLimit = 32;
+
+  // The connection is either open (reused) or Unconnected (new: the
+  // requester connects it to one of the destination's addresses).
+  using ConnectionCallback = Delegate<void(const std::shared_ptr<HttpConnection>& connection)>;
+
+  // `limit` 0 means DefaultLimit.
+  HttpConnectionPool(std::shared_ptr<Reactor> reactor, std::shared_ptr<AsyncSocketFactory> factory,
+                     std::shared_ptr<BufferChainAllocator> allocator, unsigned limit);
+  ~HttpConnectionPool();
+  HttpConnectionPool(const HttpConnectionPool&) = delete;
+  HttpConnectionPool& operator=(const HttpConnectionPool&) = delete;
+
+  // Calls back at once when a connection can be had, otherwise when one is
+  // released. A waiting request whose `owner` has expired by then is dropped.
+  void requestConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
+                         const ConnectionCallback& callback);
+  // Every connection handed out comes back here exactly once; the release
+  // itself runs later on the reactor. With `close` (or when it is found
+  // closed) the connection is dropped, otherwise kept for reuse.
+  void releaseConnection(const std::shared_ptr<HttpConnection>& connection, bool close);
+
+  unsigned limit() const { return limit_; }
+  std::size_t freeCount() const { return free_.size(); }
+  std::size_t usedCount() const { return used_.size(); }
+  std::size_t waitingCount() const { return waiting_.size(); }
+
+ private:
+  struct Waiting {
+    HttpDestination destination;
+    WeakLifetimeToken owner;
+    ConnectionCallback callback;
+  };
+
+  // A connection for the destination, or null when the limit is reached.
+  std::shared_ptr<HttpConnection> satisfy(const HttpDestination& destination);
+  void release(const std::shared_ptr<HttpConnection>& connection, bool close);
+  void serveWaiting();
+  void watchIdle(const std::shared_ptr<HttpConnection>& connection);
+  void onIdleClosed(const std::weak_ptr<HttpConnection>& connection);
+
+  std::shared_ptr<Reactor> reactor_;
+  std::shared_ptr<AsyncSocketFactory> factory_;
+  std::shared_ptr<BufferChainAllocator> allocator_;
+  const unsigned limit_;
+  // Oldest first: reuse takes the most recently freed, eviction the oldest.
+  std::list<std::shared_ptr<HttpConnection>> free_;
+  std::list<std::shared_ptr<HttpConnection>> used_;
+  std::deque<Waiting> waiting_;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
+}  // namespace quorvel

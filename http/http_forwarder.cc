@@ -1,0 +1,237 @@
+#include "http/http_forwarder.h"
+
+#include <exception>
+#include <utility>
+
+#include <boost/system/error_code.hpp>
+
+#include "core/log.h"
+
+namespace quorvel {
+namespace {
+
+const log::Log Log("httpfwd");
+
+const char* const UnableToRelay = "Unable to relay request";
+
+}  // namespace
+
+// One relayed exchange. The forwarder owns it; the callbacks it installs on
+// the target request hold it only weakly, so once the forwarder lets go no
+// callback reaches it.
+class HttpForwarder::PendingRequest : public std::enable_shared_from_this<PendingRequest> {
+ public:
+  PendingRequest(HttpForwarder& owner, std::string name, std::shared_ptr<WebRequest> request)
+      : owner_(&owner), name_(std::move(name)), request_(std::move(request)) {}
+
+  const std::string& name() const { return name_; }
+
+  void start();
+  // The forwarder is going away: nothing may call back into it.
+  void detach();
+
+ private:
+  void copyFields(MessageHeaders& target) const;
+  void startBody();
+  void onResponse(const std::shared_ptr<WebClientResponse>& response);
+  void onDone(const boost::system::error_code& code);
+  void answerBadGateway();
+  void finish(bool succeeded);
+
+  HttpForwarder* owner_;
+  const std::string name_;
+  std::shared_ptr<WebRequest> request_;
+  std::shared_ptr<WebClientRequest> target_;
+  std::shared_ptr<WebClientResponse> targetResponse_;
+  std::shared_ptr<WebResponse> response_;
+  bool finished_ = false;
+};
+
+void HttpForwarder::PendingRequest::start() {
+  const MessageHeaders& in = request_->headers();
+  QLOG(Log, log::Debug, "%s %s %s", in.method(), in.requestTarget(), in.version());
+
+  const MessageHeaders::FieldIterator host = in.find(HttpHeader::Host);
+  const std::string hostValue = host != in.end() ? host->value.str() : owner_->targetHost_;
+  try {
+    target_ = owner_->client_->createRequest(in.method().str(), "http", hostValue, owner_->targetHost_,
+                                             in.requestTarget().str());
+  } catch (const std::exception& e) {
+    // A target the client refuses outright is as unreachable as one that
+    // does not answer.
+    QLOG(Log, log::Debug, "%s: Could not create target request: %s", name_, e.what());
+    answerBadGateway();
+    finish(false);
+    return;
+  }
+  copyFields(target_->headers());
+
+  const std::weak_ptr<PendingRequest> weak = shared_from_this();
+  target_->setResponseHandler([weak](const std::shared_ptr<WebClientResponse>& response) {
+    if (std::shared_ptr<PendingRequest> self = weak.lock()) self->onResponse(response);
+  });
+  target_->setErrorHandler([weak](const boost::system::error_code& code) {
+    if (std::shared_ptr<PendingRequest> self = weak.lock()) self->onDone(code);
+  });
+  // No body data handler: the response body is taken from the response's
+  // source instead, so that a slow consumer holds the target back.
+
+  // A body that is already complete may still have pieces waiting for the
+  // handler, so the head's word counts as well.
+  if (!request_->isBodyComplete() || in.hasBody()) {
+    QLOG(Log, log::Debug, "%s: Starting request data", name_);
+    startBody();
+  } else {
+    QLOG(Log, log::Debug, "%s: Sending empty request", name_);
+    target_->send(nullptr, 0);
+  }
+}
+
+void HttpForwarder::PendingRequest::copyFields(MessageHeaders& target) const {
+  std::string forwardedFor;
+  bool protoPresent = false;
+  for (const MessageHeaders::Field& field : request_->headers()) {
+    if (field.name.equalsIgnoreCase(HttpHeader::Host)) continue;
+    // The client frames the target request's body itself.
+    if (field.name.equalsIgnoreCase(HttpHeader::TransferEncoding)) continue;
+    if (field.name.equalsIgnoreCase(HttpHeader::ForwardedFor)) {
+      // Several fields are one list, as if they had been written as one.
+      if (!forwardedFor.empty()) forwardedFor += ", ";
+      forwardedFor.append(field.value.data(), field.value.size());
+      continue;
+    }
+    if (field.name.equalsIgnoreCase(HttpHeader::ForwardedProto)) protoPresent = true;
+    target.addField(field.name, field.value);
+  }
+  // Without the client's address the chain cannot be extended truthfully,
+  // so the earlier hops are dropped as well.
+  const std::string& address = request_->clientInfo().address;
+  if (!address.empty()) {
+    if (!forwardedFor.empty()) forwardedFor += ", ";
+    forwardedFor += address;
+    target.addField(HttpHeader::ForwardedFor, forwardedFor);
+  }
+  if (!protoPresent && !owner_->forwardedProtocol_.empty()) {
+    target.addField(HttpHeader::ForwardedProto, owner_->forwardedProtocol_);
+  }
+}
+
+void HttpForwarder::PendingRequest::startBody() {
+  // Head first, so that body pieces the request already holds follow it.
+  target_->startStreaming();
+  if (finished_) return;  // the client gave up at once
+  const std::weak_ptr<BodySink> sink = target_->bodySink();
+  if (sink.expired()) {
+    QLOG(Log, log::Debug, "%s: No sink for request data, cancelling request", name_);
+    answerBadGateway();
+    finish(false);
+    return;
+  }
+  request_->setBodyDataHandler(feedSink(sink));
+}
+
+void HttpForwarder::PendingRequest::onResponse(const std::shared_ptr<WebClientResponse>& response) {
+  if (finished_) return;
+  targetResponse_ = response;
+  const MessageHeaders& head = response->headers();
+  QLOG(Log, log::Debug, "%s: Response: %s %u %s", name_, head.version(), head.statusCode(), head.reason());
+
+  if (request_->isActive()) response_ = request_->createResponse(head.statusCode(), head.reason());
+  if (!response_) {
+    QLOG(Log, log::Debug, "%s: Client request no longer active, cancelling", name_);
+    finish(false);
+    return;
+  }
+  MessageHeaders& out = response_->headers();
+  for (const MessageHeaders::Field& field : head) out.addField(field.name, field.value);
+
+  if (!head.hasBody(request_->headers().method())) {
+    QLOG(Log, log::Debug, "%s: Sending empty response", name_);
+    response_->send(nullptr, 0);
+    finish(true);
+    return;
+  }
+  // Held across start(): the consumer could otherwise drop it in between.
+  const std::shared_ptr<BodySink> sink = response_->bodySink().lock();
+  if (!sink) {
+    QLOG(Log, log::Debug, "%s: No sink for content, cancelling request", name_);
+    finish(false);
+    return;
+  }
+  QLOG(Log, log::Debug, "%s: Starting response data", name_);
+  response_->start();
+  response->body().connect(sink);
+}
+
+void HttpForwarder::PendingRequest::onDone(const boost::system::error_code& code) {
+  if (!response_ && !finished_) {
+    // Nothing has been answered yet, so the client can still be told.
+    QLOG(Log, log::Debug, "Target request error %u: %s", code.value(), code.message());
+    answerBadGateway();
+    finish(false);
+  } else if (!code) {
+    QLOG(Log, log::Debug, "Response end with code %u: %s", code.value(), code.message());
+    finish(true);
+  } else {
+    // The head has gone out: all that is left is to stop. The body is not
+    // ended, so its receiver sees a failed transfer rather than a short one.
+    QLOG(Log, log::Debug, "Request error %u: %s", code.value(), code.message());
+    finish(false);
+  }
+}
+
+void HttpForwarder::PendingRequest::answerBadGateway() {
+  sendSimpleResponse(*request_, HttpStatus::BadGateway, UnableToRelay, "text/plain", false);
+}
+
+void HttpForwarder::PendingRequest::finish(bool succeeded) {
+  if (finished_) {
+    QLOG(Log, log::Debug, "Pending request already finished: %s", name_);
+    return;
+  }
+  QLOG(Log, log::Debug, "Finishing pending request %s", name_);
+  finished_ = true;
+  // A failed exchange may still be running on the target's connection; the
+  // client drops it rather than call back into a request that is over.
+  if (!succeeded && target_) target_->cancel();
+  if (owner_) owner_->scheduleCleanUp(this);
+}
+
+void HttpForwarder::PendingRequest::detach() {
+  owner_ = nullptr;
+  if (!finished_ && target_) target_->cancel();
+  finished_ = true;
+}
+
+HttpForwarder::HttpForwarder(std::shared_ptr<Reactor> reactor, std::shared_ptr<HttpClient> client,
+                             std::string targetHost)
+    : reactor_(std::move(reactor)), client_(std::move(client)), targetHost_(std::move(targetHost)) {
+  QLOG(Log, log::Debug, "Created HTTP forwarder, target is %s", targetHost_);
+}
+
+HttpForwarder::~HttpForwarder() {
+  for (auto& entry : pending_) entry.second->detach();
+}
+
+bool HttpForwarder::handle(const std::shared_ptr<WebRequest>& request) {
+  const std::string name = "#" + std::to_string(++serial_) + " " + request->headers().requestTarget().str();
+  const std::shared_ptr<PendingRequest> pending = std::make_shared<PendingRequest>(*this, name, request);
+  pending_.emplace(pending.get(), pending);
+  QLOG(Log, log::Debug, "Created new pending request, count=%u", pending_.size());
+  pending->start();
+  return true;
+}
+
+void HttpForwarder::scheduleCleanUp(PendingRequest* request) {
+  reactor_->post(token_, [this, request] { cleanUp(request); });
+}
+
+void HttpForwarder::cleanUp(PendingRequest* request) {
+  const auto found = pending_.find(request);
+  if (found == pending_.end()) return;
+  const std::shared_ptr<PendingRequest> pending = std::move(found->second);
+  pending_.erase(found);
+  QLOG(Log, log::Debug, "Cleaning up pending request %s, count=%u", pending->name(), pending_.size());
+}
+
+}  // namespace quorvel

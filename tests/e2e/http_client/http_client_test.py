@@ -1,0 +1,332 @@
+#!/usr/bin/env python3
+"""NetHttpClient against Debian's nginx on loopback, through the
+http_client_driver program (one JSON line per request, log on stderr)."""
+import email.utils
+import json
+import os
+import random
+import socket
+import subprocess
+import sys
+import threading
+import unittest
+import zlib
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from nginx import Nginx, free_port  # noqa: E402
+
+DRIVER = None
+SERVER = None
+BIG = 100 * 1024 * 1024
+
+LOCATIONS = """
+    location = /empty { return 204; }
+    location = /ok { return 200 "ok\\n"; }
+    location = /post {
+      client_body_buffer_size 1m;
+      client_body_in_single_buffer on;
+      proxy_pass http://127.0.0.1:$server_port/ok;
+    }
+    location /ssi/ { ssi on; }
+    location /slow/ { limit_rate 2k; }
+"""
+
+
+def body_pattern(size):
+    return bytes(ord("a") + i % 26 for i in range(size))
+
+
+def drive(*args, timeout=60, env=None):
+    """Runs the driver; returns (request lines, summary, log text)."""
+    proc = subprocess.run([DRIVER, *args], capture_output=True, text=True, timeout=timeout, env=env)
+    results, summary = [], None
+    for line in proc.stdout.splitlines():
+        record = json.loads(line)
+        if record.get("summary"):
+            summary = record
+        else:
+            results.append(record)
+    if summary is None:
+        raise AssertionError("driver failed (%d):\n%s\n%s" % (proc.returncode, proc.stdout, proc.stderr[-5000:]))
+    return results, summary, proc.stderr
+
+
+def crc(data):
+    return zlib.crc32(data) & 0xffffffff
+
+
+class Files:
+    small = os.urandom(5000)
+    page = ("<html><body>" + "chunked page " * 2000 + "</body></html>").encode()
+    slow = os.urandom(3000)
+
+
+def setUpModule():
+    global SERVER
+    SERVER = Nginx(locations=LOCATIONS)
+    SERVER.write("small.bin", Files.small)
+    SERVER.write("ssi/page.html", Files.page)
+    SERVER.write("slow/file.bin", Files.slow)
+    block = os.urandom(1024 * 1024)
+    with open(os.path.join(SERVER.root, "big.bin"), "wb") as f:
+        for _ in range(BIG // len(block)):
+            f.write(block)
+    Files.big_crc = 0
+    for _ in range(BIG // len(block)):
+        Files.big_crc = zlib.crc32(block, Files.big_crc)
+    SERVER.__enter__()
+
+
+def tearDownModule():
+    if SERVER:
+        SERVER.cleanup()
+
+
+class Exchanges(unittest.TestCase):
+    def log_since(self, before):
+        return SERVER.wait_for_log(before + 1)[before:]
+
+    def test_get_and_head(self):
+        results, _, _ = drive(SERVER.url("/small.bin"))
+        self.assertEqual(200, results[0]["status"])
+        self.assertEqual(0, results[0]["code"])
+        self.assertEqual(len(Files.small), results[0]["bytes"])
+        self.assertEqual(crc(Files.small), results[0]["crc"])
+        self.assertTrue(results[0]["ended"])
+        results, _, _ = drive("-m", "HEAD", SERVER.url("/small.bin"))
+        self.assertEqual((200, 0, 0), (results[0]["status"], results[0]["code"], results[0]["bytes"]))
+        self.assertEqual(str(len(Files.small)), results[0]["cl"])
+
+    def test_post_with_length_and_chunked(self):
+        for extra, encoding in (([], "-"), (["--chunked"], "chunked")):
+            before = len(SERVER.access_log())
+            results, _, _ = drive("-m", "POST", "-d", "10000", *extra, SERVER.url("/post"))
+            self.assertEqual((200, 0), (results[0]["status"], results[0]["code"]), extra)
+            self.assertEqual(crc(b"ok\n"), results[0]["crc"])
+            line = [l for l in self.log_since(before) if l["request"].startswith("POST /post")][0]
+            self.assertEqual(encoding, line["http_transfer_encoding"])
+            self.assertEqual("10000" if not extra else "-", line["http_content_length"])
+            self.assertEqual(body_pattern(10000).decode(), line["request_body"])
+
+    def test_204_and_304_have_no_body(self):
+        results, _, _ = drive(SERVER.url("/empty"))
+        self.assertEqual((204, 0, 0, True), (results[0]["status"], results[0]["code"], results[0]["bytes"],
+                                             results[0]["ended"]))
+        mtime = os.stat(os.path.join(SERVER.root, "small.bin")).st_mtime
+        stamp = email.utils.formatdate(mtime, usegmt=True)
+        results, _, _ = drive("-n", "2", "-H", "If-Modified-Since: " + stamp, SERVER.url("/small.bin"))
+        self.assertEqual([(304, 0, 0)] * 2, [(r["status"], r["code"], r["bytes"]) for r in results])
+
+    def test_chunked_response(self):
+        results, _, log = drive("-l", "6", SERVER.url("/ssi/page.html"))
+        self.assertEqual("chunked", results[0]["te"])
+        self.assertEqual((200, 0), (results[0]["status"], results[0]["code"]))
+        self.assertEqual(crc(Files.page), results[0]["crc"])
+        self.assertIn("Response uses chunked transfer encoding", log)
+
+    def test_keep_alive_reuses_one_connection(self):
+        before = len(SERVER.access_log())
+        results, _, log = drive("-n", "5", "-l", "6", SERVER.url("/small.bin"))
+        self.assertEqual([0] * 5, [r["code"] for r in results])
+        lines = SERVER.wait_for_log(before + 5)[before:]
+        self.assertEqual(1, len({l["connection"] for l in lines}))
+        self.assertEqual(["1", "2", "3", "4", "5"], [l["connection_requests"] for l in lines])
+        self.assertEqual(4, log.count("Using existing connection"))
+
+    def test_connection_close_is_not_reused(self):
+        before = len(SERVER.access_log())
+        results, _, log = drive("-n", "2", "--close", "-l", "6", SERVER.url("/small.bin"))
+        self.assertEqual([0, 0], [r["code"] for r in results])
+        self.assertEqual(["close", "close"], [r["connection"] for r in results])
+        lines = SERVER.wait_for_log(before + 2)[before:]
+        self.assertEqual(2, len({l["connection"] for l in lines}))
+        self.assertEqual("close", lines[0]["http_connection"])
+        self.assertEqual(2, log.count("Response requested connection close"))
+        self.assertEqual(2, log.count("Created new connection"))
+        self.assertIn("close=1", log)
+
+    def test_localhost_tries_each_address(self):
+        # nginx listens on 127.0.0.1 only: ::1 is refused first.
+        results, _, log = drive("-l", "6", "http://localhost:%d/small.bin" % SERVER.port)
+        self.assertEqual((200, 0), (results[0]["status"], results[0]["code"]))
+        if socket.has_ipv6 and "[::1]" in log:
+            self.assertIn("Connection to [::1]:%d failed (" % SERVER.port, log)
+        self.assertIn("Connection to 127.0.0.1:%d succeeded" % SERVER.port, log)
+
+    def test_target_down_gives_error_code(self):
+        results, summary, log = drive("-l", "6", "http://127.0.0.1:%d/" % free_port())
+        self.assertEqual((0, 2, "Connection failed"), (results[0]["status"], results[0]["code"], results[0]["text"]))
+        self.assertEqual(1, summary["failed"])
+        self.assertIn("failed", log)
+
+    def test_33rd_request_waits_for_a_free_connection(self):
+        before = len(SERVER.access_log())
+        results, _, log = drive("-p", "33", "-l", "6", SERVER.url("/slow/file.bin"))
+        self.assertEqual([0] * 33, [r["code"] for r in results])
+        self.assertTrue(all(r["crc"] == crc(Files.slow) for r in results))
+        self.assertEqual(1, log.count("Too many used connections"))
+        self.assertEqual(32, log.count("Created new connection"))
+        last = max(results, key=lambda r: r["head_at"])
+        first_end = min(r["end_at"] for r in results)
+        self.assertGreaterEqual(last["head_at"], first_end)
+        lines = SERVER.wait_for_log(before + 33)[before:]
+        self.assertEqual(32, len({l["connection"] for l in lines}))
+
+    def test_100mb_body_byte_exact_with_bounded_memory(self):
+        # The consumer takes 40 MB/s, far below what loopback delivers.
+        results, summary, log = drive("--rate", str(40 * 1024 * 1024), "-l", "6", SERVER.url("/big.bin"),
+                                      timeout=120)
+        self.assertEqual((200, 0, BIG), (results[0]["status"], results[0]["code"], results[0]["bytes"]))
+        self.assertEqual(Files.big_crc, results[0]["crc"])
+        self.assertIn("Source is blocked", log)
+        # Buffers in use stay a few reads' worth; the process stays small.
+        self.assertLess(summary["pool_buffers"] * 512, 2 * 1024 * 1024)
+        self.assertLess(summary["max_rss_kb"], 16 * 1024)
+
+
+class RawServer:
+    """A loopback HTTP server that answers from a table of canned byte
+    strings, for responses no real server sends. It records which connection
+    each request came on."""
+
+    ANSWERS = {
+        "/ok": b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello",
+        "/bad": b"HTTP/1.1 2x0 OK\r\nContent-Length: 5\r\n\r\nhello",
+        "/truncated": b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhello",
+        "/huge": b"HTTP/1.1 200 OK\r\nX-Filler: " + b"a" * 70000,
+        "/badchunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhelloXX",
+    }
+    CLOSE_AFTER = {"/truncated"}
+
+    def __init__(self):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.listener.settimeout(0.2)
+        self.port = self.listener.getsockname()[1]
+        self.requests = []  # (connection number, path)
+        self.stopping = False
+        self.threads = []
+        self.acceptor = threading.Thread(target=self._accept, daemon=True)
+        self.acceptor.start()
+
+    def _accept(self):
+        number = 0
+        while not self.stopping:
+            try:
+                conn, _ = self.listener.accept()
+            except OSError:
+                continue
+            number += 1
+            thread = threading.Thread(target=self._serve, args=(conn, number), daemon=True)
+            thread.start()
+            self.threads.append(thread)
+
+    def _serve(self, conn, number):
+        conn.settimeout(10)
+        data = b""
+        with conn:
+            while not self.stopping:
+                try:
+                    piece = conn.recv(65536)
+                except OSError:
+                    return
+                if not piece:
+                    return
+                data += piece
+                while b"\r\n\r\n" in data:
+                    head, data = data.split(b"\r\n\r\n", 1)
+                    path = head.split(b" ")[1].decode()
+                    self.requests.append((number, path))
+                    try:
+                        conn.sendall(self.ANSWERS[path])
+                    except OSError:
+                        return
+                    if path in self.CLOSE_AFTER:
+                        return
+
+    def stop(self):
+        self.stopping = True
+        self.acceptor.join(5)
+        for thread in self.threads:
+            thread.join(5)
+        self.listener.close()
+
+
+class BadResponses(unittest.TestCase):
+    def test_each_bad_response_fails_its_request_and_its_connection_only(self):
+        server = RawServer()
+        try:
+            paths = ["/ok", "/bad", "/ok", "/truncated", "/ok", "/huge", "/ok", "/badchunk", "/ok"]
+            urls = ["http://127.0.0.1:%d%s" % (server.port, p) for p in paths]
+            results, _, log = drive("-n", str(len(paths)), "-l", "4", *urls)
+        finally:
+            server.stop()
+        codes = [(paths[r["i"]], r["code"]) for r in results]
+        self.assertEqual([("/ok", 0), ("/bad", 6), ("/ok", 0), ("/truncated", 8), ("/ok", 0), ("/huge", 7),
+                          ("/ok", 0), ("/badchunk", 8), ("/ok", 0)], codes)
+        self.assertIn("Bad HTTP response format", log)
+        self.assertIn("No end of the response head in", log)
+        self.assertEqual(2, log.count("Malformed or truncated response body"))
+        # A connection that carried a bad answer carried nothing after it.
+        for index, (number, path) in enumerate(server.requests):
+            if path != "/ok":
+                later = [p for n, p in server.requests[index + 1:] if n == number]
+                self.assertEqual([], later, path)
+        # The good ones share connections: the first /ok's is used again.
+        self.assertEqual(server.requests[0][0], server.requests[1][0])
+
+
+# A CA, a second CA nobody trusts, and a certificate for "localhost" (only:
+# 127.0.0.1 is the wrong name for it).
+CERTIFICATES = """set -e
+printf 'basicConstraints = CA:FALSE\\nsubjectAltName = DNS:localhost\\nextendedKeyUsage = serverAuth\\n' > server.ext
+key="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
+ca="-addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign -days 2"
+openssl req -x509 $key $ca -subj "/CN=Client test CA" -keyout ca.key -out ca.pem
+openssl req -x509 $key $ca -subj "/CN=Other CA" -keyout other.key -out other.pem
+openssl req -new $key -subj "/CN=localhost" -keyout server.key -out server.csr
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 -extfile server.ext -out server.pem
+"""
+
+
+class Https(unittest.TestCase):
+    """nginx with TLS and a certificate from a CA made here."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Nginx(locations='location = /ok { return 200 "secret\\n"; }')
+        work = cls.server.work
+        subprocess.run(["sh", "-c", CERTIFICATES], cwd=work, check=True, capture_output=True, timeout=60)
+        cls.server.tls = (os.path.join(work, "server.pem"), os.path.join(work, "server.key"))
+        cls.server.__enter__()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.cleanup()
+
+    def trusting(self, ca):
+        return dict(os.environ, SSL_CERT_FILE=os.path.join(self.server.work, ca))
+
+    def test_trusted_server_answers_over_one_kept_connection(self):
+        before = len(self.server.access_log())
+        results, _, log = drive("-n", "2", "-l", "6", "https://localhost:%d/ok" % self.server.port,
+                                env=self.trusting("ca.pem"))
+        self.assertEqual([(200, 0, crc(b"secret\n"))] * 2, [(r["status"], r["code"], r["crc"]) for r in results])
+        self.assertEqual(1, log.count("Created new connection"))
+        lines = self.server.wait_for_log(before + 2)[before:]
+        self.assertEqual(1, len({l["connection"] for l in lines}))
+
+    def test_unknown_ca_and_wrong_name_fail_before_anything_is_sent(self):
+        before = len(self.server.access_log())
+        cases = (("https://localhost:%d/ok", "other.pem"), ("https://127.0.0.1:%d/ok", "ca.pem"))
+        for url, ca in cases:
+            results, _, log = drive("-l", "6", url % self.server.port, env=self.trusting(ca))
+            self.assertEqual((0, 2, "Connection failed"),
+                             (results[0]["status"], results[0]["code"], results[0]["text"]), url)
+            self.assertIn("[asiossl]", log)
+            self.assertNotIn("Starting request", log)
+        self.assertEqual([], self.server.access_log()[before:])
+
+
+if __name__ == "__main__":
+    DRIVER = sys.argv.pop(1)
+    unittest.main(verbosity=2)

@@ -1,0 +1,134 @@
+#pragma once
+
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/lifetime.h"
+#include "core/reactor.h"
+#include "net/async_socket.h"
+#include "net/buffer_chain.h"
+#include "net/name_resolver.h"
+
+namespace quorvel {
+namespace testing {
+
+// A stream socket whose peer is the test: what the client sends piles up in
+// `sent`, and the test answers a pending receive with deliver(). Completions
+// are posted to the reactor like a real socket's.
+class FakeSocket : public AsyncSocket {
+ public:
+  FakeSocket(std::shared_ptr<Reactor> reactor, std::set<std::string>* refused)
+      : reactor_(std::move(reactor)), refused_(refused) {}
+
+  void bind(const SocketAddress&) override {}
+  void connect(const SocketAddress& address, const ConnectCallback& callback) override {
+    connectedTo = address;
+    const int error = refused_->count(address.toString()) ? ECONNREFUSED : 0;
+    reactor_->post(token_, [callback, error]() { callback(error); });
+  }
+  void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
+    std::string text(buffers.chain().size(), '\0');
+    copyFromChain(buffers.chain().begin(), buffers.chain().end(), reinterpret_cast<uint8_t*>(&text[0]));
+    sent += text;
+    ++sends;
+    const int error = failSends ? EPIPE : 0;
+    reactor_->post(token_, [callback, error, n = text.size()]() { callback(error, error ? 0 : n); });
+  }
+  void sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) override {}
+  void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override {
+    pendingBuffers_ = buffers;
+    pendingReceive_ = callback;
+  }
+  void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) override {}
+  void setOption(int, int, const void*, std::size_t) override {}
+  void getOption(int, int, void*, std::size_t&) override {}
+  SocketAddress localAddress() const override { return SocketAddress(); }
+  SocketAddress remoteAddress() const override { return connectedTo; }
+  void close() override {
+    closed = true;
+    finishReceive(ECANCELED, 0);
+  }
+
+  bool receiving() const { return static_cast<bool>(pendingReceive_); }
+  // Answers the pending receive with (at most a buffer-chain's worth of) text.
+  void deliver(const std::string& text) {
+    const std::size_t n = std::min(text.size(), pendingBuffers_.chain().size());
+    copyToChain(text.data(), text.data() + n, pendingBuffers_.chain().begin());
+    finishReceive(0, n);
+  }
+  void deliverClose() { finishReceive(0, 0); }
+
+  SocketAddress connectedTo;
+  std::string sent;
+  int sends = 0;
+  bool closed = false;
+  bool failSends = false;
+
+ private:
+  void finishReceive(int error, std::size_t bytes) {
+    if (!pendingReceive_) return;
+    TransferCallback callback = std::move(pendingReceive_);
+    pendingReceive_.clear();
+    BufferChainPtr buffers = std::move(pendingBuffers_);
+    reactor_->post(token_, [callback, error, bytes, buffers]() { callback(error, bytes); });
+  }
+
+  std::shared_ptr<Reactor> reactor_;
+  std::set<std::string>* refused_;
+  BufferChainPtr pendingBuffers_;
+  TransferCallback pendingReceive_;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
+class FakeSocketFactory : public AsyncSocketFactory {
+ public:
+  explicit FakeSocketFactory(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {}
+  std::shared_ptr<AsyncSocket> createSocket(int family, int, int) override {
+    families.push_back(family);
+    sockets.push_back(std::make_shared<FakeSocket>(reactor_, &refused));
+    return sockets.back();
+  }
+  std::shared_ptr<AsyncListener> createListener(int, int, int) override { return nullptr; }
+
+  FakeSocket& last() { return *sockets.back(); }
+
+  std::vector<std::shared_ptr<FakeSocket>> sockets;
+  std::vector<int> families;
+  std::set<std::string> refused;  // addresses as toString() gives them
+
+ private:
+  std::shared_ptr<Reactor> reactor_;
+};
+
+// Knows the names the test gives it; answers through the reactor.
+class FakeResolver : public NameResolver {
+ public:
+  explicit FakeResolver(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {}
+  void resolve(const std::string& host, const std::string& service, const Callback& callback) override {
+    lookups.emplace_back(host, service);
+    Result result{host, service, {}};
+    const auto it = names.find(host);
+    if (it != names.end()) {
+      for (const std::string& address : it->second) {
+        result.addresses.emplace_back(address.find(':') == std::string::npos ? 2 : 10, address,
+                                      static_cast<uint16_t>(std::stoi(service == "http" ? "80" : service)));
+      }
+    }
+    reactor_->post(token_, [callback, result]() { callback(result, !result.addresses.empty()); });
+  }
+
+  std::map<std::string, std::vector<std::string>> names;
+  std::vector<std::pair<std::string, std::string>> lookups;
+
+ private:
+  std::shared_ptr<Reactor> reactor_;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
+}  // namespace testing
+}  // namespace quorvel

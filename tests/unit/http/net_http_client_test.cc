@@ -1,0 +1,509 @@
+#include "http/net_http_client.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <stdexcept>
+
+#include "chain_text.h"
+#include "fake_network.h"
+#include "net/buffer_pool.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/manual_reactor.h"
+
+namespace quorvel {
+namespace {
+
+using testing::FakeResolver;
+using testing::FakeSocket;
+using testing::FakeSocketFactory;
+using testing::LogCapture;
+using testing::ManualReactor;
+
+// What one request saw.
+struct Outcome {
+  int responses = 0;
+  uint32_t status = 0;
+  std::string body;
+  bool bodyEnded = false;
+  std::optional<boost::system::error_code> code;
+};
+
+const char Ok5[] = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello";
+
+class NetHttpClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    log::setLevel("httpclient", log::Spam);
+    log::setLevel("httppool", log::Debug);
+    capture = LogCapture::install();
+    resolver->names["example"] = {"192.0.2.1"};
+    resolver->names["localhost"] = {"::1", "::1", "127.0.0.1", "127.0.0.1"};
+  }
+  void TearDown() override {
+    log::setLevel("httpclient", log::Notice);
+    log::setLevel("httppool", log::Notice);
+  }
+
+  std::shared_ptr<WebClientRequest> start(const std::string& method, const std::string& path, Outcome& outcome,
+                                          const std::string& host = "example") {
+    auto request = client->createRequest(method, "http", host, host, path);
+    watch(*request, outcome);
+    return request;
+  }
+
+  static void watch(WebClientRequest& request, Outcome& outcome) {
+    request.setResponseHandler([&outcome](const std::shared_ptr<WebClientResponse>& response) {
+      ++outcome.responses;
+      outcome.status = response->headers().statusCode();
+    });
+    request.setBodyDataHandler([&outcome](const BufferChainPtr& piece, bool end) {
+      if (end) {
+        outcome.bodyEnded = true;
+        return;
+      }
+      std::string text(piece.chain().size(), '\0');
+      copyFromChain(piece.chain().begin(), piece.chain().end(), reinterpret_cast<uint8_t*>(&text[0]));
+      outcome.body += text;
+    });
+    request.setErrorHandler([&outcome](const boost::system::error_code& code) { outcome.code = code; });
+  }
+
+  // A line containing `text` at `level`.
+  bool hasLine(const std::string& text, int level) const {
+    for (const auto& line : capture->lines()) {
+      if (line.level == level && line.message.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  // A GET without body, resolved, connected and sent.
+  std::shared_ptr<WebClientRequest> get(const std::string& path, Outcome& outcome,
+                                        const std::string& host = "example") {
+    auto request = start("GET", path, outcome, host);
+    request->send(nullptr, 0);
+    run();
+    return request;
+  }
+
+  // A GET answered in full, which leaves its connection in the pool.
+  void fetchHello(const std::string& path) {
+    Outcome outcome;
+    auto request = get(path, outcome);
+    factory->last().deliver(Ok5);
+    run();
+    EXPECT_EQ("hello", outcome.body);
+  }
+
+  // Resolves, connects and sends.
+  void run() { reactor->runDue(); }
+
+  // First, so that it outlives every chain still held by queued tasks.
+  std::shared_ptr<BufferPool> pool = std::make_shared<BufferPool>(512, 0, 0);
+  std::shared_ptr<ManualReactor> reactor = std::make_shared<ManualReactor>();
+  std::shared_ptr<FakeSocketFactory> factory = std::make_shared<FakeSocketFactory>(reactor);
+  std::shared_ptr<FakeResolver> resolver = std::make_shared<FakeResolver>(reactor);
+  std::shared_ptr<NetHttpClient> client =
+      std::make_shared<NetHttpClient>(reactor, pool, factory, nullptr, resolver, 2);
+  std::shared_ptr<LogCapture> capture;
+};
+
+TEST(HttpClientError, CodesHaveTheirTexts) {
+  EXPECT_STREQ("httpclient", httpClientCategory().name());
+  EXPECT_EQ("Bad HTTP response format", make_error_code(HttpClientError::BadResponse).message());
+  EXPECT_EQ("Request body could not be sent", make_error_code(HttpClientError::RequestBodyFailed).message());
+  EXPECT_EQ("Unknown HTTP client error 99", boost::system::error_code(99, httpClientCategory()).message());
+  const boost::system::error_code code = HttpClientError::TimedOut;
+  EXPECT_EQ(9, code.value());
+}
+
+TEST_F(NetHttpClientTest, HttpsWithoutSslFactoryThrows) {
+  try {
+    client->createRequest("GET", "https", "example", "example", "/");
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ("HTTPS connections not supported", e.what());
+  }
+}
+
+TEST_F(NetHttpClientTest, ConnectHostGivesNameAndService) {
+  struct Case {
+    const char* connect;
+    const char* host;
+    const char* service;
+  } cases[] = {{"example", "example", "http"},     {"example:8080", "example", "8080"},
+               {"[::1]:8443", "::1", "8443"},      {"[::1]", "::1", "http"},
+               {"::1", "::1", "http"},             {"example:", "example", "http"}};
+  for (const Case& c : cases) {
+    std::string host, service;
+    NetHttpClient::splitConnectHost(c.connect, "http", host, service);
+    EXPECT_EQ(c.host, host) << c.connect;
+    EXPECT_EQ(c.service, service) << c.connect;
+  }
+  auto named = client->createRequest("GET", "http", "example", "example:8080", "/");
+  reactor->runDue();
+  ASSERT_EQ(1u, resolver->lookups.size());
+  EXPECT_EQ(std::make_pair(std::string("example"), std::string("8080")), resolver->lookups[0]);
+  // Address literals go straight to a connection.
+  auto literal = client->createRequest("GET", "http", "v6", "[::1]:8081", "/");
+  reactor->runDue();
+  EXPECT_EQ(1u, resolver->lookups.size());
+  EXPECT_EQ("[::1]:8081", factory->last().connectedTo.toString());
+}
+
+TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
+  Outcome outcome;
+  auto request = start("GET", "/a", outcome);
+  request->headers().addField("Accept", "text/plain");
+  request->send(nullptr, 0);
+  run();
+  ASSERT_EQ(1u, factory->sockets.size());
+  FakeSocket& socket = factory->last();
+  EXPECT_EQ("GET /a HTTP/1.1\r\nHost: example\r\nAccept: text/plain\r\n\r\n", socket.sent);
+  socket.deliver(Ok5);
+  run();
+  EXPECT_EQ(1, outcome.responses);
+  EXPECT_EQ(200u, outcome.status);
+  EXPECT_EQ("hello", outcome.body);
+  EXPECT_TRUE(outcome.bodyEnded);
+  ASSERT_TRUE(outcome.code);
+  EXPECT_FALSE(*outcome.code);
+  EXPECT_EQ(1u, client->plainPool()->freeCount());
+  for (const char* line : {"Resolving host example", "Host example resolved to 192.0.2.1:80, requesting a connection",
+                           "Request for connection to example (192.0.2.1:80)", ": Connecting to 192.0.2.1:80...",
+                           ": Connection to 192.0.2.1:80 succeeded", ": Starting request: 'GET /a' with 0 bytes of data",
+                           ": Finished sending 54 bytes", ": Got response: 200 OK", ": Response content length is 5",
+                           ": Parser finished, completing request", "Scheduling release of connection 0x",
+                           "Now have 1 free, 0 used"}) {
+    EXPECT_TRUE(hasLine(line, log::Debug)) << line;
+  }
+  EXPECT_TRUE(hasLine(": Received 43 bytes", log::Spam));
+}
+
+TEST_F(NetHttpClientTest, KeepAliveReusesAndCloseDoesNot) {
+  Outcome second, third;
+  fetchHello("/1");
+  auto b = get("/2", second);
+  ASSERT_EQ(1u, factory->sockets.size());
+  EXPECT_TRUE(hasLine("Using existing connection 0x", log::Debug));
+  factory->last().deliver("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 2\r\n\r\nok");
+  run();
+  EXPECT_EQ("ok", second.body);
+  EXPECT_TRUE(factory->last().closed);
+  EXPECT_EQ(0u, client->plainPool()->freeCount());
+  auto c = get("/3", third);
+  EXPECT_EQ(2u, factory->sockets.size());
+}
+
+TEST_F(NetHttpClientTest, Http10AndRequestedCloseAreNotKept) {
+  Outcome old, asked;
+  auto a = get("/", old);
+  factory->last().deliver("HTTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  run();
+  EXPECT_FALSE(*old.code);
+  EXPECT_TRUE(factory->last().closed);
+  auto b = start("GET", "/", asked);
+  b->setCloseConnection();
+  b->setCloseConnection();
+  b->send(nullptr, 0);
+  run();
+  EXPECT_EQ("GET / HTTP/1.1\r\nHost: example\r\nConnection: close\r\n\r\n", factory->last().sent);
+  factory->last().deliver(Ok5);
+  run();
+  EXPECT_TRUE(factory->last().closed);
+  EXPECT_EQ(0u, client->plainPool()->freeCount());
+  EXPECT_TRUE(hasLine("close=1", log::Debug));
+}
+
+TEST_F(NetHttpClientTest, TriesDistinctAddressesInOrder) {
+  factory->refused.insert("[::1]:8080");
+  Outcome outcome;
+  auto request = get("/", outcome, "localhost:8080");
+  ASSERT_EQ(2u, factory->sockets.size());
+  EXPECT_EQ("[::1]:8080", factory->sockets[0]->connectedTo.toString());
+  EXPECT_EQ("127.0.0.1:8080", factory->sockets[1]->connectedTo.toString());
+  EXPECT_EQ(10, factory->families[0]);
+  EXPECT_EQ(2, factory->families[1]);
+  EXPECT_FALSE(factory->sockets[1]->sent.empty());
+
+  factory->refused.insert("127.0.0.1:8080");
+  Outcome refused;
+  auto other = get("/", refused, "localhost:8080");
+  ASSERT_TRUE(refused.code);
+  EXPECT_EQ(make_error_code(HttpClientError::ConnectFailed), *refused.code);
+  EXPECT_EQ("Connection failed", refused.code->message());
+}
+
+TEST_F(NetHttpClientTest, UnknownHostFails) {
+  Outcome outcome;
+  auto request = start("GET", "/", outcome, "nowhere");
+  run();
+  ASSERT_TRUE(outcome.code);
+  EXPECT_EQ(make_error_code(HttpClientError::ResolveFailed), *outcome.code);
+  EXPECT_TRUE(capture->contains("Failed to resolve host nowhere"));
+}
+
+TEST_F(NetHttpClientTest, PostBodiesWithLengthAndChunked) {
+  Outcome whole;
+  auto a = start("POST", "/p", whole);
+  a->send("drk=1", 5);
+  run();
+  EXPECT_EQ("POST /p HTTP/1.1\r\nHost: example\r\nContent-Length: 5\r\n\r\ndrk=1", factory->last().sent);
+  EXPECT_EQ(1, factory->last().sends);
+  factory->last().deliver(Ok5);
+  run();
+  // The same connection carries the next requests.
+  factory->last().sent.clear();
+
+  Outcome streamed;
+  auto b = start("POST", "/c", streamed);
+  b->startStreaming();
+  run();
+  auto sink = b->bodySink().lock();
+  ASSERT_TRUE(sink);
+  sink->put(BufferChainPtr(testing::chainOf(*pool, "hello")));
+  run();
+  sink->put(BufferChainPtr(testing::chainOf(*pool, std::string(300, 'x'))));
+  sink->end();
+  run();
+  EXPECT_EQ("POST /c HTTP/1.1\r\nHost: example\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n12C\r\n" +
+                std::string(300, 'x') + "\r\n0\r\n\r\n",
+            factory->last().sent);
+  factory->last().deliver(Ok5);
+  run();
+  EXPECT_FALSE(*streamed.code);
+  EXPECT_EQ(1u, client->plainPool()->freeCount());
+  factory->last().sent.clear();
+
+  // A body connected before the start, as a forwarder does it.
+  Outcome sized;
+  auto c = start("POST", "/l", sized);
+  c->headers().addField("Content-Length", 3u);
+  BodySource source;
+  source.connect(c->bodySink());
+  source.put(BufferChainPtr(testing::chainOf(*pool, "abc")));
+  source.end();
+  c->startStreaming();
+  run();
+  EXPECT_EQ("POST /l HTTP/1.1\r\nHost: example\r\nContent-Length: 3\r\n\r\nabc", factory->last().sent);
+}
+
+TEST_F(NetHttpClientTest, ResponsesWithoutBodyEndAfterHead) {
+  struct Case {
+    const char* method;
+    const char* response;
+  } cases[] = {{"HEAD", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n"},
+               {"GET", "HTTP/1.1 204 No Content\r\nContent-Length: 10\r\n\r\n"},
+               {"GET", "HTTP/1.1 304 Not Modified\r\nContent-Length: 10\r\n\r\n"}};
+  for (const Case& c : cases) {
+    Outcome outcome;
+    auto request = start(c.method, "/", outcome);
+    request->send(nullptr, 0);
+    run();
+    factory->last().deliver(c.response);
+    run();
+    ASSERT_TRUE(outcome.code) << c.response;
+    EXPECT_FALSE(*outcome.code);
+    EXPECT_TRUE(outcome.bodyEnded);
+    EXPECT_TRUE(outcome.body.empty());
+  }
+  // All three went over the one kept connection.
+  EXPECT_EQ(1u, factory->sockets.size());
+}
+
+TEST_F(NetHttpClientTest, ChunkedResponseAcrossReads) {
+  Outcome outcome;
+  auto request = get("/", outcome);
+  factory->last().deliver("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhel");
+  run();
+  factory->last().deliver("lo\r\n0\r\n\r\n");
+  run();
+  EXPECT_EQ("hello", outcome.body);
+  EXPECT_TRUE(outcome.bodyEnded);
+  EXPECT_FALSE(*outcome.code);
+  EXPECT_EQ(1u, client->plainPool()->freeCount());
+}
+
+// A broken response ends only its own request; its connection is dropped.
+TEST_F(NetHttpClientTest, BadResponsesFailAndDropTheConnection) {
+  struct Case {
+    std::string response;
+    bool close;
+    HttpClientError error;
+  } cases[] = {{"HTTP/1.1 2x0 OK\r\n\r\n", false, HttpClientError::BadResponse},
+               {"HTTP/1.1 200 OK\r\nX: " + std::string(70000, 'a'), false, HttpClientError::HeadTooLarge},
+               {"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhello", true, HttpClientError::BadBody},
+               {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhelloXX", false, HttpClientError::BadBody},
+               {"HTTP/1.1 200 OK\r\nContent-", true, HttpClientError::ConnectionLost}};
+  for (const Case& c : cases) {
+    Outcome outcome;
+    auto request = get("/", outcome);
+    FakeSocket& socket = factory->last();
+    for (std::size_t at = 0; at < c.response.size() && socket.receiving() && !outcome.code;) {
+      const std::string piece = c.response.substr(at, 16384);
+      socket.deliver(piece);
+      at += piece.size();
+      run();
+    }
+    if (c.close && !outcome.code) {
+      socket.deliverClose();
+      run();
+    }
+    ASSERT_TRUE(outcome.code) << c.response.substr(0, 40);
+    EXPECT_EQ(make_error_code(c.error), *outcome.code) << c.response.substr(0, 40);
+    EXPECT_TRUE(socket.closed);
+    EXPECT_EQ(0u, client->plainPool()->freeCount());
+  }
+  // A good exchange still works afterwards.
+  fetchHello("/");
+}
+
+TEST_F(NetHttpClientTest, RequestsBeyondTheLimitWait) {
+  Outcome o[3];
+  std::shared_ptr<WebClientRequest> r[3];
+  for (int i = 0; i < 3; ++i) {
+    r[i] = start("GET", "/" + std::to_string(i), o[i]);
+    r[i]->send(nullptr, 0);
+  }
+  run();
+  EXPECT_EQ(2u, factory->sockets.size());
+  EXPECT_EQ(1u, client->plainPool()->waitingCount());
+  EXPECT_TRUE(capture->contains("Too many used connections"));
+  factory->sockets[1]->deliver(Ok5);
+  run();
+  EXPECT_EQ(2u, factory->sockets.size());
+  EXPECT_EQ(0u, client->plainPool()->waitingCount());
+  EXPECT_EQ("GET /1 HTTP/1.1\r\nHost: example\r\n\r\nGET /2 HTTP/1.1\r\nHost: example\r\n\r\n",
+            factory->sockets[1]->sent);
+}
+
+// A waiting request that is dropped gives up its place.
+TEST_F(NetHttpClientTest, DroppedWaitingRequestIsSkipped) {
+  Outcome o[3];
+  auto a = start("GET", "/a", o[0]);
+  auto b = start("GET", "/b", o[1]);
+  auto c = start("GET", "/c", o[2]);
+  for (auto& r : {a, b, c}) r->send(nullptr, 0);
+  run();
+  c.reset();
+  Outcome d_outcome;
+  auto d = get("/d", d_outcome);
+  factory->sockets[0]->deliver(Ok5);
+  run();
+  EXPECT_NE(std::string::npos, factory->sockets[0]->sent.find("GET /d"));
+  EXPECT_EQ(std::string::npos, factory->sockets[0]->sent.find("GET /c"));
+}
+
+TEST_F(NetHttpClientTest, TimesOutWithoutProgressOnly) {
+  Outcome outcome;
+  auto request = get("/", outcome);
+  reactor->advance(Duration::seconds(50));
+  factory->last().deliver("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhe");
+  reactor->advance(Duration::seconds(50));
+  EXPECT_FALSE(outcome.code);
+  reactor->advance(Duration::seconds(10));
+  ASSERT_TRUE(outcome.code);
+  EXPECT_EQ(make_error_code(HttpClientError::TimedOut), *outcome.code);
+  EXPECT_TRUE(capture->contains("Request timed out: GET http://example/"));
+  EXPECT_TRUE(factory->last().closed);
+}
+
+// A consumer that cannot take more stops the reading; taking resumes it.
+TEST_F(NetHttpClientTest, BlockedSourcePausesReading) {
+  auto sink = std::make_shared<BodySink>(1);
+  std::shared_ptr<WebClientResponse> kept;
+  auto request = client->createRequest("GET", "http", "example", "example", "/");
+  request->setResponseHandler([&](const std::shared_ptr<WebClientResponse>& response) {
+    kept = response;
+    response->body().connect(sink);
+  });
+  std::optional<boost::system::error_code> code;
+  request->setErrorHandler([&](const boost::system::error_code& c) { code = c; });
+  request->send(nullptr, 0);
+  run();
+  FakeSocket& socket = factory->last();
+  socket.deliver("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhello");
+  run();
+  EXPECT_TRUE(hasLine(": Source is blocked", log::Debug));
+  EXPECT_FALSE(socket.receiving());
+  // Blocked time is not network time.
+  reactor->advance(Duration::seconds(120));
+  EXPECT_FALSE(code);
+  sink->take();
+  EXPECT_TRUE(socket.receiving());
+  socket.deliver("world");
+  run();
+  ASSERT_TRUE(sink->hasItem());
+  sink->take();
+  EXPECT_TRUE(sink->isEnded());
+  ASSERT_TRUE(code);
+  EXPECT_FALSE(*code);
+}
+
+TEST_F(NetHttpClientTest, IdleConnectionClosedByServerIsDropped) {
+  Outcome second;
+  fetchHello("/");
+  ASSERT_EQ(1u, client->plainPool()->freeCount());
+  ASSERT_TRUE(factory->last().receiving());
+  factory->last().deliverClose();
+  run();
+  EXPECT_EQ(0u, client->plainPool()->freeCount());
+  EXPECT_TRUE(capture->count("Now have 0 free, 0 used") >= 1);
+  auto b = get("/", second);
+  EXPECT_EQ(2u, factory->sockets.size());
+}
+
+TEST_F(NetHttpClientTest, CancelAndDropCallNoHandlerAndCloseTheConnection) {
+  Outcome outcome;
+  auto request = get("/", outcome);
+  request->cancel();
+  run();
+  EXPECT_TRUE(factory->last().closed);
+  EXPECT_FALSE(outcome.code);
+  Outcome other;
+  auto dropped = get("/", other);
+  dropped.reset();
+  run();
+  EXPECT_TRUE(factory->last().closed);
+  EXPECT_EQ(0u, client->plainPool()->usedCount());
+}
+
+TEST_F(NetHttpClientTest, SendFailureIsReported) {
+  Outcome outcome;
+  auto request = start("GET", "/", outcome);
+  run();
+  factory->last().failSends = true;
+  request->send(nullptr, 0);
+  run();
+  ASSERT_TRUE(outcome.code);
+  EXPECT_EQ(make_error_code(HttpClientError::SendFailed), *outcome.code);
+}
+
+// The server may close a kept connection just as a request takes it.
+TEST_F(NetHttpClientTest, GetOnAKeptConnectionTheServerClosedGoesOnceMore) {
+  Outcome second, third;
+  fetchHello("/");
+  auto b = get("/again", second);
+  ASSERT_EQ(1u, factory->sockets.size());
+  factory->sockets[0]->deliverClose();
+  run();
+  ASSERT_EQ(2u, factory->sockets.size());
+  EXPECT_EQ("GET /again HTTP/1.1\r\nHost: example\r\n\r\n", factory->sockets[1]->sent);
+  factory->sockets[1]->deliver(Ok5);
+  run();
+  ASSERT_TRUE(second.code);
+  EXPECT_FALSE(*second.code);
+  EXPECT_EQ("hello", second.body);
+  // A POST might have been acted on: it is not repeated.
+  auto c = start("POST", "/p", third);
+  c->send("x", 1);
+  run();
+  factory->sockets[1]->deliverClose();
+  run();
+  ASSERT_TRUE(third.code);
+  EXPECT_EQ(make_error_code(HttpClientError::ConnectionLost), *third.code);
+  EXPECT_EQ(2u, factory->sockets.size());
+}
+
+}  // namespace
+}  // namespace quorvel
