@@ -36,6 +36,7 @@ PAGES = 50
 
 def outer(ferrule, devrelay, tests):
     etc = "/etc/netns/" + NAMESPACE
+    made_parent = not os.path.isdir("/etc/netns")
     status = 1
     try:
         os.makedirs(etc)
@@ -56,6 +57,11 @@ def outer(ferrule, devrelay, tests):
                 pass
         subprocess.run(["ip", "netns", "delete", NAMESPACE], capture_output=True)
         shutil.rmtree(etc, ignore_errors=True)
+        if made_parent:
+            try:
+                os.rmdir("/etc/netns")
+            except OSError:
+                pass
     return status
 
 
@@ -275,6 +281,12 @@ class Environment:
     @classmethod
     def stop(cls):
         if cls.ferrule:
+            try:
+                with open("/proc/%d/status" % cls.ferrule.proc.pid) as status:
+                    peak = [line.split()[1] for line in status if line.startswith("VmHWM:")]
+                sys.stderr.write("ferrule peak RSS after the request tests: %s kB\n" % peak[0])
+            except (OSError, IndexError):
+                pass
             cls.ferrule.stop()
         if cls.relay:
             cls.relay.stop(signal.SIGTERM)
