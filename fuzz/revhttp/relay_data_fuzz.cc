@@ -7,7 +7,7 @@
 #include "net/buffer_pool.h"
 #include "revhttp/reverse_http_client.h"
 #include "tests/support/manual_reactor.h"
-#include "tests/unit/revhttp/revhttp_fakes.h"
+#include "tests/support/http_fakes.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ class Handler : public WebRequestHandler {
       if (end) {
         ++ends;
       } else {
-        body += chainText(piece.chain());
+        body += pieceText(piece);
       }
     });
     request->createResponse(HttpStatus::Ok)->send("ok", 2);
@@ -49,26 +49,28 @@ struct Outcome {
 Outcome relay(const std::shared_ptr<BufferPool>& pool, const uint8_t* data, std::size_t size,
               const std::vector<std::size_t>& pieces) {
   auto reactor = std::make_shared<ManualReactor>();
-  auto http = std::make_shared<FakeHttpClient>(pool);
+  auto http = std::make_shared<FakeHttpClient>();
   auto handler = std::make_shared<Handler>();
   auto client = std::make_shared<ReverseHttpClient>(reactor, pool, http, "https://k.relay.test/rhttp/register", "k");
   client->setRequestHandler(handler);
   client->start();
-  http->last()->respond("HTTP/1.1 201 Created\r\nLink: </rhttp/relay/k/1>; rel=\"first\"\r\n");
-  std::shared_ptr<FakeClientRequest> get = http->last();
-  get->respond("HTTP/1.1 200 OK\r\nContent-Type: message/http\r\nLink: </rhttp/relay/k/2>; rel=\"next\"\r\n");
+  http->last().respond(201, "Created", {{"Link", "</rhttp/relay/k/1>; rel=\"first\""}});
+  std::shared_ptr<FakeClientRequest> get = http->requests.back();
+  get->respond(200, "OK", {{"Content-Type", "message/http"}, {"Link", "</rhttp/relay/k/2>; rel=\"next\""}});
   std::size_t offset = 0;
   for (std::size_t i = 0; i <= pieces.size() && offset < size; ++i) {
     const std::size_t piece = i < pieces.size() ? std::min(pieces[i], size - offset) : size - offset;
-    get->bodyPiece(std::string(reinterpret_cast<const char*>(data) + offset, piece));
+    get->response->put(std::string(reinterpret_cast<const char*>(data) + offset, piece));
     offset += piece;
   }
-  get->bodyEnd();
-  get->finish();
+  get->response->end();
+  get->complete();
   Outcome outcome{handler->head, handler->body, std::string(), handler->ends,
                   handler->last && handler->last->isActive()};
   for (const std::shared_ptr<FakeClientRequest>& request : http->requests) {
-    if (request->method == "POST" && request->path != "/rhttp/register") outcome.reply = request->body;
+    if (request->method == "POST" && request->path != "/rhttp/register") {
+      outcome.reply = request->sentBody + request->body.text();
+    }
   }
   // Everything the client held goes back to the pool.
   client.reset();
@@ -100,5 +102,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     if (longer.compare(0, shorter.size(), shorter) != 0) __builtin_trap();
   }
   if (pool->freeBuffers() != pool->totalBuffers()) __builtin_trap();
+  if (fakeBufferPool().freeBuffers() != fakeBufferPool().totalBuffers()) __builtin_trap();
   return 0;
 }

@@ -16,12 +16,12 @@ using RelayLoop = RevHttpTest;
 
 TEST_F(RelayLoop, NoContentStartsTheNextGetAndKeepsNothing) {
   std::shared_ptr<FakeClientRequest> get = registered();
-  get->respond("HTTP/1.1 204 No Content\r\n" + NextLink);
+  respond(*get, "HTTP/1.1 204 No Content\r\n" + NextLink);
   ASSERT_EQ(sent(), 3u);
-  EXPECT_EQ(http->url(*last()), "https://k1.relay.test/rhttp/relay/k1/2");
+  EXPECT_EQ(url(*last()), "https://k1.relay.test/rhttp/relay/k1/2");
   EXPECT_EQ(client->activeCount(), 0u);
   EXPECT_TRUE(logged("Got relay response from " + Name + ": HTTP/1.1 204 No Content", log::Debug));
-  get->finish();
+  get->complete();
   reactor->runDue();
   EXPECT_EQ(reactor->pending(), 0u);
 }
@@ -49,7 +49,7 @@ TEST_F(RelayLoop, EveryBadRelayResponseLeadsToANewRegistration) {
     logs->clear();
     http->requests.clear();
     client = std::make_shared<ReverseHttpClient>(reactor, pool, http, RegistrationUrl, "k1");
-    registered()->respond(c.head);
+    respond(*registered(), c.head);
     EXPECT_TRUE(logged(c.message, log::Notice));
     EXPECT_EQ(sent(), 2u);
     reactor->advance(Duration::seconds(1));
@@ -57,20 +57,20 @@ TEST_F(RelayLoop, EveryBadRelayResponseLeadsToANewRegistration) {
     EXPECT_EQ(last()->path, "/rhttp/register");
   }
   // A lower-case field name for the type is fine; only the value is exact.
-  registered()->respond("HTTP/1.1 200 OK\r\ncontent-type: message/http\r\n" + NextLink);
+  respond(*registered(), "HTTP/1.1 200 OK\r\ncontent-type: message/http\r\n" + NextLink);
   EXPECT_EQ(client->activeCount(), 1u);
 }
 
 TEST_F(RelayLoop, ARelayGetFailureReRegistersButABrokenRelayedBodyDoesNot) {
-  registered()->finish(Reset);
+  registered()->complete(Reset);
   EXPECT_TRUE(logged("Relay request to " + Name + " failed with code 104", log::Notice));
   reactor->advance(Duration::seconds(1));
   EXPECT_EQ(last()->path, "/rhttp/register");
 
-  last()->respond("HTTP/1.1 201 Created\r\nLink: </rhttp/relay/k1/1>; rel=\"first\"\r\n");
+  respond(*last(), "HTTP/1.1 201 Created\r\nLink: </rhttp/relay/k1/1>; rel=\"first\"\r\n");
   std::shared_ptr<FakeClientRequest> get = relay({"POST /x HTTP/1.1\r\nContent-Length: 9\r\n\r\nab"});
   const std::size_t before = sent();
-  get->finish(Reset);
+  get->complete(Reset);
   EXPECT_TRUE(logged(Name + ": Relay response error 104", log::Debug));
   EXPECT_TRUE(logged("Pending request " + Name + " done, removing", log::Debug));
   EXPECT_EQ(client->activeCount(), 0u);
@@ -86,9 +86,9 @@ TEST_F(RelayLoop, OneGetIsOutstandingWhileBodiesStillArrive) {
   EXPECT_EQ(second->method, "GET");
   relay({"GET /b HTTP/1.1\r\n\r\n"}, std::string(ReplyLink) + "Link: </rhttp/relay/k1/3>; rel=\"next\"\r\n");
   EXPECT_EQ(sent(), 4u);
-  first->bodyPiece("abc");
-  first->bodyPiece("def");
-  first->bodyEnd();
+  first->response->put("abc");
+  first->response->put("def");
+  first->response->end();
   ASSERT_EQ(handler->requests.size(), 2u);
   EXPECT_EQ(handler->body, "abcdef");
   EXPECT_TRUE(handler->requests[0]->isBodyComplete());
@@ -122,8 +122,8 @@ TEST_F(RelayLoop, HeadAndFirstBodyBytesInOnePieceAndChunkedBodiesArriveDecoded) 
   registered();
   relay({"POST /f HTTP/1.1\r\nContent-Length: 11\r\n\r\nhello"});
   std::shared_ptr<FakeClientRequest> get = http->requests[1];
-  get->bodyPiece(" world");
-  get->bodyEnd();
+  get->response->put(" world");
+  get->response->end();
   EXPECT_EQ(handler->bodyPieces, (std::vector<std::string>{"hello", " world"}));
   EXPECT_EQ(handler->ends, 1);
 
@@ -134,7 +134,7 @@ TEST_F(RelayLoop, HeadAndFirstBodyBytesInOnePieceAndChunkedBodiesArriveDecoded) 
   // The body is complete at its last chunk, before the relay body ends.
   EXPECT_TRUE(handler->requests[1]->isBodyComplete());
   EXPECT_EQ(handler->ends, 2);
-  next->bodyEnd();
+  next->response->end();
   EXPECT_EQ(handler->ends, 2);
 
   relay({"POST /bad HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"});
@@ -148,12 +148,12 @@ TEST_F(RelayLoop, HeadOverTheBufferAndMalformedHeadsAreDroppedUnanswered) {
   const std::string longField = "X-Long: " + std::string(5000, 'a') + "\r\n\r\n";
   std::shared_ptr<FakeClientRequest> get = relay({"GET / HTTP/1.1\r\n", longField.substr(0, 3000)});
   EXPECT_EQ(client->activeCount(), 1u);
-  get->bodyPiece(longField.substr(3000));
+  get->response->put(longField.substr(3000));
   EXPECT_TRUE(logged(Name + ": No header separator found in 4096 bytes", log::Notice));
   EXPECT_EQ(client->activeCount(), 0u);
   // The rest of that body is read and dropped, never held back.
-  for (int i = 0; i < 5; ++i) EXPECT_TRUE(get->lastResponse->body().put(makePiece(*pool, "more")));
-  get->bodyEnd();
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(get->response->put("more"));
+  get->response->end();
 
   for (const std::string& bad : {std::string("GARBAGE\r\n\r\n"), std::string("GET /\r\n\r\n"),
                                  std::string("GET / HTTP/1.1\r\nNoColon\r\n\r\n")}) {
@@ -183,7 +183,7 @@ TEST_F(RelayLoop, ASeparatorAtTheVeryEndOfTheBufferStillCounts) {
 TEST_F(RelayLoop, ABodyThatEndsInsideTheHeadEndsThePendingRequest) {
   std::shared_ptr<FakeClientRequest> get = registered();
   relay({"GET / HT"});
-  get->bodyEnd();
+  get->response->end();
   EXPECT_EQ(client->activeCount(), 0u);
   EXPECT_EQ(replyPost(), nullptr);
 }
@@ -198,17 +198,17 @@ TEST_F(RelayLoop, UnhandledRequestGetsTheSimpleNotFoundReplyWithItsSchemeKept) {
   EXPECT_TRUE(logged(Name + ": Request for /nobody not handled", log::Notice));
   std::shared_ptr<FakeClientRequest> post = replyPost();
   ASSERT_NE(post, nullptr);
-  EXPECT_EQ(http->url(*post), "https://k1.relay.test/rhttp/reply/7");
-  EXPECT_TRUE(post->hasField("Content-Type", "message/http"));
-  EXPECT_EQ(post->body, "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
-  EXPECT_FALSE(post->streaming);
+  EXPECT_EQ(url(*post), "https://k1.relay.test/rhttp/reply/7");
+  EXPECT_TRUE(hasField(*post, "Content-Type", "message/http"));
+  EXPECT_EQ(post->sentBody, "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(post->streamStarts, 0);
   EXPECT_EQ(handler->body, "");
 
-  post->respond("HTTP/1.1 200 OK\r\n");
+  respond(*post, "HTTP/1.1 200 OK\r\n");
   EXPECT_TRUE(logged(Name + ": Got reply response: HTTP/1.1 200 OK", log::Debug));
   EXPECT_TRUE(logged("Pending request " + Name + " done, removing", log::Debug));
   EXPECT_EQ(client->finishedCount(), 1u);
-  currentGet()->respond("HTTP/1.1 204 No Content\r\n" + NextLink);
+  respond(*currentGet(), "HTTP/1.1 204 No Content\r\n" + NextLink);
   EXPECT_EQ(client->finishedCount(), 0u);
   EXPECT_EQ(client->freeCount(), 1u);
 }
@@ -224,14 +224,15 @@ TEST_F(RelayLoop, SentTargetResponseIsPostedOverPlainHttpInOneBuffer) {
   relay({"GET /page HTTP/1.1\r\n\r\n"}, NextLink);
   std::shared_ptr<FakeClientRequest> post = replyPost();
   ASSERT_NE(post, nullptr);
-  EXPECT_EQ(http->url(*post), "http://k1.relay.test/rhttp/relay/k1/1");
-  EXPECT_TRUE(post->hasField("Content-Type", "message/http"));
-  EXPECT_TRUE(post->streaming);
-  EXPECT_EQ(post->pieces, (std::vector<std::string>{"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nhi there"}));
-  EXPECT_TRUE(post->bodyEnded);
+  EXPECT_EQ(url(*post), "http://k1.relay.test/rhttp/relay/k1/1");
+  EXPECT_TRUE(hasField(*post, "Content-Type", "message/http"));
+  EXPECT_EQ(post->streamStarts, 1);
+  EXPECT_EQ(post->body.text(), "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nhi there");
+  EXPECT_EQ(post->body.pieces(), 1u);
+  EXPECT_TRUE(post->body.ended());
   EXPECT_TRUE(logged(Name + ": Got target response: HTTP/1.1 200 OK", log::Info));
 
-  post->finish(Reset);
+  post->complete(Reset);
   EXPECT_TRUE(logged(Name + ": Reply response error 104", log::Notice));
   EXPECT_EQ(client->activeCount(), 0u);
 }
@@ -246,35 +247,35 @@ TEST_F(RelayLoop, StartedTargetResponseStreamsWithBackPressure) {
   relay({"GET /big HTTP/1.1\r\n\r\n"});
   std::shared_ptr<FakeClientRequest> post = replyPost();
   ASSERT_NE(post, nullptr);
-  EXPECT_EQ(http->url(*post), "http://k1.relay.test:8080/rhttp/reply/7");
-  EXPECT_EQ(post->pieces, (std::vector<std::string>{"HTTP/1.1 200 OK\r\n\r\n"}));
+  EXPECT_EQ(url(*post), "http://k1.relay.test:8080/rhttp/reply/7");
+  EXPECT_EQ(post->body.text(), "HTTP/1.1 200 OK\r\n\r\n");
+  EXPECT_EQ(post->body.pieces(), 1u);
 
   // The upload takes one piece at a time only when the test lets it.
-  post->drainUpload = false;
+  post->body.hold();
   BodySource producer;
   producer.connect(response->bodySink());
   int accepted = 0;
-  for (int i = 0; i < 10 && producer.put(makePiece(*pool, "piece" + std::to_string(i))); ++i) ++accepted;
+  for (int i = 0; i < 10 && producer.put(bodyPiece("piece" + std::to_string(i))); ++i) ++accepted;
   EXPECT_LT(accepted, 10);
   EXPECT_TRUE(producer.isBlocked());
   bool unblocked = false;
   producer.setUnblockedHandler([&unblocked]() { unblocked = true; });
-  post->take();
+  post->body.takeOne();
   EXPECT_TRUE(unblocked);
-  post->drainUpload = true;
-  for (int i = accepted + 1; i < 10; ++i) EXPECT_TRUE(producer.put(makePiece(*pool, "piece" + std::to_string(i))));
-  post->take();
+  post->body.release();
+  for (int i = accepted + 1; i < 10; ++i) EXPECT_TRUE(producer.put(bodyPiece("piece" + std::to_string(i))));
   producer.end();
   std::string body;
   for (int i = 0; i < 10; ++i) body += "piece" + std::to_string(i);
-  EXPECT_EQ(post->body, "HTTP/1.1 200 OK\r\n\r\n" + body);
-  EXPECT_TRUE(post->bodyEnded);
+  EXPECT_EQ(post->body.text(), "HTTP/1.1 200 OK\r\n\r\n" + body);
+  EXPECT_TRUE(post->body.ended());
   EXPECT_TRUE(logged(Name + ": Got 6 bytes of data, writing to reply", log::Debug));
   EXPECT_TRUE(logged(Name + ": Relay data end", log::Debug));
 
-  post->respond("HTTP/1.1 200 OK\r\n");
+  respond(*post, "HTTP/1.1 200 OK\r\n");
   EXPECT_EQ(client->activeCount(), 0u);
-  EXPECT_FALSE(post->cancelled);
+  EXPECT_FALSE(post->cancels > 0);
 }
 
 TEST_F(RelayLoop, NoBufferForTheAnswerEndsThePendingRequest) {
@@ -300,8 +301,8 @@ TEST_F(RelayLoop, AnEarlyReplyResponseCancelsTheUploadAndStaleHandlesDoNothing) 
   std::shared_ptr<WebRequest> first = handler->requests[0];
   std::shared_ptr<WebResponse> firstResponse = response;
   std::shared_ptr<FakeClientRequest> post = replyPost();
-  post->respond("HTTP/1.1 404 Not Found\r\n");
-  EXPECT_TRUE(post->cancelled);
+  respond(*post, "HTTP/1.1 404 Not Found\r\n");
+  EXPECT_TRUE(post->cancels > 0);
   EXPECT_FALSE(first->isActive());
 
   // The recycled object serves the next request; the old handles stay dead.
@@ -313,7 +314,7 @@ TEST_F(RelayLoop, AnEarlyReplyResponseCancelsTheUploadAndStaleHandlesDoNothing) 
   const std::size_t before = sent();
   BodySource late;
   late.connect(firstResponse->bodySink());
-  for (int i = 0; i < 10; ++i) EXPECT_TRUE(late.put(makePiece(*pool, "late")));
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(late.put(bodyPiece("late")));
   late.end();
   first->createResponse(HttpStatus::Ok)->send("y", 1);
   EXPECT_EQ(sent(), before + 0);

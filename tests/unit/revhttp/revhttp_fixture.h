@@ -10,7 +10,7 @@
 #include "revhttp/reverse_http_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
-#include "tests/unit/revhttp/revhttp_fakes.h"
+#include "tests/support/http_fakes.h"
 
 namespace quorvel {
 namespace testing {
@@ -25,7 +25,7 @@ class RecordingHandler : public WebRequestHandler {
       if (end) {
         ++ends;
       } else {
-        bodyPieces.push_back(chainText(piece.chain()));
+        bodyPieces.push_back(pieceText(piece));
         body += bodyPieces.back();
       }
     });
@@ -66,13 +66,13 @@ class RevHttpTest : public ::testing::Test {
   }
   ~RevHttpTest() override { log::setLevel("revhttp", 0); }
 
-  std::shared_ptr<FakeClientRequest> last() { return http->last(); }
+  std::shared_ptr<FakeClientRequest> last() { return http->requests.back(); }
   std::size_t sent() const { return http->requests.size(); }
 
   // Registration answered with the first relay URL; returns the first GET.
   std::shared_ptr<FakeClientRequest> registered() {
     client->start();
-    last()->respond("HTTP/1.1 201 Created\r\nLink: </rhttp/relay/k1/1>; rel=\"first\"\r\n");
+    respond(*last(), "HTTP/1.1 201 Created\r\nLink: </rhttp/relay/k1/1>; rel=\"first\"\r\n");
     return last();
   }
 
@@ -82,9 +82,26 @@ class RevHttpTest : public ::testing::Test {
                                            const std::string& links = std::string(ReplyLink) +
                                                                       "Link: </rhttp/relay/k1/2>; rel=\"next\"\r\n") {
     std::shared_ptr<FakeClientRequest> get = currentGet();
-    get->respond("HTTP/1.1 200 OK\r\nContent-Type: message/http\r\n" + links);
-    for (const std::string& piece : pieces) get->bodyPiece(piece);
+    respond(*get, "HTTP/1.1 200 OK\r\nContent-Type: message/http\r\n" + links);
+    for (const std::string& piece : pieces) get->response->put(piece);
     return get;
+  }
+
+  // Answers a request with a response head given as its wire text.
+  static std::shared_ptr<FakeClientResponse> respond(FakeClientRequest& request, const std::string& head) {
+    const MessageHeaders parsed = MessageHeaders::parseResponse(head.data(), head.size());
+    HeaderList fields;
+    for (const MessageHeaders::Field& field : parsed) fields.emplace_back(field.name.str(), field.value.str());
+    return request.respond(parsed.statusCode(), parsed.reason().str(), fields);
+  }
+  static std::string url(const FakeClientRequest& request) {
+    return request.scheme + "://" + request.connectHost + request.path;
+  }
+  static bool hasField(const FakeClientRequest& request, const std::string& name, const std::string& value) {
+    for (const std::string& found : fieldValues(request.headers_, name)) {
+      if (found == value) return true;
+    }
+    return false;
   }
 
   // The relay GET that is outstanding.
@@ -116,7 +133,7 @@ class RevHttpTest : public ::testing::Test {
   std::shared_ptr<BufferPool> pool = std::make_shared<BufferPool>(16, 0, 0);
   std::shared_ptr<SwitchableAllocator> allocator = std::make_shared<SwitchableAllocator>(pool);
   std::shared_ptr<ManualReactor> reactor = std::make_shared<ManualReactor>();
-  std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>(pool);
+  std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
   std::shared_ptr<RecordingHandler> handler = std::make_shared<RecordingHandler>();
   std::shared_ptr<ReverseHttpClient> client;
 };
