@@ -385,9 +385,15 @@ std::string ReverseHttpClient::replyUrl(const PendingRequest& pending) const {
   return url.empty() ? pending.name : url;
 }
 
-ReverseHttpClient::ClientRequestPtr ReverseHttpClient::makeReplyRequest(PendingRequest& pending,
-                                                                       const std::string& url) {
-  ClientRequestPtr request = makeRequest("POST", url);
+bool ReverseHttpClient::makeReplyRequest(PendingRequest& pending, const std::string& url) {
+  ClientRequestPtr request;
+  try {
+    request = makeRequest("POST", url);
+  } catch (const std::exception& error) {
+    QLOG(Log, log::Notice, "%s: Reply request to %s failed: %s", pending.name, url, error.what());
+    doneStep(pending);
+    return false;
+  }
   const PendingHandle handle = handleOf(pending);
   request->setResponseHandler([handle](const ClientResponsePtr& response) {
     handle.with([&](ReverseHttpClient& client, PendingRequest& request) { client.onReplyResponse(request, response); });
@@ -396,7 +402,8 @@ ReverseHttpClient::ClientRequestPtr ReverseHttpClient::makeReplyRequest(PendingR
     handle.with([&](ReverseHttpClient& client, PendingRequest& request) { client.onReplyError(request, code); });
   });
   request->headers().addField(HttpHeader::ContentType, "message/http");
-  return request;
+  pending.replyRequest = request;
+  return true;
 }
 
 void ReverseHttpClient::replyStep(PendingRequest& pending, const uint8_t* data, std::size_t length, bool end) {
@@ -418,13 +425,7 @@ void ReverseHttpClient::replyStep(PendingRequest& pending, const uint8_t* data, 
   BufferChain::Iterator out = copyToChain(head.data(), head.data() + head.size(), chain.begin());
   if (length > 0) copyToChain(data, data + length, out);
 
-  try {
-    pending.replyRequest = makeReplyRequest(pending, url);
-  } catch (const std::exception& error) {
-    QLOG(Log, log::Notice, "%s: Reply request to %s failed: %s", pending.name, url, error.what());
-    doneStep(pending);
-    return;
-  }
+  if (!makeReplyRequest(pending, url)) return;
   const uint64_t use = pending.generation;
   pending.replyRequest->startStreaming();
   pending.replySource = std::make_shared<BodySource>();
@@ -482,14 +483,7 @@ void ReverseHttpClient::pumpReply(PendingRequest& pending) {
 }
 
 void ReverseHttpClient::simpleReply(PendingRequest& pending, const HttpStatus& status) {
-  const std::string url = replyUrl(pending);
-  try {
-    pending.replyRequest = makeReplyRequest(pending, url);
-  } catch (const std::exception& error) {
-    QLOG(Log, log::Notice, "%s: Reply request to %s failed: %s", pending.name, url, error.what());
-    doneStep(pending);
-    return;
-  }
+  if (!makeReplyRequest(pending, replyUrl(pending))) return;
   MessageHeaders answer = MessageHeaders::response(status, HttpVersion::V11);
   answer.addField(HttpHeader::ContentLength, static_cast<uint32_t>(0));
   pending.simpleBody.assign(answer.data(), answer.size());

@@ -95,7 +95,9 @@ class ReverseHttpClient : public std::enable_shared_from_this<ReverseHttpClient>
   void replyStep(PendingRequest& pending, const uint8_t* data, std::size_t length, bool end);
   void pumpReply(PendingRequest& pending);
   void simpleReply(PendingRequest& pending, const HttpStatus& status);
-  ClientRequestPtr makeReplyRequest(PendingRequest& pending, const std::string& url);
+  // The POST that carries an answer, as the pending request's reply request;
+  // false (and the pending request done) when the HTTP client refuses it.
+  bool makeReplyRequest(PendingRequest& pending, const std::string& url);
   std::string replyUrl(const PendingRequest& pending) const;
   void onReplyResponse(PendingRequest& pending, const ClientResponsePtr& response);
   void onReplyError(PendingRequest& pending, const boost::system::error_code& code);

@@ -213,6 +213,17 @@ TEST_F(RelayLoop, UnhandledRequestGetsTheSimpleNotFoundReplyWithItsSchemeKept) {
   EXPECT_EQ(client->freeCount(), 1u);
 }
 
+TEST_F(RelayLoop, AReplyTheClientRefusesEndsThePendingRequest) {
+  handler->takes = false;
+  registered();
+  std::shared_ptr<FakeClientRequest> get = currentGet();
+  respond(*get, "HTTP/1.1 200 OK\r\nContent-Type: message/http\r\n" + NextLink);
+  http->refusal = "HTTPS connections not supported";
+  get->response->put("GET /x HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(logged(Name + ": Reply request to " + Name + " failed: HTTPS connections not supported", log::Notice));
+  EXPECT_EQ(client->activeCount(), 0u);
+}
+
 TEST_F(RelayLoop, SentTargetResponseIsPostedOverPlainHttpInOneBuffer) {
   handler->onRequest = [](const std::shared_ptr<WebRequest>& request) {
     std::shared_ptr<WebResponse> response = request->createResponse(HttpStatus::Ok);
