@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """ferrule end to end: ferrule-devrelay as the relay service (TLS with a
-throw-away CA), nginx as the device's web server, ferrule in between and curl
+throw-away CA), nginx as the device's web server (with a small echo service
+behind it for request bodies), ferrule in between and curl
 as the outside client.
 
 Everything runs on the loopback interface of a network namespace made for the
@@ -23,10 +24,13 @@ import time
 import unittest
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from nginx import Nginx  # noqa: E402
+
 NAMESPACE = "ferrule-e2e-%d" % os.getpid()
 DOMAIN = "relay.test"
 KEYS = ["dev1", "late1", "late2", "restart1", "untrusted1"]
-FERRULE = DEVRELAY = WORK = None
+FERRULE = DEVRELAY = WORK = TARGET = None
 BIG_SIZE = 100 * 1024 * 1024
 BIG_SHA = None
 PAGES = 50
@@ -170,7 +174,7 @@ def write_registration(name, key, mtime=None):
 
 def start_ferrule(name, registration, relay_port, extra_env=None):
     return LoggedProcess(name, [FERRULE, "-r", "%s:%d" % (DOMAIN, relay_port), "-s", "stun." + DOMAIN,
-                                "-f", os.path.join(WORK, registration), "-l", "5"],
+                                "-f", os.path.join(WORK, registration), "-t", TARGET, "-l", "5"],
                          env=dict({"SSL_CERT_FILE": os.path.join(WORK, "good-ca.pem")}, **(extra_env or {})))
 
 
@@ -213,31 +217,12 @@ class EchoHandler(BaseHTTPRequestHandler):
         pass
 
 
-NGINX_CONF = """
-master_process off;
-daemon off;
-error_log {work}/nginx/error.log warn;
-pid {work}/nginx/nginx.pid;
-events {{ worker_connections 512; }}
-http {{
-  access_log off;
-  default_type application/octet-stream;
-  client_body_temp_path {work}/nginx/body;
-  proxy_temp_path {work}/nginx/proxy;
-  fastcgi_temp_path {work}/nginx/fastcgi;
-  uwsgi_temp_path {work}/nginx/uwsgi;
-  scgi_temp_path {work}/nginx/scgi;
-  server {{
-    listen 127.0.0.1:80;
-    listen [::1]:80;
-    root {work}/www;
-    client_max_body_size 16m;
-    location /echo/ {{
+ECHO_LOCATION = """
+    location /echo/ {
+      client_max_body_size 16m;
       proxy_pass http://127.0.0.1:8081;
       proxy_http_version 1.1;
-    }}
-  }}
-}}
+    }
 """
 
 
@@ -246,33 +231,24 @@ class Environment:
 
     @classmethod
     def start(cls):
-        global BIG_SHA
+        global BIG_SHA, TARGET
         make_ca("good")
         make_server_certificate("good")
         make_ca("other")
         make_server_certificate("other")
-        www = os.path.join(WORK, "www")
-        os.makedirs(os.path.join(www, "pages"))
+        cls.nginx = Nginx(locations=ECHO_LOCATION, work=os.path.join(WORK, "nginx"))
         for n in range(PAGES):
-            with open(os.path.join(www, "pages", "%d.html" % n), "wb") as f:
-                f.write(page(n))
-        with open(os.path.join(www, "index.html"), "wb") as f:
-            f.write(b"<html><body>ferrule sample page</body></html>\n")
+            cls.nginx.write("pages/%d.html" % n, page(n))
+        cls.nginx.write("index.html", b"<html><body>ferrule sample page</body></html>\n")
         big = random.Random(7).randbytes(BIG_SIZE)
         BIG_SHA = hashlib.sha256(big).hexdigest()
-        with open(os.path.join(www, "big.bin"), "wb") as f:
-            f.write(big)
+        cls.nginx.write("big.bin", big)
         del big
-        for sub in ("body", "proxy", "fastcgi", "uwsgi", "scgi"):
-            os.makedirs(os.path.join(WORK, "nginx", sub))
-        with open(os.path.join(WORK, "nginx", "nginx.conf"), "w") as f:
-            f.write(NGINX_CONF.format(work=WORK))
+        cls.nginx.start()
+        TARGET = cls.nginx.authority()
 
         cls.echo = ThreadingHTTPServer(("127.0.0.1", 8081), EchoHandler)
         threading.Thread(target=cls.echo.serve_forever, daemon=True).start()
-        cls.nginx = subprocess.Popen(["nginx", "-p", os.path.join(WORK, "nginx"), "-c",
-                                      os.path.join(WORK, "nginx", "nginx.conf")],
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         cls.relay = start_relay("good", 8443, 8080, 8000)
         write_registration("dev1.info", "dev1")
         cls.ferrule = start_ferrule("ferrule-dev1", "dev1.info", 8443)
@@ -291,11 +267,7 @@ class Environment:
         if cls.relay:
             cls.relay.stop(signal.SIGTERM)
         if cls.nginx:
-            cls.nginx.terminate()
-            try:
-                cls.nginx.wait(10)
-            except subprocess.TimeoutExpired:
-                cls.nginx.kill()
+            cls.nginx.cleanup()
         if cls.echo:
             cls.echo.shutdown()
             cls.echo.server_close()
