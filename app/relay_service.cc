@@ -1,9 +1,25 @@
 #include "app/relay_service.h"
 
+#include "core/log.h"
+#include "http/net_http_client.h"
+#include "net/asio_socket_factory.h"
+#include "net/asio_ssl_socket_factory.h"
+
 namespace quorvel {
 namespace ferrule {
+namespace {
+
+const log::Log Log("ferrule");
+
+}  // namespace
 
 std::shared_ptr<RelayService> RelayService::instance;
+
+std::string relayRegistrationUrl(const std::string& key, const std::string& relayUrlBase) {
+  std::string url = "https://" + key + "." + relayUrlBase;
+  if (relayUrlBase.empty() || relayUrlBase.back() != '/') url += "/";
+  return url + "rhttp/register";
+}
 
 RelayService::RelayService(const std::string& registrationFile, const std::string& targetHost,
                            const std::string& relayUrlBase, const std::string& stunServer)
@@ -12,11 +28,48 @@ RelayService::RelayService(const std::string& registrationFile, const std::strin
       relayUrlBase_(relayUrlBase),
       stunServer_(stunServer),
       reactor_(std::make_shared<AsioReactor>()),
-      randomSource_(std::make_shared<PseudoRandomSource>(reactor_->timeProvider())) {}
+      socketFactory_(std::make_shared<AsioSocketFactory>(reactor_)),
+      sslSocketFactory_(std::make_shared<AsioSslSocketFactory>(reactor_, false)),
+      resolver_(std::make_shared<NetNameResolver>(reactor_)),
+      bufferPool_(std::make_shared<BufferPool>(512, 0, 0)),
+      httpClient_(std::make_shared<NetHttpClient>(reactor_, bufferPool_, socketFactory_, sslSocketFactory_, resolver_)),
+      randomSource_(std::make_shared<PseudoRandomSource>(reactor_->timeProvider())),
+      localNetworkInfo_(std::make_shared<LinuxLocalNetworkInfo>()),
+      handlers_(std::make_shared<WebHandlerContainer>()),
+      forwarder_(std::make_shared<HttpForwarder>(reactor_, httpClient_, targetHost_)) {
+  handlers_->addHandler(forwarder_);
+  registrationWatch_ = std::make_unique<RegistrationFileWatch>(
+      reactor_, registrationFile_, [this](const std::string& key) { startRelay(key); });
+}
 
-RelayService::~RelayService() = default;
+// Tasks still queued in the reactor may hold pooled buffers, so the reactor
+// goes before the pool: everything else first, in reverse order of building.
+RelayService::~RelayService() {
+  relayClient_.reset();
+  registrationWatch_.reset();
+  forwarder_.reset();
+  handlers_.reset();
+  localNetworkInfo_.reset();
+  randomSource_.reset();
+  httpClient_.reset();
+  resolver_.reset();
+  sslSocketFactory_.reset();
+  socketFactory_.reset();
+  reactor_.reset();
+}
 
-void RelayService::run() { reactor_->run(); }
+void RelayService::startRelay(const std::string& key) {
+  QLOG(Log, log::Notice, "Starting HTTP relay with device key %s", key);
+  relayClient_ = std::make_shared<ReverseHttpClient>(reactor_, bufferPool_, httpClient_,
+                                                     relayRegistrationUrl(key, relayUrlBase_), key);
+  relayClient_->setRequestHandler(handlers_);
+  relayClient_->start();
+}
+
+void RelayService::run() {
+  registrationWatch_->start();
+  reactor_->run();
+}
 
 }  // namespace ferrule
 }  // namespace quorvel

@@ -3,12 +3,25 @@
 #include <memory>
 #include <string>
 
+#include "app/registration_file.h"
 #include "core/asio_reactor.h"
 #include "core/lifetime.h"
 #include "core/random_source.h"
+#include "http/http_client.h"
+#include "http/http_forwarder.h"
+#include "http/web_handler_container.h"
+#include "net/async_socket.h"
+#include "net/buffer_pool.h"
+#include "net/local_network_info.h"
+#include "net/name_resolver.h"
+#include "revhttp/reverse_http_client.h"
 
 namespace quorvel {
 namespace ferrule {
+
+// "https://KEY.BASE/rhttp/register": the device key is the first label of the
+// relay host, and a path in the base is kept ahead of "rhttp/register".
+std::string relayRegistrationUrl(const std::string& key, const std::string& relayUrlBase);
 
 // Owns every long-lived component of the daemon and runs the event loop.
 class RelayService {
@@ -29,6 +42,9 @@ class RelayService {
   static std::shared_ptr<RelayService> instance;
 
  private:
+  // A new device key: a fresh relay client replaces the previous one.
+  void startRelay(const std::string& key);
+
   const std::string registrationFile_;
   const std::string targetHost_;
   const std::string relayUrlBase_;
@@ -36,7 +52,18 @@ class RelayService {
 
   // Built in this order; later components are handed the earlier ones.
   std::shared_ptr<AsioReactor> reactor_;
+  std::shared_ptr<AsyncSocketFactory> socketFactory_;
+  std::shared_ptr<AsyncSocketFactory> sslSocketFactory_;
+  std::shared_ptr<NameResolver> resolver_;
+  std::shared_ptr<BufferPool> bufferPool_;
+  std::shared_ptr<HttpClient> httpClient_;
   std::shared_ptr<RandomSource> randomSource_;
+  std::shared_ptr<LocalNetworkInfo> localNetworkInfo_;
+  std::shared_ptr<WebHandlerContainer> handlers_;
+  std::shared_ptr<HttpForwarder> forwarder_;
+
+  std::unique_ptr<RegistrationFileWatch> registrationWatch_;
+  std::shared_ptr<ReverseHttpClient> relayClient_;
 
   LifetimeToken lifetime_ = makeLifetimeToken();
 };

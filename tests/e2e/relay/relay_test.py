@@ -1,0 +1,463 @@
+#!/usr/bin/env python3
+"""ferrule end to end: ferrule-devrelay as the relay service (TLS with a
+throw-away CA), nginx as the device's web server (with a small echo service
+behind it for request bodies), ferrule in between and curl
+as the outside client.
+
+Everything runs on the loopback interface of a network namespace made for the
+run: `ip netns exec` mounts /etc/netns/NAME/hosts over /etc/hosts, which is
+how KEY.relay.test names resolve without touching the machine's own
+configuration. The outer process makes the namespace and its hosts file, runs
+this same script inside it (--inner) and removes both afterwards, also when
+the tests fail. Needs root."""
+import hashlib
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from nginx import Nginx  # noqa: E402
+
+NAMESPACE = "ferrule-e2e-%d" % os.getpid()
+DOMAIN = "relay.test"
+KEYS = ["dev1", "late1", "late2", "restart1", "untrusted1"]
+FERRULE = DEVRELAY = WORK = TARGET = None
+BIG_SIZE = 100 * 1024 * 1024
+BIG_SHA = None
+PAGES = 50
+
+
+# ---- outside the namespace
+
+def outer(ferrule, devrelay, tests):
+    etc = "/etc/netns/" + NAMESPACE
+    made_parent = not os.path.isdir("/etc/netns")
+    status = 1
+    try:
+        os.makedirs(etc)
+        with open(os.path.join(etc, "hosts"), "w") as hosts:
+            hosts.write("127.0.0.1 localhost\n::1 localhost\n")
+            hosts.write("127.0.0.1 %s %s\n" % (DOMAIN, " ".join("%s.%s" % (key, DOMAIN) for key in KEYS)))
+        subprocess.run(["ip", "netns", "add", NAMESPACE], check=True)
+        subprocess.run(["ip", "netns", "exec", NAMESPACE, "ip", "link", "set", "lo", "up"], check=True)
+        status = subprocess.run(["ip", "netns", "exec", NAMESPACE, sys.executable, os.path.abspath(__file__),
+                                 "--inner", ferrule, devrelay, *tests], timeout=560).returncode
+    finally:
+        # Whatever the inner run left behind goes with the namespace.
+        pids = subprocess.run(["ip", "netns", "pids", NAMESPACE], capture_output=True, text=True).stdout.split()
+        for pid in pids:
+            try:
+                os.kill(int(pid), signal.SIGKILL)
+            except (ProcessLookupError, ValueError):
+                pass
+        subprocess.run(["ip", "netns", "delete", NAMESPACE], capture_output=True)
+        shutil.rmtree(etc, ignore_errors=True)
+        if made_parent:
+            try:
+                os.rmdir("/etc/netns")
+            except OSError:
+                pass
+    return status
+
+
+# ---- inside the namespace
+
+def run(*args):
+    subprocess.run(args, check=True, capture_output=True, cwd=WORK, timeout=60)
+
+
+def make_ca(name):
+    run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
+        "-subj", "/CN=ferrule e2e %s CA" % name, "-keyout", name + "-ca.key", "-out", name + "-ca.pem",
+        "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign")
+
+
+def make_server_certificate(ca):
+    """A certificate for relay.test and *.relay.test signed by the named CA."""
+    prefix = ca + "-server"
+    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+        "-subj", "/CN=" + DOMAIN, "-keyout", prefix + ".key", "-out", prefix + ".csr")
+    with open(os.path.join(WORK, "server.ext"), "w") as ext:
+        ext.write("subjectAltName=DNS:%s,DNS:*.%s\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n"
+                  % (DOMAIN, DOMAIN))
+    run("openssl", "x509", "-req", "-in", prefix + ".csr", "-CA", ca + "-ca.pem", "-CAkey", ca + "-ca.key",
+        "-CAcreateserial", "-days", "2", "-out", prefix + ".pem", "-extfile", "server.ext")
+
+
+class LoggedProcess:
+    """A process whose output is collected line by line, each line with the
+    monotonic time it was read."""
+
+    def __init__(self, name, args, env=None):
+        self.name = name
+        self.lines = []
+        self.cond = threading.Condition()
+        self.log = open(os.path.join(WORK, name + ".log"), "a")
+        self.proc = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                     env=dict(os.environ, **(env or {})), cwd=WORK)
+        self.collector = threading.Thread(target=self._collect, daemon=True)
+        self.collector.start()
+
+    def _collect(self):
+        for line in self.proc.stdout:
+            self.log.write(line)
+            self.log.flush()
+            with self.cond:
+                self.lines.append(line.rstrip("\n"))
+                self.cond.notify_all()
+
+    def mark(self):
+        with self.cond:
+            return len(self.lines)
+
+    def matching(self, pattern, start=0):
+        regex = re.compile(pattern)
+        with self.cond:
+            return [line for line in self.lines[start:] if regex.search(line)]
+
+    def wait_for(self, pattern, timeout=15.0, start=0, count=1):
+        """Waits for `count` lines after `start` matching the pattern; returns them."""
+        regex = re.compile(pattern)
+        deadline = time.monotonic() + timeout
+        with self.cond:
+            while True:
+                found = [line for line in self.lines[start:] if regex.search(line)]
+                if len(found) >= count:
+                    return found
+                remaining = deadline - time.monotonic()
+                if remaining <= 0:
+                    raise AssertionError("%s: no %d line(s) matching %r; log tail:\n%s"
+                                         % (self.name, count, pattern, "\n".join(self.lines[-40:])))
+                self.cond.wait(min(remaining, 0.2))
+
+    def stop(self, sig=signal.SIGINT):
+        if self.proc.poll() is None:
+            self.proc.send_signal(sig)
+            try:
+                self.proc.wait(10)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait(5)
+        self.collector.join(5)
+        if not self.collector.is_alive():
+            self.proc.stdout.close()
+            self.log.close()
+        return self.proc.returncode
+
+
+def start_relay(ca, device_port, plain_port, outside_port, name="devrelay"):
+    relay = LoggedProcess(name, [DEVRELAY, "-c", os.path.join(WORK, ca + "-server.pem"),
+                                 "-k", os.path.join(WORK, ca + "-server.key"),
+                                 "-d", "127.0.0.1:%d" % device_port, "-p", "127.0.0.1:%d" % plain_port,
+                                 "-o", "127.0.0.1:%d" % outside_port, "-P", "5", "-a", "30", "-l", "5"])
+    relay.wait_for(r"Listening for outside clients on 127\.0\.0\.1:%d" % outside_port)
+    return relay
+
+
+def write_registration(name, key, mtime=None):
+    path = os.path.join(WORK, name)
+    with open(path, "w") as f:
+        f.write("# written by the test\nDeviceRelayKey = %s\n" % key)
+    if mtime is not None:
+        os.utime(path, (mtime, mtime))
+    return path
+
+
+def start_ferrule(name, registration, relay_port, extra_env=None):
+    return LoggedProcess(name, [FERRULE, "-r", "%s:%d" % (DOMAIN, relay_port), "-s", "stun." + DOMAIN,
+                                "-f", os.path.join(WORK, registration), "-t", TARGET, "-l", "5"],
+                         env=dict({"SSL_CERT_FILE": os.path.join(WORK, "good-ca.pem")}, **(extra_env or {})))
+
+
+def curl(key, path, *options, port=8000):
+    """The outside client: (status, head bytes, body bytes)."""
+    with tempfile.TemporaryDirectory(dir=WORK) as out:
+        head_file, body_file = os.path.join(out, "head"), os.path.join(out, "body")
+        result = subprocess.run(
+            ["curl", "-sS", "--noproxy", "*", "--max-time", "120", "-D", head_file, "-o", body_file,
+             "-w", "%{http_code}", *options, "http://%s.%s:%d%s" % (key, DOMAIN, port, path)],
+            capture_output=True, timeout=180)
+        head = body = b""
+        if os.path.exists(head_file):
+            with open(head_file, "rb") as f:
+                head = f.read()
+        if os.path.exists(body_file):
+            with open(body_file, "rb") as f:
+                body = f.read()
+    return int(result.stdout or b"0"), head, body
+
+
+def page(n):
+    return ("<html><body>page %d %s</body></html>\n" % (n, "x" * (n * 37))).encode()
+
+
+class EchoHandler(BaseHTTPRequestHandler):
+    """Behind nginx at /echo/: answers with the request body it was given."""
+    protocol_version = "HTTP/1.1"
+
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers.get("Content-Length", "0")))
+        self.send_response(200)
+        self.send_header("Content-Type", "application/octet-stream")
+        self.send_header("Content-Length", str(len(body)))
+        self.send_header("X-Echo-Sha256", hashlib.sha256(body).hexdigest())
+        self.end_headers()
+        self.wfile.write(body)
+
+    def log_message(self, *args):
+        pass
+
+
+ECHO_LOCATION = """
+    location /echo/ {
+      client_max_body_size 16m;
+      proxy_pass http://127.0.0.1:8081;
+      proxy_http_version 1.1;
+    }
+"""
+
+
+class Environment:
+    nginx = echo = relay = ferrule = None
+
+    @classmethod
+    def start(cls):
+        global BIG_SHA, TARGET
+        make_ca("good")
+        make_server_certificate("good")
+        make_ca("other")
+        make_server_certificate("other")
+        cls.nginx = Nginx(locations=ECHO_LOCATION, work=os.path.join(WORK, "nginx"))
+        for n in range(PAGES):
+            cls.nginx.write("pages/%d.html" % n, page(n))
+        cls.nginx.write("index.html", b"<html><body>ferrule sample page</body></html>\n")
+        big = random.Random(7).randbytes(BIG_SIZE)
+        BIG_SHA = hashlib.sha256(big).hexdigest()
+        cls.nginx.write("big.bin", big)
+        del big
+        cls.nginx.start()
+        TARGET = cls.nginx.authority()
+
+        cls.echo = ThreadingHTTPServer(("127.0.0.1", 8081), EchoHandler)
+        threading.Thread(target=cls.echo.serve_forever, daemon=True).start()
+        cls.relay = start_relay("good", 8443, 8080, 8000)
+        write_registration("dev1.info", "dev1")
+        cls.ferrule = start_ferrule("ferrule-dev1", "dev1.info", 8443)
+        cls.ferrule.wait_for(r"\[revhttp\] Registration succeeded")
+
+    @classmethod
+    def stop(cls):
+        if cls.ferrule:
+            try:
+                with open("/proc/%d/status" % cls.ferrule.proc.pid) as status:
+                    peak = [line.split()[1] for line in status if line.startswith("VmHWM:")]
+                sys.stderr.write("ferrule peak RSS after the request tests: %s kB\n" % peak[0])
+            except (OSError, IndexError):
+                pass
+            cls.ferrule.stop()
+        if cls.relay:
+            cls.relay.stop(signal.SIGTERM)
+        if cls.nginx:
+            cls.nginx.cleanup()
+        if cls.echo:
+            cls.echo.shutdown()
+            cls.echo.server_close()
+        cls.nginx = cls.echo = cls.relay = cls.ferrule = None
+
+
+def setUpModule():
+    Environment.start()
+
+
+def tearDownModule():
+    Environment.stop()
+
+
+def stamp(line):
+    """ferrule's own time of a log line, in seconds."""
+    match = re.match(r"(\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\.(\d{3}) ", line)
+    assert match, line
+    _, _, _, hours, minutes, seconds, millis = (int(g) for g in match.groups())
+    return hours * 3600 + minutes * 60 + seconds + millis / 1000.0
+
+
+class Requests(unittest.TestCase):
+    def test_get_sample_page(self):
+        status, head, body = curl("dev1", "/index.html")
+        self.assertEqual(status, 200, head)
+        self.assertEqual(body, b"<html><body>ferrule sample page</body></html>\n")
+
+    def test_head_has_the_length_and_no_body(self):
+        status, head, body = curl("dev1", "/pages/3.html", "-I")
+        self.assertEqual(status, 200, head)
+        self.assertIn(b"\r\nContent-Length: %d\r\n" % len(page(3)), head)
+        self.assertEqual(body, head)  # curl -I writes the head as its output
+
+    def test_post_with_content_length(self):
+        data = bytes(range(256)) * 300
+        with open(os.path.join(WORK, "post.bin"), "wb") as f:
+            f.write(data)
+        status, head, body = curl("dev1", "/echo/cl", "--data-binary", "@" + os.path.join(WORK, "post.bin"),
+                                  "-H", "Content-Type: application/octet-stream")
+        self.assertEqual(status, 200, head)
+        self.assertEqual(body, data)
+
+    def test_post_chunked(self):
+        data = b"".join(b"line %d of a chunked upload\n" % n for n in range(5000))
+        with open(os.path.join(WORK, "chunked.bin"), "wb") as f:
+            f.write(data)
+        status, head, body = curl("dev1", "/echo/chunked", "--data-binary", "@" + os.path.join(WORK, "chunked.bin"),
+                                  "-H", "Transfer-Encoding: chunked", "-H", "Content-Type: text/plain")
+        self.assertEqual(status, 200, head)
+        self.assertEqual(body, data)
+
+    def test_missing_page_is_the_targets_own_404(self):
+        status, head, _ = curl("dev1", "/no/such/page")
+        self.assertEqual(status, 404, head)
+
+    def test_100_mb_download_is_byte_exact(self):
+        path = os.path.join(WORK, "download.bin")
+        result = subprocess.run(["curl", "-sS", "--noproxy", "*", "--max-time", "300", "-o", path, "-w",
+                                 "%{http_code}", "http://dev1.%s:8000/big.bin" % DOMAIN],
+                                capture_output=True, timeout=320)
+        self.assertEqual(result.stdout, b"200", result.stderr)
+        self.assertEqual(os.path.getsize(path), BIG_SIZE)
+        digest = hashlib.sha256()
+        with open(path, "rb") as f:
+            for block in iter(lambda: f.read(1 << 20), b""):
+                digest.update(block)
+        os.unlink(path)
+        self.assertEqual(digest.hexdigest(), BIG_SHA)
+
+    def test_50_concurrent_requests(self):
+        results = [None] * PAGES
+
+        def fetch(n):
+            results[n] = curl("dev1", "/pages/%d.html" % n)
+
+        threads = [threading.Thread(target=fetch, args=(n,)) for n in range(PAGES)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join(200)
+        for n, result in enumerate(results):
+            self.assertIsNotNone(result, n)
+            self.assertEqual(result[0], 200, (n, result[1]))
+            self.assertEqual(result[2], page(n), n)
+
+
+class RegistrationFile(unittest.TestCase):
+    def test_late_file_new_key_and_same_key(self):
+        ferrule = start_ferrule("ferrule-late", "late.info", 8443)
+        try:
+            ferrule.wait_for(r"WARNING \[ferrule\] Registration file .*/late\.info not found")
+            time.sleep(1.5)
+            self.assertEqual(len(ferrule.matching(r"not found")), 1)
+            self.assertEqual(ferrule.matching(r"Starting HTTP relay"), [])
+
+            write_registration("late.info", "late1", time.time() - 100)
+            ferrule.wait_for(r"NOTICE \[ferrule\] Starting HTTP relay with device key late1$")
+            ferrule.wait_for(r"INFO \[revhttp\] Registering at https://late1\.relay\.test:8443/rhttp/register "
+                             r"with key late1$")
+            ferrule.wait_for(r"\[revhttp\] Registration succeeded")
+            self.assertEqual(curl("late1", "/index.html")[0], 200)
+
+            mark = ferrule.mark()
+            write_registration("late.info", "late2", time.time() - 50)
+            ferrule.wait_for(r"Starting HTTP relay with device key late2$", start=mark)
+            ferrule.wait_for(r"\[revhttp\] Registration succeeded", start=mark)
+            status, _, body = curl("late2", "/pages/7.html")
+            self.assertEqual((status, body), (200, page(7)))
+
+            mark = ferrule.mark()
+            write_registration("late.info", "late2", time.time() - 10)
+            ferrule.wait_for(r"NOTICE \[ferrule\] Registration file modification is now", start=mark)
+            time.sleep(2)
+            self.assertEqual(ferrule.matching(r"Starting HTTP relay|Registering at", start=mark), [])
+            self.assertEqual(curl("late2", "/index.html")[0], 200)
+        finally:
+            self.assertEqual(ferrule.stop(), 0)
+
+
+class RelayRestart(unittest.TestCase):
+    def test_reregistration_with_back_off_after_the_relay_comes_back(self):
+        relay = start_relay("good", 9443, 9080, 9000, "devrelay-restart")
+        write_registration("restart.info", "restart1")
+        ferrule = start_ferrule("ferrule-restart", "restart.info", 9443)
+        try:
+            ferrule.wait_for(r"\[revhttp\] Registration succeeded")
+            self.assertEqual(curl("restart1", "/index.html", port=9000)[0], 200)
+
+            mark = ferrule.mark()
+            relay.stop(signal.SIGKILL)
+            ferrule.wait_for(r"NOTICE \[revhttp\] Relay request to https://restart1\.relay\.test:9443/rhttp/relay/"
+                             r"\S+ failed with code \d+$", start=mark)
+            attempts = ferrule.wait_for(r"\[revhttp\] Registering at", start=mark, count=4, timeout=20)
+            failure = ferrule.matching(r"Relay request to .* failed", start=mark)[0]
+            self.assertGreaterEqual(len(ferrule.matching(r"Registration request failed with code", start=mark)), 3)
+            times = [stamp(failure)] + [stamp(line) for line in attempts]
+            gaps = [round(b - a, 1) for a, b in zip(times, times[1:])]
+            for gap, expected in zip(gaps, [1, 2, 4, 8]):
+                self.assertAlmostEqual(gap, expected, delta=0.5, msg=gaps)
+
+            relay = start_relay("good", 9443, 9080, 9000, "devrelay-restart")
+            ferrule.wait_for(r"\[revhttp\] Registration succeeded", start=mark, timeout=20)
+            status, _, body = curl("restart1", "/pages/11.html", port=9000)
+            self.assertEqual((status, body), (200, page(11)))
+        finally:
+            self.assertEqual(ferrule.stop(), 0)
+            relay.stop(signal.SIGTERM)
+
+
+class UntrustedRelay(unittest.TestCase):
+    def test_never_registers_and_keeps_retrying(self):
+        relay = start_relay("other", 7443, 7080, 7000, "devrelay-untrusted")
+        write_registration("untrusted.info", "untrusted1")
+        ferrule = start_ferrule("ferrule-untrusted", "untrusted.info", 7443)
+        try:
+            failures = ferrule.wait_for(r"NOTICE \[revhttp\] Registration request failed with code \d+$", count=3,
+                                        timeout=15)
+            times = [stamp(line) for line in failures]
+            self.assertAlmostEqual(times[1] - times[0], 1, delta=0.5)
+            self.assertAlmostEqual(times[2] - times[1], 2, delta=0.5)
+            ferrule.wait_for(r"WARNING \[asiossl\] TLS handshake with untrusted1\.relay\.test \(127\.0\.0\.1:7443\) "
+                             r"failed: certificate verify failed")
+            self.assertEqual(ferrule.matching(r"Registration succeeded"), [])
+            self.assertEqual(curl("untrusted1", "/index.html", port=7000)[0], 502)
+        finally:
+            self.assertEqual(ferrule.stop(), 0)
+            relay.stop(signal.SIGTERM)
+
+
+def inner(ferrule, devrelay, tests):
+    global FERRULE, DEVRELAY, WORK
+    FERRULE, DEVRELAY = ferrule, devrelay
+    WORK = tempfile.mkdtemp(prefix="ferrule-e2e-relay-")
+    try:
+        program = unittest.main(module=__name__, argv=[sys.argv[0], "-v", *tests], exit=False)
+        return 0 if program.result.wasSuccessful() else 1
+    finally:
+        Environment.stop()
+        if os.environ.get("FERRULE_E2E_KEEP"):
+            print("kept " + WORK)
+        else:
+            shutil.rmtree(WORK, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) >= 4 and sys.argv[1] == "--inner":
+        sys.exit(inner(sys.argv[2], sys.argv[3], sys.argv[4:]))
+    if len(sys.argv) < 3:
+        sys.exit("usage: relay_test.py FERRULE DEVRELAY [TEST ...]")
+    if os.geteuid() != 0:
+        sys.exit("relay_test.py needs root to make a network namespace")
+    sys.exit(outer(os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2]), sys.argv[3:]))

@@ -1,0 +1,50 @@
+#include "revhttp/link_field.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace quorvel {
+namespace {
+
+std::string linkIn(const std::string& fields, const char* relation,
+                   const char* base = "https://k.relay.test/rhttp/register") {
+  const std::string head = "HTTP/1.1 201 Created\r\n" + fields;
+  return findLink(MessageHeaders::parseResponse(head.data(), head.size()), relation, base);
+}
+
+TEST(LinkField, RelativeQuotedAndUnquotedReferencesResolveAgainstTheBase) {
+  EXPECT_EQ(linkIn("Link: <relay/abc>; rel=\"first\"\r\n", "first"), "https://k.relay.test/rhttp/relay/abc");
+  EXPECT_EQ(linkIn("Link: </r/1>; rel=first\r\n", "first"), "https://k.relay.test/r/1");
+  EXPECT_EQ(linkIn("Link: <//other.test/x>; rel=next\r\n", "next"), "https://other.test/x");
+  EXPECT_EQ(linkIn("Link: <http://h:8080/rhttp/reply/9>; rel=\"reply\"\r\n", "reply"), "http://h:8080/rhttp/reply/9");
+  EXPECT_EQ(linkIn("Link: <>; rel=next\r\n", "next"), "https://k.relay.test/rhttp/register");
+}
+
+TEST(LinkField, FieldNameAndRelationAreMatchedWithCase) {
+  EXPECT_EQ(linkIn("link: </r/1>; rel=\"first\"\r\n", "first"), "");
+  EXPECT_EQ(linkIn("LINK: </r/1>; rel=\"first\"\r\n", "first"), "");
+  EXPECT_EQ(linkIn("Link: </r/1>; rel=\"First\"\r\n", "first"), "");
+  EXPECT_EQ(linkIn("Link: </r/1>; rel=\"firstly\"\r\n", "first"), "");
+}
+
+TEST(LinkField, OneLinkPerFieldWithoutFurtherParameters) {
+  EXPECT_EQ(linkIn("Link: </a>; rel=\"next\", </b>; rel=\"reply\"\r\n", "next"), "");
+  EXPECT_EQ(linkIn("Link: </a>; rel=\"next\"; title=x\r\n", "next"), "");
+  EXPECT_EQ(linkIn("Link: </a>; rel=next;\r\n", "next"), "");
+}
+
+TEST(LinkField, MalformedFieldsAreSkippedAndTheFirstMatchWins) {
+  EXPECT_EQ(linkIn("Link: /a; rel=next\r\n", "next"), "");
+  EXPECT_EQ(linkIn("Link: </a; rel=next\r\n", "next"), "");
+  EXPECT_EQ(linkIn("Link: </a>\r\n", "next"), "");
+  // A lone quote is a one-character relation, not an empty quoted one.
+  EXPECT_EQ(linkIn("Link: </a>; rel=\"\r\n", "\""), "https://k.relay.test/a");
+  EXPECT_EQ(linkIn("Link: /bad; rel=next\r\nLink: </r/2>; rel=reply\r\nLink: </r/3>; rel=next\r\n"
+                   "Link: </r/4>; rel=next\r\n",
+                   "next"),
+            "https://k.relay.test/r/3");
+}
+
+}  // namespace
+}  // namespace quorvel
