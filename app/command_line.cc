@@ -87,10 +87,10 @@ int parseCommandLine(int argc, const char* const* argv, CommandLine& result, std
 void applyLogSpecs(const std::vector<std::string>& specs, std::ostream& out) {
   log::setGlobalLevel(log::Info);
   log::addWriter(std::make_shared<log::StdoutWriter>());
-  for (const std::string& spec : specs) {
-    const std::size_t colon = spec.find(':');
-    const std::string name = colon == std::string::npos ? std::string() : spec.substr(0, colon);
-    const std::string levelText = colon == std::string::npos ? spec : spec.substr(colon + 1);
+  for (const std::string& setting : specs) {
+    const std::size_t colon = setting.find(':');
+    const std::string name = colon == std::string::npos ? std::string() : setting.substr(0, colon);
+    const std::string levelText = colon == std::string::npos ? setting : setting.substr(colon + 1);
     const int level = boost::lexical_cast<int>(levelText);
     if (name.empty()) {
       out << "Setting global log level to " << level << std::endl;

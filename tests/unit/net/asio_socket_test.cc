@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/net/socket_loop_fixture.h"
 #include "tests/unit/net/thrown_text.h"
 
 #include "net/asio_socket_factory.h"
@@ -21,29 +22,9 @@ namespace {
 
 using testing::thrownText;
 
-class AsioSocketTest : public ::testing::Test {
+class AsioSocketTest : public testing::SocketLoopFixture {
  protected:
-  // Runs the loop until a test calls stop(), at most a few seconds.
-  void run() {
-    reactor_->scheduleAfter(token_, Duration::seconds(5), [this] {
-      timedOut_ = true;
-      reactor_->stop();
-    });
-    reactor_->run();
-    EXPECT_FALSE(timedOut_) << "the loop was stopped by the guard timer";
-  }
-
-  void stop() { reactor_->stop(); }
-
-  BufferChainPtr chainOf(const std::string& text) {
-    BufferChain chain = pool_.allocate(text.size());
-    copyToChain(text.data(), text.data() + text.size(), chain.begin());
-    return BufferChainPtr(chain);
-  }
-
-  static std::string firstBytes(const BufferChainPtr& buffers, std::size_t n) {
-    return std::string(buffers.chain().begin(), buffers.chain().begin() + n);
-  }
+  AsioSocketTest() : SocketLoopFixture(8) {}  // small buffers: every transfer spans several
 
   std::shared_ptr<AsyncSocket> udpOnLoopback() {
     auto socket = factory_.createSocket(AF_INET, SOCK_DGRAM, 0);
@@ -51,11 +32,7 @@ class AsioSocketTest : public ::testing::Test {
     return socket;
   }
 
-  std::shared_ptr<AsioReactor> reactor_ = std::make_shared<AsioReactor>();
   AsioSocketFactory factory_{reactor_};
-  BufferPool pool_{8, 0, 0};  // small buffers: every transfer spans several
-  LifetimeToken token_ = makeLifetimeToken();
-  bool timedOut_ = false;
 };
 
 TEST_F(AsioSocketTest, FactoryRejectsWhatItCannotMake) {

@@ -25,6 +25,7 @@
 #include "net/buffer_pool.h"
 #include "net/ssl_socket.h"
 #include "tests/support/log_capture.h"
+#include "tests/unit/net/socket_loop_fixture.h"
 #include "tests/unit/net/thrown_text.h"
 #include "tests/unit/net/tls_test_server.h"
 
@@ -134,8 +135,10 @@ class OpensslServer {
   pid_t pid_ = -1;
 };
 
-class AsioSslSocketTest : public ::testing::Test {
+class AsioSslSocketTest : public testing::SocketLoopFixture {
  protected:
+  AsioSslSocketTest() : SocketLoopFixture(512) {}
+
   static void SetUpTestSuite() {
     char pattern[] = "/tmp/ferrule-tls-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
@@ -172,30 +175,6 @@ class AsioSslSocketTest : public ::testing::Test {
     options.after = after;
     options.greeting = greeting;
     return options;
-  }
-
-  // Runs the loop until a test calls stop(), at most a few seconds.
-  void run() {
-    // A token per run: a guard left over from an earlier run must not fire.
-    LifetimeToken guard = makeLifetimeToken();
-    reactor_->scheduleAfter(guard, Duration::seconds(10), [this] {
-      timedOut_ = true;
-      reactor_->stop();
-    });
-    reactor_->run();
-    EXPECT_FALSE(timedOut_) << "the loop was stopped by the guard timer";
-  }
-
-  void stop() { reactor_->stop(); }
-
-  BufferChainPtr chainOf(const std::string& text) {
-    BufferChain chain = pool_.allocate(text.size());
-    copyToChain(text.data(), text.data() + text.size(), chain.begin());
-    return BufferChainPtr(chain);
-  }
-
-  static std::string firstBytes(const BufferChainPtr& buffers, std::size_t n) {
-    return std::string(buffers.chain().begin(), buffers.chain().begin() + n);
   }
 
   std::shared_ptr<AsyncSocket> clientFor(const std::string& hostName, int family = AF_INET) {
@@ -244,11 +223,8 @@ class AsioSslSocketTest : public ::testing::Test {
   }
 
   static std::string dir_;
-  std::shared_ptr<AsioReactor> reactor_ = std::make_shared<AsioReactor>();
   AsioSslSocketFactory factory_{reactor_, false};
-  BufferPool pool_{512, 0, 0};
   std::shared_ptr<LogCapture> capture_;
-  bool timedOut_ = false;
 };
 
 std::string AsioSslSocketTest::dir_;
