@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Builds the daemon, its tools and every unit-test binary for the device
-# (32-bit big-endian PowerPC) in build-ppc/ and runs the unit tests under
-# qemu-ppc, so that byte-order and word-size faults show up here rather than
-# on the board. Called by scripts/test.sh; runs on its own too.
+# (32-bit big-endian PowerPC) in build-ppc/, runs the unit tests under
+# qemu-ppc, then the relay end-to-end test with the device's ferrule under
+# qemu-ppc against the host's dev relay, nginx and curl, so that byte-order
+# and word-size faults show up here rather than on the board. Called by
+# scripts/test.sh; runs on its own too (the relay test needs root).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 cd "$root"
@@ -31,3 +33,20 @@ if [ -x build-ppc/app/ferrule ]; then
 fi
 
 (cd build-ppc && ctest -j"$jobs" --output-on-failure --timeout 900 -L unit)
+
+# The relay's side (ferrule-devrelay, nginx, curl) is the host's own: only
+# the daemon is the device's. Same build/ configuration as scripts/setup.sh.
+if [ ! -f build/CMakeCache.txt ]; then
+  cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRULE_BENCH=ON >/dev/null
+fi
+nice ninja -C build --quiet ferrule-devrelay
+# A static ferrule runs as it is; a dynamic one needs the target's loader and
+# C library. The prefix is left out for static builds since qemu looks up
+# every path the program opens (/etc/hosts too) under it first.
+wrapper=qemu-ppc
+grep -q '^FERRULE_CROSS_STATIC:BOOL=OFF' build-ppc/CMakeCache.txt && wrapper="qemu-ppc -L /usr/powerpc-linux-gnu"
+echo "relay end-to-end test, ferrule for powerpc under $wrapper"
+started=$SECONDS
+FERRULE_WRAPPER=$wrapper python3 tests/e2e/relay/relay_test.py build-ppc/app/ferrule \
+  build/tools/devrelay/ferrule-devrelay
+echo "relay end-to-end test under qemu-ppc passed in $((SECONDS - started)) s"

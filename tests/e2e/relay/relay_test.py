@@ -9,11 +9,16 @@ run: `ip netns exec` mounts /etc/netns/NAME/hosts over /etc/hosts, which is
 how KEY.relay.test names resolve without touching the machine's own
 configuration. The outer process makes the namespace and its hosts file, runs
 this same script inside it (--inner) and removes both afterwards, also when
-the tests fail. Needs root."""
+the tests fail. Needs root.
+
+FERRULE_WRAPPER, when set, is a command line that ferrule is started through,
+e.g. "qemu-ppc" to run the device's own (static) build under emulation
+against the host's relay, nginx and curl."""
 import hashlib
 import os
 import random
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -173,7 +178,8 @@ def write_registration(name, key, mtime=None):
 
 
 def start_ferrule(name, registration, relay_port, extra_env=None):
-    return LoggedProcess(name, [FERRULE, "-r", "%s:%d" % (DOMAIN, relay_port), "-s", "stun." + DOMAIN,
+    wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
+    return LoggedProcess(name, [*wrapper, FERRULE, "-r", "%s:%d" % (DOMAIN, relay_port), "-s", "stun." + DOMAIN,
                                 "-f", os.path.join(WORK, registration), "-t", TARGET, "-l", "5"],
                          env=dict({"SSL_CERT_FILE": os.path.join(WORK, "good-ca.pem")}, **(extra_env or {})))
 
