@@ -32,6 +32,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -63,6 +64,41 @@ def status_kb(pid, name):
             if line.startswith(name + ":"):
                 return int(line.split()[1])
     return 0
+
+
+def largest_mappings(pid, count):
+    """[(kB resident, name)] of the largest resident mappings, summed by name."""
+    sizes, name = {}, None
+    with open("/proc/%d/smaps" % pid) as f:
+        for line in f:
+            fields = line.split()
+            if re.match(r"[0-9a-f]+-[0-9a-f]+ ", line):
+                name = fields[5] if len(fields) > 5 else "[anonymous]"
+            elif fields[0] == "Rss:":
+                sizes[name] = sizes.get(name, 0) + int(fields[1])
+    return sorted(((kb, os.path.basename(n)) for n, kb in sizes.items()), reverse=True)[:count]
+
+
+class PeakSampler:
+    """The highest RssAnon (the process's own memory, without the shared
+    libraries' file pages that VmHWM also counts) seen every 20 ms."""
+
+    def __init__(self, pid):
+        self.pid, self.peak, self.done = pid, 0, threading.Event()
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self):
+        while not self.done.wait(0.02):
+            try:
+                self.peak = max(self.peak, status_kb(self.pid, "RssAnon"))
+            except OSError:
+                return
+
+    def stop(self):
+        self.done.set()
+        self.thread.join(2)
+        return self.peak
 
 
 # ---- the outside client
@@ -214,6 +250,7 @@ def measure(args):
             wait_until_served(base + "/1k.html", host_header)
             wrk(base + "/1k.html", host_header, 16, 1)  # warm-up: connections, pools
 
+        sampler = PeakSampler(pid)
         rates = {(route, c): [] for route, *_ in routes for c in (1, 16)}
         cpu = {(route, c): [] for route, *_ in routes for c in (1, 16)}
         speeds = {route: [] for route, *_ in routes}
@@ -244,7 +281,11 @@ def measure(args):
                   % (c, med(cpu[("ferrule", c)]), med(cpu[("ssh -R", c)])))
         hwm = status_kb(pid, "VmHWM")
         print("ferrule peak RSS (VmHWM): %d kB after the 1 KB runs, %d kB after the 100 MB downloads; "
-              "RSS now %d kB, threads %d" % (hwm_small, hwm, status_kb(pid, "VmRSS"), status_kb(pid, "Threads")))
+              "peak RssAnon %d kB; now RssAnon %d kB, RssFile %d kB, threads %d"
+              % (hwm_small, hwm, sampler.stop(), status_kb(pid, "RssAnon"), status_kb(pid, "RssFile"),
+                 status_kb(pid, "Threads")))
+        print("ferrule resident now by mapping: " + ", ".join("%s %d kB" % (name, kb)
+                                                          for kb, name in largest_mappings(pid, 8)))
         ratio16 = med(rates[("ferrule", 16)]) / med(rates[("ssh -R", 16)])
         print("target ferrule >= 50%% of ssh -R req/s at c=16: %s (%.0f%%)"
               % ("met" if ratio16 >= 0.5 else "MISSED", ratio16 * 100))
