@@ -254,6 +254,7 @@ def measure(args):
         rates = {(route, c): [] for route, *_ in routes for c in (1, 16)}
         cpu = {(route, c): [] for route, *_ in routes for c in (1, 16)}
         speeds = {route: [] for route, *_ in routes}
+        big_cpu = {"ssh -R": [], "ferrule": []}
         for rep in range(args.reps):
             for c in (1, 16):
                 for route, base, host_header, device_pid in routes:
@@ -263,8 +264,13 @@ def measure(args):
                     if device_pid:
                         cpu[(route, c)].append((cpu_seconds(device_pid) - before) * 1000.0 / count)
             hwm_small = status_kb(pid, "VmHWM")
-            for route, base, host_header, _ in routes:
+            for route, base, host_header, device_pid in routes:
+                watched = [device_pid, relay.proc.pid] if route == "ferrule" else [device_pid]
+                before = [cpu_seconds(p) for p in watched if p]
                 speeds[route].append(download(base + "/big.bin", host_header))
+                after = [cpu_seconds(p) for p in watched if p]
+                if after:
+                    big_cpu[route].append([b - a for a, b in zip(before, after)])
             sys.stderr.write("repetition %d/%d done\n" % (rep + 1, args.reps))
 
         med = statistics.median
@@ -279,6 +285,9 @@ def measure(args):
         for c in (1, 16):
             print("CPU s per 1000 requests, 1 KB c=%-2d: ferrule %.3f, ssh client %.3f"
                   % (c, med(cpu[("ferrule", c)]), med(cpu[("ssh -R", c)])))
+        print("CPU s per 100 MB download: ferrule %.2f, dev relay %.2f, ssh client %.2f"
+              % (med(c[0] for c in big_cpu["ferrule"]), med(c[1] for c in big_cpu["ferrule"]),
+                 med(c[0] for c in big_cpu["ssh -R"])))
         hwm = status_kb(pid, "VmHWM")
         print("ferrule peak RSS (VmHWM): %d kB after the 1 KB runs, %d kB after the 100 MB downloads; "
               "peak RssAnon %d kB; now RssAnon %d kB, RssFile %d kB, threads %d"
