@@ -52,8 +52,8 @@ SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
 
 # ---- process figures
 
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as f:
+def cpu_seconds(pid, tid=None):
+    with open("/proc/%d/task/%d/stat" % (pid, tid) if tid else "/proc/%d/stat" % pid) as f:
         fields = f.read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / CLOCK_TICK  # utime, stime
 
@@ -258,11 +258,12 @@ def measure(args):
         for rep in range(args.reps):
             for c in (1, 16):
                 for route, base, host_header, device_pid in routes:
-                    before = cpu_seconds(device_pid) if device_pid else 0
+                    watched = [p for p in (device_pid, relay.proc.pid if route == "ferrule" else None) if p]
+                    before = [cpu_seconds(p) for p in watched]
                     rate, count = wrk(base + "/1k.html", host_header, c, args.seconds)
                     rates[(route, c)].append(rate)
-                    if device_pid:
-                        cpu[(route, c)].append((cpu_seconds(device_pid) - before) * 1000.0 / count)
+                    if watched:
+                        cpu[(route, c)].append([(cpu_seconds(p) - b) * 1000.0 / count for p, b in zip(watched, before)])
             hwm_small = status_kb(pid, "VmHWM")
             for route, base, host_header, device_pid in routes:
                 watched = [device_pid, relay.proc.pid] if route == "ferrule" else [device_pid]
@@ -283,11 +284,15 @@ def measure(args):
         d, s, f = (med(speeds[route]) for route in ("direct", "ssh -R", "ferrule"))
         print("%-16s %10.1f %10.1f %10.1f   %12.2f %14.2f" % ("100 MB MB/s", d, s, f, f / s, f / d))
         for c in (1, 16):
-            print("CPU s per 1000 requests, 1 KB c=%-2d: ferrule %.3f, ssh client %.3f"
-                  % (c, med(cpu[("ferrule", c)]), med(cpu[("ssh -R", c)])))
+            print("CPU s per 1000 requests, 1 KB c=%-2d: ferrule %.3f, dev relay %.3f, ssh client %.3f"
+                  % (c, med(x[0] for x in cpu[("ferrule", c)]), med(x[1] for x in cpu[("ferrule", c)]),
+                     med(x[0] for x in cpu[("ssh -R", c)])))
         print("CPU s per 100 MB download: ferrule %.2f, dev relay %.2f, ssh client %.2f"
               % (med(c[0] for c in big_cpu["ferrule"]), med(c[1] for c in big_cpu["ferrule"]),
                  med(c[0] for c in big_cpu["ssh -R"])))
+        threads = sorted(int(t) for t in os.listdir("/proc/%d/task" % pid))
+        print("ferrule CPU s over the whole run by thread: " + ", ".join(
+            "%s %.2f" % ("main" if tid == pid else "thread %d" % tid, cpu_seconds(pid, tid)) for tid in threads))
         hwm = status_kb(pid, "VmHWM")
         print("ferrule peak RSS (VmHWM): %d kB after the 1 KB runs, %d kB after the 100 MB downloads; "
               "peak RssAnon %d kB; now RssAnon %d kB, RssFile %d kB, threads %d"
