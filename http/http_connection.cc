@@ -4,6 +4,9 @@
 #include <cerrno>
 #include <exception>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
 #include "core/log.h"
 #include "net/ssl_socket.h"
 
@@ -22,6 +25,18 @@ std::size_t readSizeFor(const BufferChainAllocator& allocator) {
   const std::size_t bufferSize = std::max<std::size_t>(allocator.bufferSize(), 1);
   const std::size_t buffers = std::clamp<std::size_t>(ReadBytes / bufferSize, 1, MaxReadBuffers);
   return buffers * bufferSize;
+}
+
+// Requests and replies go out as a head and then body pieces in separate
+// sends; with Nagle's algorithm each small piece after the first waits for
+// the peer's delayed ACK (about 40 ms on Linux) while the peer waits for it.
+void disableNagle(AsyncSocket& socket) {
+  const int on = 1;
+  try {
+    socket.setOption(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  } catch (const std::exception& e) {
+    QLOG(Log, log::Debug, "Cannot disable Nagle's algorithm: %s", e.what());
+  }
 }
 
 }  // namespace
@@ -63,6 +78,7 @@ void HttpConnection::connect(const SocketAddress& address, const ConnectCallback
     socket_ = factory_->createSocket(address.family(), SocketStream, 0);
     // TLS sockets verify the server against the name, not the address.
     setSslHostName(*socket_, destination_.host);
+    disableNagle(*socket_);
     socket_->connect(address, [weak, address, callback](int error) {
       if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onConnect(error, address, callback);
     });

@@ -31,6 +31,7 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 from nginx import Nginx  # noqa: E402
+from netns import run_in_namespace  # noqa: E402
 
 NAMESPACE = "ferrule-e2e-%d" % os.getpid()
 DOMAIN = "relay.test"
@@ -44,34 +45,9 @@ PAGES = 50
 # ---- outside the namespace
 
 def outer(ferrule, devrelay, tests):
-    etc = "/etc/netns/" + NAMESPACE
-    made_parent = not os.path.isdir("/etc/netns")
-    status = 1
-    try:
-        os.makedirs(etc)
-        with open(os.path.join(etc, "hosts"), "w") as hosts:
-            hosts.write("127.0.0.1 localhost\n::1 localhost\n")
-            hosts.write("127.0.0.1 %s %s\n" % (DOMAIN, " ".join("%s.%s" % (key, DOMAIN) for key in KEYS)))
-        subprocess.run(["ip", "netns", "add", NAMESPACE], check=True)
-        subprocess.run(["ip", "netns", "exec", NAMESPACE, "ip", "link", "set", "lo", "up"], check=True)
-        status = subprocess.run(["ip", "netns", "exec", NAMESPACE, sys.executable, os.path.abspath(__file__),
-                                 "--inner", ferrule, devrelay, *tests], timeout=560).returncode
-    finally:
-        # Whatever the inner run left behind goes with the namespace.
-        pids = subprocess.run(["ip", "netns", "pids", NAMESPACE], capture_output=True, text=True).stdout.split()
-        for pid in pids:
-            try:
-                os.kill(int(pid), signal.SIGKILL)
-            except (ProcessLookupError, ValueError):
-                pass
-        subprocess.run(["ip", "netns", "delete", NAMESPACE], capture_output=True)
-        shutil.rmtree(etc, ignore_errors=True)
-        if made_parent:
-            try:
-                os.rmdir("/etc/netns")
-            except OSError:
-                pass
-    return status
+    return run_in_namespace(NAMESPACE, [DOMAIN] + ["%s.%s" % (key, DOMAIN) for key in KEYS],
+                            [sys.executable, os.path.abspath(__file__), "--inner", ferrule, devrelay, *tests],
+                            timeout=560)
 
 
 # ---- inside the namespace
@@ -159,11 +135,11 @@ class LoggedProcess:
         return self.proc.returncode
 
 
-def start_relay(ca, device_port, plain_port, outside_port, name="devrelay"):
+def start_relay(ca, device_port, plain_port, outside_port, name="devrelay", level=5):
     relay = LoggedProcess(name, [DEVRELAY, "-c", os.path.join(WORK, ca + "-server.pem"),
                                  "-k", os.path.join(WORK, ca + "-server.key"),
                                  "-d", "127.0.0.1:%d" % device_port, "-p", "127.0.0.1:%d" % plain_port,
-                                 "-o", "127.0.0.1:%d" % outside_port, "-P", "5", "-a", "30", "-l", "5"])
+                                 "-o", "127.0.0.1:%d" % outside_port, "-P", "5", "-a", "30", "-l", str(level)])
     relay.wait_for(r"Listening for outside clients on 127\.0\.0\.1:%d" % outside_port)
     return relay
 
@@ -177,10 +153,10 @@ def write_registration(name, key, mtime=None):
     return path
 
 
-def start_ferrule(name, registration, relay_port, extra_env=None):
+def start_ferrule(name, registration, relay_port, extra_env=None, level=5):
     wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
     return LoggedProcess(name, [*wrapper, FERRULE, "-r", "%s:%d" % (DOMAIN, relay_port), "-s", "stun." + DOMAIN,
-                                "-f", os.path.join(WORK, registration), "-t", TARGET, "-l", "5"],
+                                "-f", os.path.join(WORK, registration), "-t", TARGET, "-l", str(level)],
                          env=dict({"SSL_CERT_FILE": os.path.join(WORK, "good-ca.pem")}, **(extra_env or {})))
 
 

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
@@ -45,7 +47,11 @@ class FakeSocket : public AsyncSocket {
     pendingReceive_ = callback;
   }
   void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) override {}
-  void setOption(int, int, const void*, std::size_t) override {}
+  void setOption(int level, int name, const void* value, std::size_t length) override {
+    int number = 0;
+    std::memcpy(&number, value, std::min(length, sizeof number));
+    options[{level, name}] = number;
+  }
   void getOption(int, int, void*, std::size_t&) override {}
   SocketAddress localAddress() const override { return SocketAddress(); }
   SocketAddress remoteAddress() const override { return connectedTo; }
@@ -64,6 +70,7 @@ class FakeSocket : public AsyncSocket {
   void deliverClose() { finishReceive(0, 0); }
 
   SocketAddress connectedTo;
+  std::map<std::pair<int, int>, int> options;  // (level, name) -> the int set
   std::string sent;
   int sends = 0;
   bool closed = false;

@@ -1,6 +1,8 @@
 #include "http/net_http_client.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include <optional>
 #include <stdexcept>
@@ -178,6 +180,18 @@ TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
     EXPECT_TRUE(hasLine(line, log::Debug)) << line;
   }
   EXPECT_TRUE(hasLine(": Received 43 bytes", log::Spam));
+}
+
+TEST_F(NetHttpClientTest, ConnectionsSendWithoutNagleDelay) {
+  // A head and the body pieces after it must not wait for the peer's delayed ACK.
+  Outcome outcome;
+  auto request = start("GET", "/a", outcome);
+  request->send(nullptr, 0);
+  run();
+  ASSERT_EQ(1u, factory->sockets.size());
+  const auto option = factory->last().options.find({IPPROTO_TCP, TCP_NODELAY});
+  ASSERT_NE(factory->last().options.end(), option);
+  EXPECT_EQ(1, option->second);
 }
 
 TEST_F(NetHttpClientTest, KeepAliveReusesAndCloseDoesNot) {

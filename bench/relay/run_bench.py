@@ -1,0 +1,349 @@
+#!/usr/bin/env python3
+"""Relayed HTTP throughput: the same requests, in the same run, three ways to
+the same nginx:
+
+  direct    the outside client talks to nginx itself
+  ssh -R    through an OpenSSH reverse tunnel (sshd and ssh made for the run)
+  ferrule   through ferrule-devrelay and ferrule (the device side)
+
+Cases: requests/s for a 1 KB page at concurrency 1 and 16 (wrk, keep-alive),
+and MB/s for one 100 MB file (curl). Each measurement is repeated and the
+medians are printed with the ratios, ferrule's CPU seconds per 1000 relayed
+requests (utime+stime from /proc/PID/stat around each wrk run; the ssh client,
+the tunnel's device side, for comparison) and ferrule's peak RSS (VmHWM).
+
+Everything runs on the loopback interface of a network namespace made for the
+run (see tests/e2e/support/netns.py), so KEY.relay.test resolves without
+touching the machine's configuration. sshd runs with its own configuration,
+host key, user key and authorized_keys in the run's temp directory; nothing
+of the machine's ssh setup is read or changed. Needs root.
+
+    python3 bench/relay/run_bench.py [--reps N] [--seconds S] [FERRULE DEVRELAY]
+
+Defaults: build/app/ferrule and build/tools/devrelay/ferrule-devrelay,
+5 repetitions of 3 s."""
+import argparse
+import os
+import re
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.join(HERE, "..", "..")
+sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "support"))
+sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "relay"))
+import relay_test as env  # noqa: E402  (certificates, logged processes, the relay and ferrule starters)
+from netns import run_in_namespace  # noqa: E402
+from nginx import Nginx, free_port  # noqa: E402
+
+KEY = "dev1"
+DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT = 8443, 8080, 8000
+BIG_SIZE = 100 * 1024 * 1024
+CLOCK_TICK = os.sysconf("SC_CLK_TCK")
+SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
+
+
+# ---- process figures
+
+def cpu_seconds(pid, tid=None):
+    with open("/proc/%d/task/%d/stat" % (pid, tid) if tid else "/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / CLOCK_TICK  # utime, stime
+
+
+def status_kb(pid, name):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith(name + ":"):
+                return int(line.split()[1])
+    return 0
+
+
+def largest_mappings(pid, count):
+    """[(kB resident, name)] of the largest resident mappings, summed by name."""
+    sizes, name = {}, None
+    with open("/proc/%d/smaps" % pid) as f:
+        for line in f:
+            fields = line.split()
+            if re.match(r"[0-9a-f]+-[0-9a-f]+ ", line):
+                # Anonymous mappings by their size tells thread stacks (8 MB) from malloc arenas (up to 64 MB).
+                start, end = (int(x, 16) for x in fields[0].split("-"))
+                name = fields[5] if len(fields) > 5 else "[anonymous %d kB]" % ((end - start) >> 10)
+            elif fields[0] == "Rss:":
+                sizes[name] = sizes.get(name, 0) + int(fields[1])
+    return sorted(((kb, os.path.basename(n)) for n, kb in sizes.items()), reverse=True)[:count]
+
+
+class PeakSampler:
+    """The highest RssAnon (the process's own memory, without the shared
+    libraries' file pages that VmHWM also counts) seen every 20 ms."""
+
+    def __init__(self, pid):
+        self.pid, self.peak, self.done = pid, 0, threading.Event()
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self):
+        while not self.done.wait(0.02):
+            try:
+                self.peak = max(self.peak, status_kb(self.pid, "RssAnon"))
+            except OSError:
+                return
+
+    def stop(self):
+        self.done.set()
+        self.thread.join(2)
+        return self.peak
+
+
+# ---- the outside client
+
+def wrk(url, host, connections, seconds):
+    """(requests/s, requests) of a keep-alive wrk run; fails on any error."""
+    threads = min(connections, 2)
+    out = subprocess.run(["wrk", "-t%d" % threads, "-c%d" % connections, "-d%ds" % seconds, "--timeout", "10s",
+                          "-H", "Host: " + host, url],
+                         check=True, capture_output=True, text=True, timeout=seconds + 30).stdout
+    errors = re.search(r"Non-2xx or 3xx responses: (\d+)|Socket errors: .*", out)
+    if errors:
+        raise RuntimeError("wrk %s: %s\n%s" % (url, errors.group(0), out))
+    rate = float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1))
+    count = int(re.search(r"(\d+) requests in", out).group(1))
+    return rate, count
+
+
+def download(url, host):
+    """MB/s of one download of the big file."""
+    out = subprocess.run(["curl", "-sS", "--noproxy", "*", "--max-time", "120", "-o", "/dev/null", "-H",
+                          "Host: " + host, "-w", "%{http_code} %{size_download} %{time_total}", url],
+                         check=True, capture_output=True, text=True, timeout=150).stdout.split()
+    if out[0] != "200" or int(out[1]) != BIG_SIZE:
+        raise RuntimeError("download %s: status %s, %s bytes" % (url, out[0], out[1]))
+    return BIG_SIZE / float(out[2]) / 1e6
+
+
+def wait_until_served(url, host, timeout=20.0):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        result = subprocess.run(["curl", "-s", "--noproxy", "*", "--max-time", "2", "-o", "/dev/null", "-H",
+                                 "Host: " + host, "-w", "%{http_code}", url], capture_output=True, text=True)
+        if result.stdout == "200":
+            return
+        time.sleep(0.2)
+    raise RuntimeError("%s never answered 200" % url)
+
+
+def wait_for_port(port, proc, timeout=10.0):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if proc.poll() is not None:
+            raise RuntimeError("process exited with %d before listening on %d" % (proc.returncode, port))
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=0.5):
+                return
+        except OSError:
+            time.sleep(0.05)
+    raise RuntimeError("nothing listens on %d" % port)
+
+
+# ---- the ssh reverse tunnel
+
+SSHD_CONFIG = """\
+Port {port}
+ListenAddress 127.0.0.1
+HostKey {dir}/host_key
+PidFile {dir}/sshd.pid
+AuthorizedKeysFile {dir}/authorized_keys
+# The keys live in a temp directory under world-writable /tmp.
+StrictModes no
+PermitRootLogin prohibit-password
+PubkeyAuthentication yes
+PasswordAuthentication no
+KbdInteractiveAuthentication no
+UsePAM no
+AllowTcpForwarding remote
+X11Forwarding no
+PrintMotd no
+"""
+
+
+class SshTunnel:
+    """sshd on a free loopback port and `ssh -R` from the device side to it:
+    connections to 127.0.0.1:port reach `target` through the tunnel."""
+
+    def __init__(self, work, target):
+        self.dir = os.path.join(work, "ssh")
+        os.makedirs(self.dir)
+        self.sshd = self.ssh = None
+        self.made_privsep = False
+        for name in ("host_key", "user_key"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "ferrule bench " + name,
+                            "-f", os.path.join(self.dir, name)], check=True, capture_output=True)
+        shutil.copy(os.path.join(self.dir, "user_key.pub"), os.path.join(self.dir, "authorized_keys"))
+        sshd_port = free_port()
+        with open(os.path.join(self.dir, "sshd_config"), "w") as f:
+            f.write(SSHD_CONFIG.format(port=sshd_port, dir=self.dir))
+        # sshd insists on its privilege separation directory; made only if missing, removed again in stop().
+        if not os.path.isdir("/run/sshd"):
+            os.makedirs("/run/sshd", mode=0o755)
+            self.made_privsep = True
+        self.log = open(os.path.join(self.dir, "sshd.log"), "w")
+        self.sshd = subprocess.Popen([SSHD, "-D", "-e", "-f", os.path.join(self.dir, "sshd_config")],
+                                     stdout=self.log, stderr=subprocess.STDOUT)
+        wait_for_port(sshd_port, self.sshd)
+        self.port = free_port()
+        self.ssh = subprocess.Popen(
+            ["ssh", "-N", "-F", "/dev/null", "-i", os.path.join(self.dir, "user_key"), "-o", "IdentitiesOnly=yes",
+             "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
+             "-o", "GlobalKnownHostsFile=/dev/null", "-o", "BatchMode=yes", "-o", "ExitOnForwardFailure=yes",
+             "-o", "LogLevel=ERROR", "-p", str(sshd_port), "-R", "127.0.0.1:%d:%s" % (self.port, target),
+             "root@127.0.0.1"], stdout=self.log, stderr=subprocess.STDOUT)
+        wait_for_port(self.port, self.ssh)
+
+    def stop(self):
+        for proc in (self.ssh, self.sshd):
+            if proc and proc.poll() is None:
+                proc.terminate()
+                try:
+                    proc.wait(5)
+                except subprocess.TimeoutExpired:
+                    proc.kill()
+                    proc.wait(5)
+        self.log.close()
+        if self.made_privsep:
+            shutil.rmtree("/run/sshd", ignore_errors=True)
+
+
+# ---- the run
+
+def measure(args):
+    work = tempfile.mkdtemp(prefix="ferrule-bench-relay-")
+    env.WORK, env.FERRULE, env.DEVRELAY = work, args.ferrule, args.devrelay
+    nginx = relay = ferrule = tunnel = None
+    try:
+        env.make_ca("good")
+        env.make_server_certificate("good")
+        nginx = Nginx(locations="location / { access_log off; }", work=os.path.join(work, "nginx"))
+        nginx.write("1k.html", b"x" * 1023 + b"\n")
+        block = os.urandom(1 << 20)
+        with open(os.path.join(nginx.root, "big.bin"), "wb") as f:
+            for _ in range(BIG_SIZE >> 20):
+                f.write(block)
+        nginx.start()
+        env.TARGET = nginx.authority()
+        tunnel = SshTunnel(work, nginx.authority())
+        relay = env.start_relay("good", DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT, level=4)
+        env.write_registration("dev1.info", KEY)
+        ferrule = env.start_ferrule("ferrule", "dev1.info", DEVICE_PORT, level=4)
+        pid = ferrule.proc.pid
+
+        host = "%s.%s" % (KEY, env.DOMAIN)
+        routes = [("direct", "http://127.0.0.1:%d" % nginx.port, nginx.authority(), None),
+                  ("ssh -R", "http://127.0.0.1:%d" % tunnel.port, nginx.authority(), tunnel.ssh.pid),
+                  ("ferrule", "http://127.0.0.1:%d" % OUTSIDE_PORT, host, pid)]
+        for _, base, host_header, _ in routes:
+            wait_until_served(base + "/1k.html", host_header)
+            wrk(base + "/1k.html", host_header, 16, 1)  # warm-up: connections, pools
+
+        sampler = PeakSampler(pid)
+        rates = {(route, c): [] for route, *_ in routes for c in (1, 16)}
+        cpu = {(route, c): [] for route, *_ in routes for c in (1, 16)}
+        speeds = {route: [] for route, *_ in routes}
+        big_cpu = {"ssh -R": [], "ferrule": []}
+        for rep in range(args.reps):
+            for c in (1, 16):
+                for route, base, host_header, device_pid in routes:
+                    watched = [p for p in (device_pid, relay.proc.pid if route == "ferrule" else None) if p]
+                    before = [cpu_seconds(p) for p in watched]
+                    rate, count = wrk(base + "/1k.html", host_header, c, args.seconds)
+                    rates[(route, c)].append(rate)
+                    if watched:
+                        cpu[(route, c)].append([(cpu_seconds(p) - b) * 1000.0 / count for p, b in zip(watched, before)])
+            hwm_small = status_kb(pid, "VmHWM")
+            for route, base, host_header, device_pid in routes:
+                watched = [device_pid, relay.proc.pid] if route == "ferrule" else [device_pid]
+                before = [cpu_seconds(p) for p in watched if p]
+                speeds[route].append(download(base + "/big.bin", host_header))
+                after = [cpu_seconds(p) for p in watched if p]
+                if after:
+                    big_cpu[route].append([b - a for a, b in zip(before, after)])
+            sys.stderr.write("repetition %d/%d done\n" % (rep + 1, args.reps))
+
+        med = statistics.median
+        print("medians of %d repetitions; wrk %d s per run, keep-alive; 100 MB by curl" % (args.reps, args.seconds))
+        print("%-16s %10s %10s %10s   %12s %14s" % ("case", "direct", "ssh -R", "ferrule", "ferrule/ssh",
+                                                      "ferrule/direct"))
+        for c in (1, 16):
+            d, s, f = (med(rates[(route, c)]) for route in ("direct", "ssh -R", "ferrule"))
+            print("%-16s %10.0f %10.0f %10.0f   %12.2f %14.2f" % ("1 KB c=%d req/s" % c, d, s, f, f / s, f / d))
+        d, s, f = (med(speeds[route]) for route in ("direct", "ssh -R", "ferrule"))
+        print("%-16s %10.1f %10.1f %10.1f   %12.2f %14.2f" % ("100 MB MB/s", d, s, f, f / s, f / d))
+        for c in (1, 16):
+            print("CPU s per 1000 requests, 1 KB c=%-2d: ferrule %.3f, dev relay %.3f, ssh client %.3f"
+                  % (c, med(x[0] for x in cpu[("ferrule", c)]), med(x[1] for x in cpu[("ferrule", c)]),
+                     med(x[0] for x in cpu[("ssh -R", c)])))
+        print("CPU s per 100 MB download: ferrule %.2f, dev relay %.2f, ssh client %.2f"
+              % (med(c[0] for c in big_cpu["ferrule"]), med(c[1] for c in big_cpu["ferrule"]),
+                 med(c[0] for c in big_cpu["ssh -R"])))
+        threads = sorted(int(t) for t in os.listdir("/proc/%d/task" % pid))
+        print("ferrule CPU s over the whole run by thread: " + ", ".join(
+            "%s %.2f" % ("main" if tid == pid else "thread %d" % tid, cpu_seconds(pid, tid)) for tid in threads))
+        hwm = status_kb(pid, "VmHWM")
+        print("ferrule peak RSS (VmHWM): %d kB after the 1 KB runs, %d kB after the 100 MB downloads; "
+              "peak RssAnon %d kB; now RssAnon %d kB, RssFile %d kB, threads %d"
+              % (hwm_small, hwm, sampler.stop(), status_kb(pid, "RssAnon"), status_kb(pid, "RssFile"),
+                 status_kb(pid, "Threads")))
+        print("ferrule resident now by mapping: " + ", ".join("%s %d kB" % (name, kb)
+                                                          for kb, name in largest_mappings(pid, 10)))
+        ratio16 = med(rates[("ferrule", 16)]) / med(rates[("ssh -R", 16)])
+        print("target ferrule >= 50%% of ssh -R req/s at c=16: %s (%.0f%%)"
+              % ("met" if ratio16 >= 0.5 else "MISSED", ratio16 * 100))
+        print("target ferrule peak RSS <= 8 MB (8192 kB): %s (%d kB)" % ("met" if hwm <= 8192 else "MISSED", hwm))
+        return 0
+    finally:
+        if ferrule:
+            ferrule.stop()
+        if relay:
+            relay.stop(signal.SIGTERM)
+        if tunnel:
+            tunnel.stop()
+        if nginx:
+            nginx.cleanup()
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--inner", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("--reps", type=int, default=5)
+    parser.add_argument("--seconds", type=int, default=3)
+    parser.add_argument("ferrule", nargs="?", default=os.path.join(ROOT, "build", "app", "ferrule"))
+    parser.add_argument("devrelay", nargs="?", default=os.path.join(ROOT, "build", "tools", "devrelay",
+                                                                    "ferrule-devrelay"))
+    args = parser.parse_args()
+    args.ferrule, args.devrelay = os.path.abspath(args.ferrule), os.path.abspath(args.devrelay)
+    if args.inner:
+        return measure(args)
+    if os.geteuid() != 0:
+        sys.exit("run_bench.py needs root to make a network namespace")
+    for tool in ("wrk", "curl", "ssh", "ssh-keygen", SSHD, "nginx", "openssl"):
+        if not shutil.which(tool):
+            sys.exit("missing %s: scripts/setup.sh installs it (scripts/packages/bench.txt)" % tool)
+    for binary in (args.ferrule, args.devrelay):
+        if not os.access(binary, os.X_OK):
+            sys.exit("missing %s: build it with ninja -C build" % binary)
+    limit = 120 + args.reps * (args.seconds * 6 + 60)
+    return run_in_namespace("ferrule-bench-%d" % os.getpid(), [env.DOMAIN, "%s.%s" % (KEY, env.DOMAIN)],
+                            [sys.executable, os.path.abspath(__file__), "--inner", "--reps", str(args.reps),
+                             "--seconds", str(args.seconds)] + [args.ferrule, args.devrelay], timeout=limit)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
