@@ -25,15 +25,20 @@ BufferChain ChunkFramer::frame(BufferChainAllocator& allocator, BufferChain data
     data.releaseBuffers();
     return BufferChain();
   }
-  const bool wasOpen = chunkOpen_;
-  char line[MaxOpenLength];
-  BufferChain chain = chainOf(allocator, line, open(size, line));
+  BufferChain chain = sizeLine(allocator, size);
   if (chain.empty()) {
-    chunkOpen_ = wasOpen;
     data.releaseBuffers();
     return chain;
   }
   chain.append(data);
+  return chain;
+}
+
+BufferChain ChunkFramer::sizeLine(BufferChainAllocator& allocator, std::size_t size) {
+  const bool wasOpen = chunkOpen_;
+  char line[MaxOpenLength];
+  BufferChain chain = chainOf(allocator, line, open(size, line));
+  if (chain.empty()) chunkOpen_ = wasOpen;
   return chain;
 }
 

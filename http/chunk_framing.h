@@ -24,6 +24,10 @@ class ChunkFramer {
   // chunk's "\r\n" in front.
   const char* endMarker();
 
+  // The size line of the next chunk, of `size` (not 0) bytes, in a chain of
+  // its own, for data that cannot be linked on (it is shared); empty when
+  // the allocator is exhausted.
+  BufferChain sizeLine(BufferChainAllocator& allocator, std::size_t size);
   // `data` as the next chunk: the size line in a buffer of its own with the
   // data's buffers linked on. Takes the data over. Empty data gives the empty
   // chain (an empty chunk would end the body); so does an exhausted

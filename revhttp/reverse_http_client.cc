@@ -492,13 +492,22 @@ void ReverseHttpClient::pumpReply(PendingRequest& pending) {
       if (pending.replyBody == PendingRequest::ReplyBody::Chunked) {
         // An empty chunk would end the body early.
         if (size == 0) continue;
-        BufferChain framed = pending.replyFramer.frame(*pool_, takeOrCopy(*pool_, piece));
+        // Payload is linked in, never copied: behind the size line when
+        // nobody else holds it, else put in whole after a size line of its own.
+        const bool alone = piece.useCount() == 1;
+        BufferChain framed = alone ? pending.replyFramer.frame(*pool_, piece.release())
+                                   : pending.replyFramer.sizeLine(*pool_, size);
         if (framed.empty()) {
           QLOG(Log, log::Error, "%s: No buffers to frame %u bytes of reply data", pending.name, size);
           doneStep(pending);
           return;
         }
-        piece = BufferChainPtr(framed);
+        if (!alone) {
+          upload->put(BufferChainPtr(framed));
+          if (!pending.isActive(use)) return;
+        } else {
+          piece = BufferChainPtr(framed);
+        }
       }
       upload->put(piece);
       if (!pending.isActive(use)) return;

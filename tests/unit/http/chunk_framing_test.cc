@@ -47,6 +47,8 @@ class ChunkFraming : public ::testing::Test {
 TEST_F(ChunkFraming, ChunksCloseInFrontOfTheNextSizeLineAndTheEnd) {
   EXPECT_EQ(framed(framer.frame(allocator, chainOf(pool, "hello world, longer"))), "13\r\nhello world, longer");
   EXPECT_EQ(framed(framer.frame(allocator, chainOf(pool, "abc"))), "\r\n3\r\nabc");
+  // Shared data goes after a size line of its own.
+  EXPECT_EQ(framed(framer.sizeLine(allocator, 0x1F)), "\r\n1F\r\n");
   EXPECT_EQ(framed(framer.end(allocator)), "\r\n0\r\n\r\n");
   EXPECT_EQ(pool.freeBuffers(), pool.totalBuffers());
 }
