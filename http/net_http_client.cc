@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/log.h"
+#include "http/chunk_framing.h"
 #include "http/http_names.h"
 #include "http/response_head_reader.h"
 #include "http/web_client.h"
@@ -25,7 +26,6 @@ const log::Log Log("httpclient");
 
 // A response head that has not ended by then is refused.
 constexpr std::size_t MaxHeadBytes = 65536;
-constexpr char ChunkedEnd[] = "0\r\n\r\n";
 
 // An IPv4 or IPv6 address literal with a numeric or "http"/"https" service.
 bool resolveLiteral(const std::string& host, const std::string& service, NameResolver::Result& result) {
@@ -77,13 +77,6 @@ class NetHttpClientResponse : public WebClientResponse {
   MessageHeaders headers_;
   BodySource source_;
 };
-
-// A chain holding `text`, or the empty chain when the pool is exhausted.
-BufferChain chainOf(BufferChainAllocator& allocator, const char* text, std::size_t size) {
-  BufferChain chain = allocator.allocate(size);
-  if (!chain.empty()) copyToChain(text, text + size, chain.begin());
-  return chain;
-}
 
 }  // namespace
 
@@ -205,9 +198,9 @@ class NetHttpClientRequest : public WebClientRequest, public std::enable_shared_
   std::shared_ptr<BodySink> bodySink_;
   bool streaming_ = false;
   bool chunked_ = false;
+  ChunkFramer framer_;
   bool headSent_ = false;
   bool sending_ = false;
-  bool chunkSent_ = false;  // a chunk's closing "\r\n" is still owed
   bool sendFinished_ = false;
   std::size_t bodyBytes_ = 0;
   std::size_t sentBytes_ = 0;
@@ -445,30 +438,15 @@ void NetHttpClientRequest::pumpBody() {
       return;
     }
     const std::size_t size = item.chain().size();
-    BufferChain data;
-    if (item.useCount() == 1) {
-      data = item.release();
-    } else {
-      // Shared with someone else: their copy must stay intact.
-      data = allocator_->allocate(size);
-      if (!data.empty()) copyChainRange(item.chain().begin(), item.chain().end(), data.begin());
-    }
-    if (chunked_) {
-      char line[24];
-      const int n = std::snprintf(line, sizeof line, "%s%zX\r\n", chunkSent_ ? "\r\n" : "", size);
-      chain = chainOf(*allocator_, line, static_cast<std::size_t>(n));
-      if (chain.empty()) data.releaseBuffers();
-      chunkSent_ = true;
-    }
-    if (data.empty()) {
-      chain.releaseBuffers();
+    chain = takeOrCopy(*allocator_, item);
+    if (chunked_ && !chain.empty()) chain = framer_.frame(*allocator_, chain);
+    if (chain.empty()) {
       QLOG(Log, log::Error, "0x%x: No buffers for %u bytes of request body", id(), size);
       // The pump may run inside the producer's put(): report it later.
       sendFinished_ = true;
       failLater(HttpClientError::OutOfMemory);
       return;
     }
-    chain.append(data);
     bodyBytes_ += size;
   } else if (bodySink_->isEnded()) {
     sendFinished_ = true;
@@ -476,8 +454,7 @@ void NetHttpClientRequest::pumpBody() {
       QLOG(Log, log::Debug, "0x%x: Finished sending %u bytes", id(), sentBytes_);
       return;
     }
-    const char* marker = chunkSent_ ? "\r\n0\r\n\r\n" : ChunkedEnd;
-    chain = chainOf(*allocator_, marker, std::char_traits<char>::length(marker));
+    chain = framer_.end(*allocator_);
     if (chain.empty()) {
       failLater(HttpClientError::OutOfMemory);
       return;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "http/chunk_framing.h"
 #include "http/encoding_parser.h"
 #include "revhttp/reverse_http_client.h"
 #include "revhttp/target_exchange.h"
@@ -32,6 +33,8 @@ struct ReverseHttpClient::PendingRequest : std::enable_shared_from_this<PendingR
     replyRequest.reset();
     replySource.reset();
     simpleBody.clear();
+    replyBody = ReplyBody::Plain;
+    replyFramer = ChunkFramer();
     replyComplete = pumping = pumpAgain = false;
   }
 
@@ -59,6 +62,12 @@ struct ReverseHttpClient::PendingRequest : std::enable_shared_from_this<PendingR
   ClientRequestPtr replyRequest;
   std::shared_ptr<BodySource> replySource;
   std::string simpleBody;
+  // How the target response's body goes into the reply: the body we are
+  // handed is plain payload, so a head that says chunked needs its framing
+  // put back; a response that has no body gets nothing after its head.
+  enum class ReplyBody { Plain, Chunked, None };
+  ReplyBody replyBody = ReplyBody::Plain;
+  ChunkFramer replyFramer;
   bool replyComplete = false;
   bool pumping = false;
   bool pumpAgain = false;

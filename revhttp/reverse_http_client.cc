@@ -415,7 +415,23 @@ void ReverseHttpClient::replyStep(PendingRequest& pending, const uint8_t* data, 
   // scheme the relay named.
   const std::string url = Url::withScheme(replyUrl(pending), "http");
 
-  BufferChain chain = pool_->allocate(head.size() + length);
+  const StringSection method = pending.targetRequest ? pending.targetRequest->headers().method() : StringSection();
+  if (!head.hasBody(method)) {
+    pending.replyBody = PendingRequest::ReplyBody::None;
+    length = 0;
+  } else if (isChunked(head)) {
+    pending.replyBody = PendingRequest::ReplyBody::Chunked;
+  }
+  // The head, the first data and, when chunked, its framing go in one buffer.
+  char line[ChunkFramer::MaxOpenLength];
+  std::size_t lineLength = 0;
+  const char* marker = "";
+  if (pending.replyBody == PendingRequest::ReplyBody::Chunked) {
+    if (length > 0) lineLength = pending.replyFramer.open(length, line);
+    if (end) marker = pending.replyFramer.endMarker();
+  }
+  const std::size_t markerLength = std::strlen(marker);
+  BufferChain chain = pool_->allocate(head.size() + lineLength + length + markerLength);
   if (chain.empty()) {
     QLOG(Log, log::Error, "Failed to allocate memory for target response headers");
     doneStep(pending);
@@ -423,7 +439,9 @@ void ReverseHttpClient::replyStep(PendingRequest& pending, const uint8_t* data, 
   }
   BufferChainPtr first(chain);
   BufferChain::Iterator out = copyToChain(head.data(), head.data() + head.size(), chain.begin());
-  if (length > 0) copyToChain(data, data + length, out);
+  if (lineLength > 0) out = copyToChain(line, line + lineLength, out);
+  if (length > 0) out = copyToChain(data, data + length, out);
+  if (markerLength > 0) copyToChain(marker, marker + markerLength, out);
 
   if (!makeReplyRequest(pending, url)) return;
   const uint64_t use = pending.generation;
@@ -468,8 +486,29 @@ void ReverseHttpClient::pumpReply(PendingRequest& pending) {
     while (body.hasItem() && !upload->isBlocked()) {
       BufferChainPtr piece = body.take();
       if (!pending.isActive(use)) return;
-      if (!piece) continue;
-      QLOG(Log, log::Debug, "%s: Got %u bytes of data, writing to reply", pending.name, piece.chain().size());
+      if (!piece || pending.replyBody == PendingRequest::ReplyBody::None) continue;
+      const std::size_t size = piece.chain().size();
+      QLOG(Log, log::Debug, "%s: Got %u bytes of data, writing to reply", pending.name, size);
+      if (pending.replyBody == PendingRequest::ReplyBody::Chunked) {
+        // An empty chunk would end the body early.
+        if (size == 0) continue;
+        // Payload is linked in, never copied: behind the size line when
+        // nobody else holds it, else put in whole after a size line of its own.
+        const bool alone = piece.useCount() == 1;
+        BufferChain framed = alone ? pending.replyFramer.frame(*pool_, piece.release())
+                                   : pending.replyFramer.sizeLine(*pool_, size);
+        if (framed.empty()) {
+          QLOG(Log, log::Error, "%s: No buffers to frame %u bytes of reply data", pending.name, size);
+          doneStep(pending);
+          return;
+        }
+        if (!alone) {
+          upload->put(BufferChainPtr(framed));
+          if (!pending.isActive(use)) return;
+        } else {
+          piece = BufferChainPtr(framed);
+        }
+      }
       upload->put(piece);
       if (!pending.isActive(use)) return;
     }
@@ -477,6 +516,16 @@ void ReverseHttpClient::pumpReply(PendingRequest& pending) {
   pending.pumping = false;
   if (body.isEnded() && !pending.replyComplete) {
     QLOG(Log, log::Debug, "%s: Relay data end", pending.name);
+    if (pending.replyBody == PendingRequest::ReplyBody::Chunked) {
+      BufferChain marker = pending.replyFramer.end(*pool_);
+      if (marker.empty()) {
+        QLOG(Log, log::Error, "%s: No buffers to end the reply data", pending.name);
+        doneStep(pending);
+        return;
+      }
+      upload->put(BufferChainPtr(marker));
+      if (!pending.isActive(use)) return;
+    }
     pending.replyComplete = true;
     upload->end();
   }

@@ -40,6 +40,8 @@ FERRULE = DEVRELAY = WORK = TARGET = None
 BIG_SIZE = 100 * 1024 * 1024
 BIG_SHA = None
 PAGES = 50
+STREAM_CHUNKS = [1, 17, 4096, 100000, 3, 65536, 777]
+STREAM = random.Random(11).randbytes(sum(STREAM_CHUNKS))
 
 
 # ---- outside the namespace
@@ -195,6 +197,20 @@ class EchoHandler(BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body)
 
+    def do_GET(self):
+        """/echo/stream: STREAM in chunks of uneven sizes, with no length, so
+        that nginx passes it on chunked too."""
+        self.send_response(200)
+        self.send_header("Content-Type", "application/octet-stream")
+        self.send_header("Transfer-Encoding", "chunked")
+        self.end_headers()
+        offset = 0
+        for size in STREAM_CHUNKS:
+            self.wfile.write(b"%X\r\n" % size + STREAM[offset:offset + size] + b"\r\n")
+            self.wfile.flush()
+            offset += size
+        self.wfile.write(b"0\r\n\r\n")
+
     def log_message(self, *args):
         pass
 
@@ -301,6 +317,13 @@ class Requests(unittest.TestCase):
                                   "-H", "Transfer-Encoding: chunked", "-H", "Content-Type: text/plain")
         self.assertEqual(status, 200, head)
         self.assertEqual(body, data)
+
+    def test_chunked_response_is_byte_exact(self):
+        status, head, body = curl("dev1", "/echo/stream")
+        self.assertEqual(status, 200, head)
+        self.assertIn(b"\r\ntransfer-encoding: chunked\r\n", head.lower())
+        self.assertEqual(len(body), len(STREAM))
+        self.assertEqual(body, STREAM)
 
     def test_missing_page_is_the_targets_own_404(self):
         status, head, _ = curl("dev1", "/no/such/page")
