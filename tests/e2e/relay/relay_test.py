@@ -25,6 +25,8 @@ import unittest
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import certs  # noqa: E402
+from netns import Namespace  # noqa: E402
 from nginx import Nginx  # noqa: E402
 
 NAMESPACE = "ferrule-e2e-%d" % os.getpid()
@@ -39,58 +41,22 @@ PAGES = 50
 # ---- outside the namespace
 
 def outer(ferrule, devrelay, tests):
-    etc = "/etc/netns/" + NAMESPACE
-    made_parent = not os.path.isdir("/etc/netns")
-    status = 1
-    try:
-        os.makedirs(etc)
-        with open(os.path.join(etc, "hosts"), "w") as hosts:
-            hosts.write("127.0.0.1 localhost\n::1 localhost\n")
-            hosts.write("127.0.0.1 %s %s\n" % (DOMAIN, " ".join("%s.%s" % (key, DOMAIN) for key in KEYS)))
-        subprocess.run(["ip", "netns", "add", NAMESPACE], check=True)
-        subprocess.run(["ip", "netns", "exec", NAMESPACE, "ip", "link", "set", "lo", "up"], check=True)
-        status = subprocess.run(["ip", "netns", "exec", NAMESPACE, sys.executable, os.path.abspath(__file__),
-                                 "--inner", ferrule, devrelay, *tests], timeout=560).returncode
-    finally:
-        # Whatever the inner run left behind goes with the namespace.
-        pids = subprocess.run(["ip", "netns", "pids", NAMESPACE], capture_output=True, text=True).stdout.split()
-        for pid in pids:
-            try:
-                os.kill(int(pid), signal.SIGKILL)
-            except (ProcessLookupError, ValueError):
-                pass
-        subprocess.run(["ip", "netns", "delete", NAMESPACE], capture_output=True)
-        shutil.rmtree(etc, ignore_errors=True)
-        if made_parent:
-            try:
-                os.rmdir("/etc/netns")
-            except OSError:
-                pass
-    return status
+    hosts = {"127.0.0.1": [DOMAIN] + ["%s.%s" % (key, DOMAIN) for key in KEYS]}
+    with Namespace(NAMESPACE, hosts) as namespace:
+        # Whatever the inner run leaves behind goes with the namespace.
+        return subprocess.run(namespace.command(sys.executable, os.path.abspath(__file__), "--inner", ferrule,
+                                                devrelay, *tests), timeout=560).returncode
 
 
 # ---- inside the namespace
 
-def run(*args):
-    subprocess.run(args, check=True, capture_output=True, cwd=WORK, timeout=60)
-
-
 def make_ca(name):
-    run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
-        "-subj", "/CN=ferrule e2e %s CA" % name, "-keyout", name + "-ca.key", "-out", name + "-ca.pem",
-        "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign")
+    certs.make_ca(WORK, name, "ferrule e2e %s CA" % name)
 
 
 def make_server_certificate(ca):
     """A certificate for relay.test and *.relay.test signed by the named CA."""
-    prefix = ca + "-server"
-    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-        "-subj", "/CN=" + DOMAIN, "-keyout", prefix + ".key", "-out", prefix + ".csr")
-    with open(os.path.join(WORK, "server.ext"), "w") as ext:
-        ext.write("subjectAltName=DNS:%s,DNS:*.%s\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n"
-                  % (DOMAIN, DOMAIN))
-    run("openssl", "x509", "-req", "-in", prefix + ".csr", "-CA", ca + "-ca.pem", "-CAkey", ca + "-ca.key",
-        "-CAcreateserial", "-days", "2", "-out", prefix + ".pem", "-extfile", "server.ext")
+    certs.make_server_certificate(WORK, ca, DOMAIN)
 
 
 class LoggedProcess:
