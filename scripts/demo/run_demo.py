@@ -66,15 +66,22 @@ def outer(ferrule, devrelay):
             "through /etc/netns/%s/hosts" % (name, DOMAIN, KEY, DOMAIN, name))
         say("work directory %s" % work)
         if state["signals"]:
-            return 1
+            return 0
         # Its own session: Ctrl-C reaches only this process, which stops the
-        # inner run in order and cleans up after it.
+        # inner run in order and cleans up after it. The inner run starts with
+        # SIGINT ignored until it takes it, so an early one is not lost half
+        # way; it is asked again every second until it has stopped.
         state["inner"] = subprocess.Popen(
             namespace.command(sys.executable, os.path.abspath(__file__), "--inner", ferrule, devrelay, work, name),
-            stdin=subprocess.DEVNULL, start_new_session=True)
-        if state["signals"]:
-            state["inner"].send_signal(signal.SIGINT)
-        status = state["inner"].wait()
+            stdin=subprocess.DEVNULL, start_new_session=True,
+            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_IGN))
+        while True:
+            try:
+                status = state["inner"].wait(1)
+                break
+            except subprocess.TimeoutExpired:
+                if state["signals"]:
+                    state["inner"].send_signal(signal.SIGINT)
     finally:
         inner = state["inner"]
         if inner and inner.poll() is None:
@@ -123,7 +130,7 @@ class Daemon:
         deadline = time.monotonic() + timeout
         with self.cond:
             while not any(text in line for line in self.lines):
-                if stop.is_set() or self.proc.poll() is not None or time.monotonic() > deadline:
+                if (stop and stop.is_set()) or self.proc.poll() is not None or time.monotonic() > deadline:
                     return False
                 self.cond.wait(0.2)
         return True
@@ -171,6 +178,8 @@ def inner(ferrule_path, devrelay_path, work, name):
             with open(os.path.join(HERE, "www", page), "rb") as f:
                 nginx.write(page, f.read())
         nginx.start()
+        if stop.is_set():
+            raise Stopped()
         say("started nginx as the device's web server on %s (pid %d), serving %s"
             % (nginx.authority(), nginx.proc.pid, nginx.root))
 
@@ -178,11 +187,15 @@ def inner(ferrule_path, devrelay_path, work, name):
                                             "-d", "127.0.0.1:%d" % DEVICE_PORT, "-p", "127.0.0.1:%d" % PLAIN_PORT,
                                             "-o", "127.0.0.1:%d" % OUTSIDE_PORT],
                        os.path.join(work, "devrelay.log"))
-        if not relay.wait_for("Listening for outside clients", stop, 15):
+        # Started programs are let come up before they are stopped, so that
+        # they stop cleanly on their signal.
+        if not relay.wait_for("Listening for outside clients", None, 15):
             raise RuntimeError("ferrule-devrelay did not start:\n" + relay.tail())
         say("started ferrule-devrelay (pid %d): devices register on https://*.%s:%d, outside clients use "
             "http://KEY.%s:%d; its log: %s/devrelay.log"
             % (relay.proc.pid, DOMAIN, DEVICE_PORT, DOMAIN, OUTSIDE_PORT, work))
+        if stop.is_set():
+            raise Stopped()
 
         registration = os.path.join(work, "devicereg.info")
         with open(registration, "w") as f:
@@ -192,6 +205,8 @@ def inner(ferrule_path, devrelay_path, work, name):
         ferrule = Daemon("ferrule", [ferrule_path, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN,
                                      "-f", registration, "-t", nginx.authority(), "-l", "5"],
                          os.path.join(work, "ferrule.log"), echo=True, env={"SSL_CERT_FILE": ca})
+        if not ferrule.wait_for(" [ferrule] ", None, 10):
+            raise RuntimeError("ferrule did not start")
         if not ferrule.wait_for("Registration succeeded", stop, 30):
             if stop.is_set():
                 raise Stopped()
