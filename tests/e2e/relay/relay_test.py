@@ -30,8 +30,9 @@ import unittest
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from nginx import Nginx  # noqa: E402
+import certs  # noqa: E402
 from netns import run_in_namespace  # noqa: E402
+from nginx import Nginx  # noqa: E402
 
 NAMESPACE = "ferrule-e2e-%d" % os.getpid()
 DOMAIN = "relay.test"
@@ -54,26 +55,13 @@ def outer(ferrule, devrelay, tests):
 
 # ---- inside the namespace
 
-def run(*args):
-    subprocess.run(args, check=True, capture_output=True, cwd=WORK, timeout=60)
-
-
 def make_ca(name):
-    run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
-        "-subj", "/CN=ferrule e2e %s CA" % name, "-keyout", name + "-ca.key", "-out", name + "-ca.pem",
-        "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign")
+    certs.make_ca(WORK, name, "ferrule e2e %s CA" % name)
 
 
 def make_server_certificate(ca):
     """A certificate for relay.test and *.relay.test signed by the named CA."""
-    prefix = ca + "-server"
-    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-        "-subj", "/CN=" + DOMAIN, "-keyout", prefix + ".key", "-out", prefix + ".csr")
-    with open(os.path.join(WORK, "server.ext"), "w") as ext:
-        ext.write("subjectAltName=DNS:%s,DNS:*.%s\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n"
-                  % (DOMAIN, DOMAIN))
-    run("openssl", "x509", "-req", "-in", prefix + ".csr", "-CA", ca + "-ca.pem", "-CAkey", ca + "-ca.key",
-        "-CAcreateserial", "-days", "2", "-out", prefix + ".pem", "-extfile", "server.ext")
+    certs.make_server_certificate(WORK, ca, DOMAIN)
 
 
 class LoggedProcess:

@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""The demo of scripts/demo.sh (its part after the build): it prints the
+sample page fetched through the relay, and whether it ends by itself
+(DEMO_SECONDS) or by SIGINT, twice in a row, it stops every program it
+started and leaves no namespace, /etc/netns entry or work directory behind.
+Needs root."""
+import os
+import re
+import signal
+import subprocess
+import sys
+import time
+import unittest
+
+DEMO = FERRULE = DEVRELAY = None
+PAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts", "demo", "www",
+                    "index.html")
+
+
+class Demo(unittest.TestCase):
+    def start(self, env):
+        return subprocess.Popen([sys.executable, DEMO, FERRULE, DEVRELAY], stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, text=True, env=dict(os.environ, **env))
+
+    def check_cleaned_up(self, output):
+        namespace = re.search(r"network namespace (ferrule-demo-\d+)", output).group(1)
+        work = re.search(r"work directory (\S+)", output).group(1)
+        pids = [int(pid) for pid in re.findall(r"\(pid (\d+)\)", output)]
+        self.assertGreaterEqual(len(set(pids)), 3, output)
+        namespaces = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
+        self.assertNotIn(namespace, namespaces)
+        self.assertFalse(os.path.exists("/etc/netns/" + namespace))
+        self.assertFalse(os.path.exists(work))
+        for pid in set(pids):
+            self.assertFalse(os.path.exists("/proc/%d" % pid), "pid %d still runs\n%s" % (pid, output))
+
+    def test_runs_for_demo_seconds_then_cleans_up(self):
+        demo = self.start({"DEMO_SECONDS": "2"})
+        output, _ = demo.communicate(timeout=90)
+        self.assertEqual(demo.returncode, 0, output)
+        with open(PAGE) as f:
+            self.assertIn(f.read(), output)
+        self.assertIn("ip netns exec ferrule-demo-", output)
+        self.assertIn("ferrule stopped with status 0", output)
+        self.check_cleaned_up(output)
+
+    def test_two_interrupts_still_clean_up(self):
+        demo = self.start({})
+        lines = []
+        deadline = time.monotonic() + 60
+        for line in demo.stdout:
+            lines.append(line)
+            if "Ctrl-C stops everything" in line or time.monotonic() > deadline:
+                break
+        demo.send_signal(signal.SIGINT)
+        time.sleep(0.1)
+        demo.send_signal(signal.SIGINT)
+        rest, _ = demo.communicate(timeout=60)
+        output = "".join(lines) + rest
+        self.assertEqual(demo.returncode, 0, output)
+        self.assertIn("ferrule stopped with status 0", output)
+        self.check_cleaned_up(output)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) != 4:
+        sys.exit("usage: demo_test.py RUN_DEMO FERRULE DEVRELAY")
+    if os.geteuid() != 0:
+        sys.exit("demo_test.py needs root")
+    DEMO, FERRULE, DEVRELAY = sys.argv[1:]
+    unittest.main(argv=sys.argv[:1], verbosity=2)
