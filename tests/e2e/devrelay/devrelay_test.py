@@ -16,6 +16,9 @@ import threading
 import time
 import unittest
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import outside_client  # noqa: E402
+
 BINARY = None
 SANITIZED = False
 WORK = None
@@ -263,21 +266,8 @@ def curl(key, path, *options, port=None):
     """The outside client. Returns (status, raw head, body) as curl saw them."""
     port = port or RELAY.outside_port
     host = "%s.%s" % (key, DOMAIN)
-    with tempfile.TemporaryDirectory(dir=WORK) as out:
-        head_file, body_file = os.path.join(out, "head"), os.path.join(out, "body")
-        result = subprocess.run(
-            ["curl", "-sS", "--noproxy", "*", "--max-time", "120", "--resolve", "%s:%d:127.0.0.1" % (host, port),
-             "-D", head_file, "-o", body_file, "-w", "%{http_code}", *options,
-             "http://%s:%d%s" % (host, port, path)],
-            capture_output=True, timeout=180)
-        head = body = b""
-        if os.path.exists(head_file):
-            with open(head_file, "rb") as f:
-                head = f.read()
-        if os.path.exists(body_file):
-            with open(body_file, "rb") as f:
-                body = f.read()
-    return int(result.stdout or b"0"), head, body
+    return outside_client.fetch("http://%s:%d%s" % (host, port, path), "--resolve",
+                                "%s:%d:127.0.0.1" % (host, port), *options, work_dir=WORK)
 
 
 def curl_async(*args, **kwargs):

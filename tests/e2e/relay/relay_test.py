@@ -31,6 +31,7 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import certs  # noqa: E402
+import outside_client  # noqa: E402
 from netns import run_in_namespace  # noqa: E402
 from nginx import Nginx  # noqa: E402
 
@@ -152,20 +153,7 @@ def start_ferrule(name, registration, relay_port, extra_env=None, level=5):
 
 def curl(key, path, *options, port=8000):
     """The outside client: (status, head bytes, body bytes)."""
-    with tempfile.TemporaryDirectory(dir=WORK) as out:
-        head_file, body_file = os.path.join(out, "head"), os.path.join(out, "body")
-        result = subprocess.run(
-            ["curl", "-sS", "--noproxy", "*", "--max-time", "120", "-D", head_file, "-o", body_file,
-             "-w", "%{http_code}", *options, "http://%s.%s:%d%s" % (key, DOMAIN, port, path)],
-            capture_output=True, timeout=180)
-        head = body = b""
-        if os.path.exists(head_file):
-            with open(head_file, "rb") as f:
-                head = f.read()
-        if os.path.exists(body_file):
-            with open(body_file, "rb") as f:
-                body = f.read()
-    return int(result.stdout or b"0"), head, body
+    return outside_client.fetch("http://%s.%s:%d%s" % (key, DOMAIN, port, path), *options, work_dir=WORK)
 
 
 def page(n):
