@@ -18,6 +18,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import outside_client  # noqa: E402
+from processes import stop_process  # noqa: E402
 
 BINARY = None
 SANITIZED = False
@@ -98,13 +99,7 @@ class RelayProcess:
         return 0
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-            try:
-                self.proc.wait(10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(5)
+        stop_process(self.proc, signal.SIGTERM)
         self.collector.join(5)
         if not self.collector.is_alive():
             self.proc.stdout.close()

@@ -32,6 +32,7 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import certs  # noqa: E402
 import outside_client  # noqa: E402
+from processes import stop_process  # noqa: E402
 from netns import run_in_namespace  # noqa: E402
 from nginx import Nginx  # noqa: E402
 
@@ -112,13 +113,7 @@ class LoggedProcess:
                 self.cond.wait(min(remaining, 0.2))
 
     def stop(self, sig=signal.SIGINT):
-        if self.proc.poll() is None:
-            self.proc.send_signal(sig)
-            try:
-                self.proc.wait(10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(5)
+        stop_process(self.proc, sig)
         self.collector.join(5)
         if not self.collector.is_alive():
             self.proc.stdout.close()
