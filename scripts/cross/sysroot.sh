@@ -7,7 +7,8 @@
 # Silent when the cached sysroot is current.
 #
 #   scripts/cross/sysroot.sh           make sure the sysroot is current
-#   scripts/cross/sysroot.sh --print   ... and print the path of <cache>/current
+#   scripts/cross/sysroot.sh --print   ... and print the path of <cache>/current,
+#                                      alone on standard output
 #
 # FERRULE_CROSS_REFRESH=1 re-reads the source lists now instead of once a day.
 set -Eeuo pipefail
@@ -18,6 +19,9 @@ print=0
 # sysroots made the old way are rebuilt.
 recipe=3
 [ "${1:-}" = --print ] && print=1
+# Standard output carries the sysroot's path and nothing else (callers capture
+# it): every other line, progress included, goes to standard error.
+exec 3>&1 1>&2
 
 cache=${FERRULE_CROSS_CACHE:-}
 if [ -z "$cache" ]; then
@@ -199,4 +203,4 @@ for old in "$cache"/openssl-*_usrsctp-*_r* "$cache"/src/*; do
   case $old in "$sysroot" | "$cache/src/openssl_${openssl_version//:/_}" | \
                "$cache/src/libusrsctp_${usrsctp_version//:/_}") ;; *) rm -rf "$old" ;; esac
 done
-[ "$print" = 0 ] || echo "$cache/current"
+[ "$print" = 0 ] || echo "$cache/current" >&3

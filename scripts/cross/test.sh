@@ -12,6 +12,7 @@ export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
 jobs=$(nproc)
 
 sysroot=$(bash scripts/cross/sysroot.sh --print)
+[ -d "$sysroot" ] || { echo "cross: sysroot.sh printed no sysroot directory: '$sysroot'" >&2; exit 1; }
 cmake -S . -B build-ppc -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/powerpc-linux-gnu.cmake" \
   -DFERRULE_CROSS_SYSROOT="$sysroot" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 # Fully static glibc warns at every link that getaddrinfo and dlopen want
