@@ -12,8 +12,8 @@ import subprocess
 import sys
 
 here = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(here, "..", "..", "tests", "e2e", "support"))
-from nginx import Nginx  # noqa: E402
+sys.path.insert(0, os.path.join(here, "..", "..", "scripts"))
+from harness.nginx import Nginx  # noqa: E402
 
 binary = sys.argv[1] if len(sys.argv) > 1 else "build/bench/bench_http_client"
 REPS = 5

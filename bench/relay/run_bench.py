@@ -13,7 +13,7 @@ requests (utime+stime from /proc/PID/stat around each wrk run; the ssh client,
 the tunnel's device side, for comparison) and ferrule's peak RSS (VmHWM).
 
 Everything runs on the loopback interface of a network namespace made for the
-run (see tests/e2e/support/netns.py), so KEY.relay.test resolves without
+run (see scripts/harness/netns.py), so KEY.relay.test resolves without
 touching the machine's configuration. sshd runs with its own configuration,
 host key, user key and authorized_keys in the run's temp directory; nothing
 of the machine's ssh setup is read or changed. Needs root.
@@ -37,11 +37,11 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.join(HERE, "..", "..")
-sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "support"))
+sys.path.insert(0, os.path.join(ROOT, "scripts"))
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "relay"))
 import relay_test as env  # noqa: E402  (certificates, logged processes, the relay and ferrule starters)
-from netns import run_in_namespace  # noqa: E402
-from nginx import Nginx, free_port  # noqa: E402
+from harness.netns import run_in_namespace  # noqa: E402
+from harness.nginx import Nginx, free_port  # noqa: E402
 
 KEY = "dev1"
 DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT = 8443, 8080, 8000

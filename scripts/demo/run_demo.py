@@ -26,10 +26,10 @@ import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "..", "tests", "e2e", "support"))
-import certs  # noqa: E402
-from netns import Namespace  # noqa: E402
-from nginx import Nginx  # noqa: E402
+sys.path.insert(0, os.path.join(HERE, ".."))
+from harness import certs  # noqa: E402
+from harness.netns import Namespace  # noqa: E402
+from harness.nginx import Nginx  # noqa: E402
 
 DOMAIN = "relay.test"
 KEY = "demo"

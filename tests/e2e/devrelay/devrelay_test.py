@@ -16,9 +16,9 @@ import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import outside_client  # noqa: E402
-from processes import stop_process  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
+from harness import outside_client  # noqa: E402
+from harness.processes import stop_process  # noqa: E402
 
 BINARY = None
 SANITIZED = False

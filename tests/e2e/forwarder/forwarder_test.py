@@ -10,8 +10,8 @@ import sys
 import unittest
 import zlib
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from nginx import Nginx, free_port  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
+from harness.nginx import Nginx, free_port  # noqa: E402
 
 DRIVER = None
 HELLO = ("hello from the target\n" * 40).encode()

@@ -12,8 +12,8 @@ import threading
 import unittest
 import zlib
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from nginx import Nginx, free_port  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
+from harness.nginx import Nginx, free_port  # noqa: E402
 
 DRIVER = None
 SERVER = None

@@ -29,12 +29,12 @@ import time
 import unittest
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import certs  # noqa: E402
-import outside_client  # noqa: E402
-from processes import stop_process  # noqa: E402
-from netns import run_in_namespace  # noqa: E402
-from nginx import Nginx  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
+from harness import certs  # noqa: E402
+from harness import outside_client  # noqa: E402
+from harness.processes import stop_process  # noqa: E402
+from harness.netns import run_in_namespace  # noqa: E402
+from harness.nginx import Nginx  # noqa: E402
 
 NAMESPACE = "ferrule-e2e-%d" % os.getpid()
 DOMAIN = "relay.test"
