@@ -337,7 +337,8 @@ void NetHttpClientRequest::onConnect(int error) {
   touch();
   const SocketAddress& address = destination_.addresses[addressIndex_];
   QLOG(Log, error ? log::Notice : log::Debug, "0x%x: Connection to %s %s", id(), address.toString(),
-       error ? "failed (" + socketErrorText(error) + ")" : std::string("succeeded"));
+       error ? "failed" : "succeeded");
+  if (error) QLOG(Log, log::Notice, "0x%x: Connect error %d: %s", id(), error, socketErrorText(error));
   if (!error) {
     onConnected();
     return;

@@ -433,7 +433,7 @@ void ReverseHttpClient::replyStep(PendingRequest& pending, const uint8_t* data, 
   const std::size_t markerLength = std::strlen(marker);
   BufferChain chain = pool_->allocate(head.size() + lineLength + length + markerLength);
   if (chain.empty()) {
-    QLOG(Log, log::Error, "Failed to allocate memory for target response headers");
+    QLOG(Log, log::Warning, "Failed to allocate memory for target response headers");
     doneStep(pending);
     return;
   }

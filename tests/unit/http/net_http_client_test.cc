@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
 
@@ -239,6 +240,13 @@ TEST_F(NetHttpClientTest, TriesDistinctAddressesInOrder) {
   EXPECT_EQ(10, factory->families[0]);
   EXPECT_EQ(2, factory->families[1]);
   EXPECT_FALSE(factory->sockets[1]->sent.empty());
+  // The outcome ends the line; the reason has a line of its own.
+  const std::string failed = ": Connection to [::1]:8080 failed";
+  EXPECT_TRUE(std::any_of(capture->lines().begin(), capture->lines().end(), [&](const auto& line) {
+    return line.level == log::Notice && line.message.size() > failed.size() &&
+           line.message.compare(line.message.size() - failed.size(), failed.size(), failed) == 0;
+  }));
+  EXPECT_TRUE(hasLine(": Connect error 111: Connection refused", log::Notice));
 
   factory->refused.insert("127.0.0.1:8080");
   Outcome refused;
