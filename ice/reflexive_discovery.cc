@@ -101,7 +101,9 @@ void ReflexiveDiscovery::onReply(const HostCandidate& host, stun::RequestHandle 
   } else {
     QLOG(Log, log::Debug, "Got STUN reply from %s to %s", from.toString(), local.toString());
     const SocketAddress mapped = response->getMappedAddress();
-    if (mapped.valid() && mapped.family() == host.candidate->address.family()) {
+    // A mapping equal to the host address (no NAT on the way) adds nothing
+    // but duplicate pairs (RFC 8445 section 5.1.3).
+    if (mapped.valid() && mapped.family() == host.candidate->address.family() && mapped != host.candidate->address) {
       candidates_.push_back(std::make_shared<Candidate>(
           CandidateType::ServerReflexive, mapped, computePriority(CandidateType::ServerReflexive, host.localPreference),
           "s" + std::to_string(host.index), host.candidate->address));
@@ -129,6 +131,10 @@ void ReflexiveDiscovery::finish() {
   const Delegate<void()> done = done_;
   cancel();
   if (done) done();
+}
+
+bool ReflexiveDiscovery::isServer(const SocketAddress& address) const {
+  return std::find(servers_.begin(), servers_.end(), address) != servers_.end();
 }
 
 void ReflexiveDiscovery::cancel() {

@@ -30,6 +30,13 @@ constexpr Duration checkRto(std::size_t pairs) {
 // whole transaction time.
 constexpr Duration NominationWait = Duration::milliseconds(200);
 
+// The least time between any two sends of the STUN agent that all sessions
+// share: new checks are paced by CheckPacing per session, and this keeps
+// the sum of retransmissions and answers of many sessions at a rate a small
+// uplink and the NATs on the way can take (RFC 8445 section 14.2 allows
+// 5 ms for all of an agent's traffic).
+constexpr Duration AgentSendInterval = Duration::milliseconds(5);
+
 // Gathering, resolution of the STUN server included, ends this long after
 // it started at the latest; the answer with the candidates waits for it.
 // Whatever the server has not answered by then is given up, so a silent or
