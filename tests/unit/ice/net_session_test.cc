@@ -113,13 +113,15 @@ class NetSessionTest : public ::testing::Test {
   // A check from the peer as a controlled RFC 5245 agent sends it, or with
   // the given role.
   stun::MessagePtr sendCheck(const SocketAddress& from, const SocketAddress& to, const SessionDescription& local,
-                             bool controlling, uint64_t tieBreaker, uint32_t priority = 1862270975u) {
+                             bool controlling, uint64_t tieBreaker, uint32_t priority = 1862270975u,
+                             bool useCandidate = false) {
     CheckParameters parameters;
     parameters.userName = local.userFragment + ":" + PeerFragment;
     parameters.key = local.password;
     parameters.priority = priority;
     parameters.controlling = controlling;
     parameters.tieBreaker = tieBreaker;
+    parameters.useCandidate = useCandidate;
     stun::MessagePtr check = makeCheckRequest(*random_, parameters);
     network_.send(from, to, check->data(), check->size());
     return check;
@@ -439,6 +441,30 @@ TEST_F(NetSessionTest, RoleConflictsFollowTheTieBreakers) {
     EXPECT_EQ(row.controllingAfter, session->isControlling()) << row.name;
     session->close();
   }
+}
+
+TEST_F(NetSessionTest, InTheControlledRoleThePeerNominates) {
+  resolver_->addresses.clear();
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  const auto session = makeSession({remote(Peer)});
+  play(peer, session);
+  start(session);
+  reactor_->advance(Duration::milliseconds(2));
+  const SocketAddress local(AF_INET, "10.0.0.2", 40000);
+  // A controlling peer with the larger tie-breaker: the device gives way
+  // and waits for the peer's choice instead of nominating.
+  sendCheck(Peer, local, session->localDescription(), true, ~uint64_t{0});
+  reactor_->advance(Duration::milliseconds(500));
+  EXPECT_FALSE(session->isControlling());
+  EXPECT_EQ(0, peer.useCandidates);
+  EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
+  EXPECT_EQ(1u, session->validPairs().size());
+
+  sendCheck(Peer, local, session->localDescription(), true, ~uint64_t{0}, 1862270975u, true);
+  reactor_->advance(Duration::milliseconds(10));
+  ASSERT_EQ(Session::Event::Established, events_.back());
+  EXPECT_EQ(Peer, session->remoteAddress());
 }
 
 TEST_F(NetSessionTest, ARoleConflictAnswerSwitchesRoleAndChecksAgain) {
