@@ -18,16 +18,13 @@ class ClientResult:
         self.stderr = stderr
         self.pair = self.timing = self.datagrams = None
         for line in stdout.splitlines():
-            words = line.split()
-            if not words:
-                continue
-            fields = parse_fields(words[1:])
-            if words[0] == "selected-pair":
+            kind, _, rest = line.partition(" ")
+            fields = parse_fields(rest.split())
+            if kind == "selected-pair":
                 self.pair = fields
-            elif words[0] == "timing":
-                self.timing = {key: int(value) for key, value in fields.items()}
-            elif words[0] == "datagrams":
-                self.datagrams = {key: int(value) for key, value in fields.items()}
+            elif kind in ("timing", "datagrams"):
+                numbers = {key: int(value) for key, value in fields.items() if value.isdigit()}
+                setattr(self, kind, numbers)
 
     def __repr__(self):
         return "ferrule-p2pclient exited %d\nstdout:\n%s\nstderr:\n%s" % (self.status, self.stdout, self.stderr)
