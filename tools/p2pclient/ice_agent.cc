@@ -102,6 +102,7 @@ IceAgent::IceAgent(GMainContext* context, const Settings& settings) : context_(c
   }
   g_signal_connect(agent_, "candidate-gathering-done", G_CALLBACK(&IceAgent::onGatheringDone), this);
   g_signal_connect(agent_, "component-state-changed", G_CALLBACK(&IceAgent::onStateChanged), this);
+  g_signal_connect(agent_, "new-selected-pair-full", G_CALLBACK(&IceAgent::onSelectedPair), this);
   // Without a receive callback libnice never reads the socket, so no STUN
   // either.
   nice_agent_attach_recv(agent_, stream_, Component, context_, &IceAgent::onReceive, this);
@@ -179,8 +180,11 @@ void IceAgent::setRemote(const Description& remote) {
 }
 
 IceAgent::Outcome IceAgent::connect(std::chrono::milliseconds limit) {
-  runUntil([this] { return state_ == NICE_COMPONENT_STATE_READY || state_ == NICE_COMPONENT_STATE_FAILED; }, limit);
-  if (state_ == NICE_COMPONENT_STATE_READY) return Outcome::Connected;
+  const auto usable = [this] {
+    return state_ == NICE_COMPONENT_STATE_READY || (selected_ && state_ == NICE_COMPONENT_STATE_CONNECTED);
+  };
+  runUntil([&] { return usable() || state_ == NICE_COMPONENT_STATE_FAILED; }, limit);
+  if (usable()) return Outcome::Connected;
   return state_ == NICE_COMPONENT_STATE_FAILED ? Outcome::Failed : Outcome::TimedOut;
 }
 
@@ -220,6 +224,13 @@ void IceAgent::onGatheringDone(NiceAgent*, unsigned, void* self) {
   auto* agent = static_cast<IceAgent*>(self);
   agent->gathered_ = true;
   agent->trace("gathering done");
+}
+
+void IceAgent::onSelectedPair(NiceAgent*, unsigned, unsigned component, void*, void*, void* self) {
+  if (component != Component) return;
+  auto* agent = static_cast<IceAgent*>(self);
+  agent->selected_ = true;
+  agent->trace("pair selected");
 }
 
 void IceAgent::onStateChanged(NiceAgent*, unsigned, unsigned component, unsigned state, void* self) {

@@ -74,8 +74,11 @@ class IceAgent : public DatagramPath {
   // the checks. Throws IceError when libnice takes none of the candidates.
   void setRemote(const Description& remote);
 
-  // Runs the checks until the pair is ready (for the controlled side: the
-  // controlling side nominated it), ICE failed, or the limit passed.
+  // Runs the checks until a pair is selected (for the controlled side: the
+  // controlling side nominated it and its check succeeded), ICE failed, or
+  // the limit passed. libnice itself reports "ready" only once every other
+  // pair has finished too, which behind NATs means waiting out the checks
+  // on unreachable host pairs (about 2 s) on a path that already works.
   Outcome connect(std::chrono::milliseconds limit);
 
   // The pair in use; valid after connect() returned Connected.
@@ -93,6 +96,8 @@ class IceAgent : public DatagramPath {
 
  private:
   static void onGatheringDone(NiceAgent* agent, unsigned stream, void* self);
+  static void onSelectedPair(NiceAgent* agent, unsigned stream, unsigned component, void* local, void* remote,
+                             void* self);
   static void onStateChanged(NiceAgent* agent, unsigned stream, unsigned component, unsigned state, void* self);
   static void onReceive(NiceAgent* agent, unsigned stream, unsigned component, unsigned size, char* data, void* self);
 
@@ -102,6 +107,7 @@ class IceAgent : public DatagramPath {
   NiceAgent* agent_ = nullptr;
   unsigned stream_ = 0;
   bool gathered_ = false;
+  bool selected_ = false;
   unsigned state_ = 0;  // NiceComponentState
   Receiver receiver_;
   std::function<void(const std::string&)> trace_;
