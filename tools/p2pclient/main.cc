@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <iterator>
@@ -136,6 +137,27 @@ void closeStack(IceAgent& agent, SctpStack& stack) {
   agent.runUntil([&stack] { return stack.finished(); }, std::chrono::milliseconds(2000));
 }
 
+// Bytes the device must survive on an established pair: random lengths and
+// contents, and SCTP packets between the association's ports whose CRC32c
+// cannot match.
+void sendGarbage(DatagramPath& path, unsigned count) {
+  std::srand(static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  for (unsigned index = 0; index < count; ++index) {
+    std::vector<std::uint8_t> datagram(1 + std::rand() % 1400);
+    for (auto& byte : datagram) byte = static_cast<std::uint8_t>(std::rand());
+    if (index % 2 == 1 && datagram.size() >= 32) {
+      const std::uint16_t port = VideoDownload::DevicePort;
+      datagram[0] = datagram[2] = static_cast<std::uint8_t>(port >> 8);
+      datagram[1] = datagram[3] = static_cast<std::uint8_t>(port & 0xff);
+      datagram[12] = 0;  // a DATA chunk
+      const std::size_t chunk = datagram.size() - 12;
+      datagram[14] = static_cast<std::uint8_t>(chunk >> 8);
+      datagram[15] = static_cast<std::uint8_t>(chunk & 0xff);
+    }
+    path.send(datagram.data(), datagram.size());
+  }
+}
+
 // The video over SCTP on the pair: one association per connection, all at
 // once; returns the exit status of the first that failed.
 int download(IceAgent& agent, GMainContext* context, const Options& options, std::ostream& report) {
@@ -160,6 +182,7 @@ int download(IceAgent& agent, GMainContext* context, const Options& options, std
     }
     return true;
   };
+  bool garbageSent = options.garbage == 0;
   stack.setActivity([&] {
     std::uint64_t bytes = 0;
     for (auto& download : downloads) {
@@ -167,6 +190,10 @@ int download(IceAgent& agent, GMainContext* context, const Options& options, std
       bytes += download->bytes();
     }
     meter.update(bytes);
+    if (!garbageSent && bytes > 0) {
+      garbageSent = true;
+      sendGarbage(agent, options.garbage);
+    }
   });
   for (auto& download : downloads) download->start();
   // Each download watches its own limits (association, stalls), so the

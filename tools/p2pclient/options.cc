@@ -153,6 +153,7 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
     ConnectionsOption,
     RateOption,
     ResendOption,
+    GarbageOption,
     ServeOption
   };
   static const option longOptions[] = {
@@ -171,6 +172,7 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
       {"connections", required_argument, nullptr, ConnectionsOption},
       {"rate", required_argument, nullptr, RateOption},
       {"resend-query-at", required_argument, nullptr, ResendOption},
+      {"garbage", required_argument, nullptr, GarbageOption},
       {"serve", required_argument, nullptr, ServeOption},
       {"verbose", no_argument, nullptr, 'v'},
       {"help", no_argument, nullptr, 'h'},
@@ -250,6 +252,11 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
           return usageError(err, std::string("bad byte count '") + optarg + "'");
         }
         break;
+      case GarbageOption:
+        if (!parseCount(optarg, options.garbage)) {
+          return usageError(err, std::string("bad datagram count '") + optarg + "' (0 to 100000)");
+        }
+        break;
       case ServeOption:
         options.serveFile = optarg;
         break;
@@ -270,8 +277,8 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
   if (options.standIn && downloading) return usageError(err, "--query is for the client, not with --answer");
   if (!options.serveFile.empty() && !options.standIn) return usageError(err, "--serve needs --answer");
   if (!downloading && (options.output != "-" || options.connections != 1 || options.rate != 0 ||
-                       options.resendQueryAt != 0)) {
-    return usageError(err, "--output, --connections, --rate and --resend-query-at need --query");
+                       options.resendQueryAt != 0 || options.garbage != 0)) {
+    return usageError(err, "--output, --connections, --rate, --resend-query-at and --garbage need --query");
   }
   if (options.connections > 1 && options.output == "-") {
     return usageError(err, "--connections above 1 needs --output (one file per connection)");

@@ -28,6 +28,7 @@ struct Options {
   unsigned connections = 1;       // SCTP connections at once on the one pair
   std::uint64_t rate = 0;         // bytes per second read at most (0: as fast as they come)
   std::uint64_t resendQueryAt = 0;  // send the query again after this many body bytes (0: never)
+  unsigned garbage = 0;           // datagrams of garbage to send on the pair once the video flows
   std::string serveFile;          // with --answer: answer every query with this file's bytes
   bool verbose = false;
 };

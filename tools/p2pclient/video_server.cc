@@ -16,6 +16,22 @@ namespace {
 
 constexpr std::size_t MessageSize = 64 * 1024;
 
+// usrsctp_recvv writes the flags and info unconditionally: every pointer
+// must be valid.
+// Notifications (the listener's subscription is inherited) are skipped.
+ssize_t receive(struct socket* socket, void* data, std::size_t size, sctp_rcvinfo& info, unsigned& infoType) {
+  for (;;) {
+    socklen_t infoSize = sizeof info;
+    sockaddr_conn from;
+    socklen_t fromSize = sizeof from;
+    int flags = 0;
+    infoType = 0;
+    const ssize_t got = usrsctp_recvv(socket, data, size, reinterpret_cast<sockaddr*>(&from), &fromSize, &info,
+                                      &infoSize, &infoType, &flags);
+    if (got <= 0 || !(flags & MSG_NOTIFICATION)) return got;
+  }
+}
+
 }  // namespace
 
 VideoServer::VideoServer(SctpStack& stack, const std::string& path, Report report)
@@ -70,11 +86,8 @@ void VideoServer::serve(Connection& connection) {
   if (connection.file == nullptr) {
     char text[1024];
     sctp_rcvinfo info;
-    socklen_t infoSize = sizeof info;
     unsigned infoType = 0;
-    int flags = 0;
-    const ssize_t got =
-        usrsctp_recvv(connection.socket, text, sizeof text, nullptr, nullptr, &info, &infoSize, &infoType, &flags);
+    const ssize_t got = receive(connection.socket, text, sizeof text, info, infoType);
     if (got <= 0) {
       if (got == 0 || (errno != EWOULDBLOCK && errno != EAGAIN)) finish(connection);
       return;
@@ -87,8 +100,9 @@ void VideoServer::serve(Connection& connection) {
   // Later messages on the connection are read and dropped, as the device
   // does while a body is streaming.
   char ignored[1024];
-  while (usrsctp_recvv(connection.socket, ignored, sizeof ignored, nullptr, nullptr, nullptr, nullptr, nullptr,
-                       nullptr) > 0) {
+  sctp_rcvinfo info;
+  unsigned infoType = 0;
+  while (receive(connection.socket, ignored, sizeof ignored, info, infoType) > 0) {
   }
   for (int round = 0; round < 64 && !connection.shutDown; ++round) {
     if (connection.pending.empty()) {
@@ -102,11 +116,11 @@ void VideoServer::serve(Connection& connection) {
         break;
       }
     }
-    sctp_sndinfo info;
-    std::memset(&info, 0, sizeof info);
-    info.snd_sid = connection.stream;
+    sctp_sndinfo send;
+    std::memset(&send, 0, sizeof send);
+    send.snd_sid = connection.stream;
     const ssize_t sent = usrsctp_sendv(connection.socket, connection.pending.data(), connection.pending.size(),
-                                       nullptr, 0, &info, sizeof info, SCTP_SENDV_SNDINFO, 0);
+                                       nullptr, 0, &send, sizeof send, SCTP_SENDV_SNDINFO, 0);
     if (sent < 0) {
       if (errno != EWOULDBLOCK && errno != EAGAIN) finish(connection);
       break;
@@ -118,8 +132,7 @@ void VideoServer::serve(Connection& connection) {
   if (connection.shutDown && !connection.ended) {
     // The client's own close ends the association; until then keep it.
     char probe[16];
-    const ssize_t got = usrsctp_recvv(connection.socket, probe, sizeof probe, nullptr, nullptr, nullptr, nullptr,
-                                      nullptr, nullptr);
+    const ssize_t got = receive(connection.socket, probe, sizeof probe, info, infoType);
     if (got == 0 || (got < 0 && errno != EWOULDBLOCK && errno != EAGAIN)) finish(connection);
   }
 }
