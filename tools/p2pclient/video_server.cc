@@ -1,5 +1,7 @@
 #include "tools/p2pclient/video_server.h"
 
+#include <sys/resource.h>
+
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -15,6 +17,14 @@ namespace p2pclient {
 namespace {
 
 constexpr std::size_t MessageSize = 64 * 1024;
+
+// This process's CPU time so far, for the stream benchmark's baseline.
+long long cpuMilliseconds() {
+  rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000LL +
+         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+}
 
 // usrsctp_recvv writes the flags and info unconditionally: every pointer
 // must be valid.
@@ -38,7 +48,14 @@ VideoServer::VideoServer(SctpStack& stack, const std::string& path, Report repor
     : stack_(stack), path_(path), report_(std::move(report)) {}
 
 VideoServer::~VideoServer() {
-  for (auto& connection : connections_) finish(*connection);
+  // A body not sent in full must not look like a whole one: abort.
+  for (auto& connection : connections_) {
+    if (!connection->ended && !connection->shutDown) {
+      const linger abortive{1, 0};
+      usrsctp_setsockopt(connection->socket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+    }
+    finish(*connection);
+  }
   if (listener_ != nullptr) usrsctp_close(listener_);
 }
 
@@ -96,6 +113,7 @@ void VideoServer::serve(Connection& connection) {
     connection.stream = infoType == SCTP_RECVV_RCVINFO ? info.rcv_sid : 0;
     connection.file = std::fopen(path_.c_str(), "rb");
     if (connection.file == nullptr) return finish(connection);
+    connection.cpuAtQuery = cpuMilliseconds();
   }
   // Later messages on the connection are read and dropped, as the device
   // does while a body is streaming.
@@ -141,7 +159,8 @@ void VideoServer::finish(Connection& connection) {
   if (connection.ended) return;
   connection.ended = true;
   report_("served port=" + std::to_string(connection.port) + " query=" + connection.query +
-          " bytes=" + std::to_string(connection.sent));
+          " bytes=" + std::to_string(connection.sent) +
+          " cpu-ms=" + std::to_string(cpuMilliseconds() - connection.cpuAtQuery));
   if (connection.file != nullptr) std::fclose(connection.file);
   connection.file = nullptr;
   usrsctp_close(connection.socket);

@@ -24,7 +24,8 @@ class SctpStack;
 // Polled like VideoDownload: service() after every stack activity.
 class VideoServer {
  public:
-  // "served port=N query=TEXT bytes=N", once per connection that ended.
+  // "served port=N query=TEXT bytes=N cpu-ms=N", once per connection that
+  // ended; cpu-ms is the process's CPU time from the query to the end.
   using Report = std::function<void(const std::string&)>;
 
   VideoServer(SctpStack& stack, const std::string& path, Report report);
@@ -45,6 +46,7 @@ class VideoServer {
     std::FILE* file = nullptr;
     std::vector<std::uint8_t> pending;  // read from the file, not yet taken by the stack
     std::uint64_t sent = 0;
+    long long cpuAtQuery = 0;
     bool shutDown = false;
     bool ended = false;
   };
