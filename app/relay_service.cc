@@ -32,6 +32,7 @@ RelayService::RelayService(const std::string& registrationFile, const std::strin
       sslSocketFactory_(std::make_shared<AsioSslSocketFactory>(reactor_, false)),
       resolver_(std::make_shared<NetNameResolver>(reactor_)),
       bufferPool_(std::make_shared<BufferPool>(512, 0, 0)),
+      sctpService_(std::make_shared<SctpUdpService>(reactor_)),
       httpClient_(std::make_shared<NetHttpClient>(reactor_, bufferPool_, socketFactory_, sslSocketFactory_, resolver_)),
       randomSource_(std::make_shared<PseudoRandomSource>(reactor_->timeProvider())),
       localNetworkInfo_(std::make_shared<LinuxLocalNetworkInfo>()),
@@ -52,6 +53,7 @@ RelayService::~RelayService() {
   localNetworkInfo_.reset();
   randomSource_.reset();
   httpClient_.reset();
+  sctpService_.reset();
   resolver_.reset();
   sslSocketFactory_.reset();
   socketFactory_.reset();

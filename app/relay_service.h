@@ -15,6 +15,7 @@
 #include "net/local_network_info.h"
 #include "net/name_resolver.h"
 #include "revhttp/reverse_http_client.h"
+#include "sctp/sctp_udp_service.h"
 
 namespace quorvel {
 namespace ferrule {
@@ -56,6 +57,7 @@ class RelayService {
   std::shared_ptr<AsyncSocketFactory> sslSocketFactory_;
   std::shared_ptr<NameResolver> resolver_;
   std::shared_ptr<BufferPool> bufferPool_;
+  std::shared_ptr<SctpUdpService> sctpService_;
   std::shared_ptr<HttpClient> httpClient_;
   std::shared_ptr<RandomSource> randomSource_;
   std::shared_ptr<LocalNetworkInfo> localNetworkInfo_;
