@@ -1,9 +1,13 @@
 #include "app/relay_service.h"
 
+#include <algorithm>
+#include <exception>
+
 #include "core/log.h"
 #include "http/net_http_client.h"
 #include "net/asio_socket_factory.h"
 #include "net/asio_ssl_socket_factory.h"
+#include "sctp/sctp_ice_session_link.h"
 
 namespace quorvel {
 namespace ferrule {
@@ -46,6 +50,7 @@ RelayService::RelayService(const std::string& registrationFile, const std::strin
 // Tasks still queued in the reactor may hold pooled buffers, so the reactor
 // goes before the pool: everything else first, in reverse order of building.
 RelayService::~RelayService() {
+  clientConnections_.clear();
   relayClient_.reset();
   registrationWatch_.reset();
   forwarder_.reset();
@@ -66,6 +71,31 @@ void RelayService::startRelay(const std::string& key) {
                                                      relayRegistrationUrl(key, relayUrlBase_), key);
   relayClient_->setRequestHandler(handlers_);
   relayClient_->start();
+}
+
+void RelayService::startClientConnection(const ice::SessionPtr& session) {
+  QLOG(Log, log::Notice, "New session established: %s <-> %s", session->localAddress().toString(),
+       session->remoteAddress().toString());
+  try {
+    auto link = std::make_shared<SctpIceSessionLink>(reactor_, sctpService_, session);
+    auto connection = std::make_shared<ClientConnection>(
+        reactor_, link, bufferPool_, httpClient_, targetHost_,
+        [this](ClientConnection* closed) { onClientConnectionClosed(closed); });
+    connection->start();
+    clientConnections_.push_back(connection);
+  } catch (const std::exception& e) {
+    QLOG(Log, log::Warning, "Failed to create connection from new ICE session: %s", e.what());
+  }
+}
+
+void RelayService::onClientConnectionClosed(ClientConnection* connection) {
+  auto found = std::find_if(clientConnections_.begin(), clientConnections_.end(),
+                            [connection](const std::shared_ptr<ClientConnection>& c) { return c.get() == connection; });
+  if (found == clientConnections_.end()) return;
+  // Called from the connection's own idle task: it goes in a later event.
+  std::shared_ptr<ClientConnection> closing = *found;
+  clientConnections_.erase(found);
+  reactor_->post(lifetime_, [closing] {});
 }
 
 void RelayService::run() {

@@ -2,7 +2,9 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "app/client_connection.h"
 #include "app/registration_file.h"
 #include "core/asio_reactor.h"
 #include "core/lifetime.h"
@@ -10,6 +12,7 @@
 #include "http/http_client.h"
 #include "http/http_forwarder.h"
 #include "http/web_handler_container.h"
+#include "ice/session.h"
 #include "net/async_socket.h"
 #include "net/buffer_pool.h"
 #include "net/local_network_info.h"
@@ -38,6 +41,12 @@ class RelayService {
 
   AsioReactor& reactor() { return *reactor_; }
 
+  // An ICE session has been established with a remote client: carry SCTP
+  // over it and serve the client's connections. A failure is logged and the
+  // session gets no client connection.
+  void startClientConnection(const ice::SessionPtr& session);
+  std::size_t clientConnectionCount() const { return clientConnections_.size(); }
+
   // The one service of the process, reachable from the SIGINT handler. Set
   // once after construction; dropped by its exit-time destructor.
   static std::shared_ptr<RelayService> instance;
@@ -45,6 +54,9 @@ class RelayService {
  private:
   // A new device key: a fresh relay client replaces the previous one.
   void startRelay(const std::string& key);
+  // Idle: the connection goes, and with it its link, associations and ICE
+  // session.
+  void onClientConnectionClosed(ClientConnection* connection);
 
   const std::string registrationFile_;
   const std::string targetHost_;
@@ -66,6 +78,7 @@ class RelayService {
 
   std::unique_ptr<RegistrationFileWatch> registrationWatch_;
   std::shared_ptr<ReverseHttpClient> relayClient_;
+  std::vector<std::shared_ptr<ClientConnection>> clientConnections_;  // in order of creation
 
   LifetimeToken lifetime_ = makeLifetimeToken();
 };
