@@ -1,12 +1,12 @@
 #include "app/client_connection.h"
 
-#include <algorithm>
 #include <cerrno>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "core/log.h"
+#include "core/release_later.h"
 
 namespace quorvel {
 namespace ferrule {
@@ -71,14 +71,10 @@ void ClientConnection::onNewConnection(const SocketAddress& peer, const std::sha
 }
 
 void ClientConnection::onStreamClosed(StreamRelay* relay) {
-  auto found = std::find_if(streams_.begin(), streams_.end(),
-                            [relay](const std::shared_ptr<StreamRelay>& stream) { return stream.get() == relay; });
-  if (found == streams_.end()) return;
+  const std::size_t before = streams_.size();
   // Called from inside the relay: it goes in a later event.
-  std::shared_ptr<StreamRelay> closing = *found;
-  streams_.erase(found);
-  reactor_->post(token_, [closing] {});
-  if (streams_.empty()) {
+  releaseLater(*reactor_, token_, streams_, relay);
+  if (streams_.size() < before && streams_.empty()) {
     QLOG(Log, log::Notice, "All connections closed, starting idle timer");
     startIdleTimer();
   }

@@ -1,9 +1,9 @@
 #include "app/relay_service.h"
 
-#include <algorithm>
 #include <exception>
 
 #include "core/log.h"
+#include "core/release_later.h"
 #include "http/net_http_client.h"
 #include "net/asio_socket_factory.h"
 #include "net/asio_ssl_socket_factory.h"
@@ -89,13 +89,8 @@ void RelayService::startClientConnection(const ice::SessionPtr& session) {
 }
 
 void RelayService::onClientConnectionClosed(ClientConnection* connection) {
-  auto found = std::find_if(clientConnections_.begin(), clientConnections_.end(),
-                            [connection](const std::shared_ptr<ClientConnection>& c) { return c.get() == connection; });
-  if (found == clientConnections_.end()) return;
   // Called from the connection's own idle task: it goes in a later event.
-  std::shared_ptr<ClientConnection> closing = *found;
-  clientConnections_.erase(found);
-  reactor_->post(lifetime_, [closing] {});
+  releaseLater(*reactor_, lifetime_, clientConnections_, connection);
 }
 
 void RelayService::run() {

@@ -9,7 +9,7 @@
 #include "core/errors.h"
 #include "core/log.h"
 #include "net/socket_error.h"
-#include "sctp/conn_address.h"
+#include "sctp/stack_calls.h"
 #include "sctp/sctp_udp_socket.h"
 
 namespace quorvel {

@@ -11,6 +11,7 @@
 
 #include "core/log.h"
 #include "sctp/sctp_udp_output.h"
+#include "sctp/stack_calls.h"
 
 namespace quorvel {
 namespace {
@@ -173,14 +174,9 @@ void SctpUdpService::release(struct socket* handle, bool graceful) {
 // Reads and drops what the peer still sends until the association is over.
 void SctpUdpService::continueClosing(struct socket* handle) {
   for (int reads = 0; reads < 64; ++reads) {
-    struct sctp_rcvinfo info;
-    socklen_t infoLength = sizeof info;
-    unsigned int infoType = 0;
     int flags = 0;
-    struct sockaddr_conn from;
-    socklen_t fromLength = sizeof from;
-    const ssize_t got = usrsctp_recvv(handle, scratch_.data(), scratch_.size(), reinterpret_cast<sockaddr*>(&from),
-                                      &fromLength, &info, &infoLength, &infoType, &flags);
+    uint16_t stream = 0;
+    const ssize_t got = stackReceive(handle, scratch_.data(), scratch_.size(), flags, stream);
     if (got > 0) continue;
     if (got < 0 && (errno == EWOULDBLOCK || errno == EAGAIN)) return;
     break;

@@ -12,7 +12,7 @@
 #include "core/errors.h"
 #include "core/log.h"
 #include "net/socket_error.h"
-#include "sctp/conn_address.h"
+#include "sctp/stack_calls.h"
 #include "sctp/hex_dump.h"
 
 namespace quorvel {
@@ -180,14 +180,9 @@ void SctpUdpSocket::continueReceive() {
     }
     uint8_t* room = buffer->data() + used;
     const std::size_t roomSize = buffer->length - used;
-    struct sctp_rcvinfo info;
-    socklen_t infoLength = sizeof info;
-    unsigned int infoType = 0;
     int flags = 0;
-    struct sockaddr_conn from;
-    socklen_t fromLength = sizeof from;
-    const ssize_t got = usrsctp_recvv(handle_, room, roomSize, reinterpret_cast<sockaddr*>(&from), &fromLength, &info,
-                                      &infoLength, &infoType, &flags);
+    uint16_t stream = replyStream_;
+    const ssize_t got = stackReceive(handle_, room, roomSize, flags, stream);
     const int error = got < 0 ? errno : 0;
     QLOG(Log, log::Spam, "recvv(%u) returned %d (%d) - done/total = %u/%u\n%s", roomSize, got, error,
          done + (got > 0 ? got : 0), total, hexDump(room, got > 0 ? static_cast<std::size_t>(got) : 0));
@@ -204,7 +199,7 @@ void SctpUdpSocket::continueReceive() {
       return;
     }
     if (flags & MSG_NOTIFICATION) continue;  // none subscribed; never data
-    if (done == 0 && infoType == SCTP_RECVV_RCVINFO) replyStream_ = info.rcv_sid;
+    if (done == 0) replyStream_ = stream;
     done += static_cast<std::size_t>(got);
     used += static_cast<std::size_t>(got);
     if (flags & MSG_EOR) break;

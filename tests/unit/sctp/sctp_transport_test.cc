@@ -1,8 +1,13 @@
 #include <cerrno>
+#include <cstring>
 #include <string>
+
+#include <arpa/inet.h>
+#include <usrsctp.h>
 
 #include <gtest/gtest.h>
 
+#include "sctp/sctp_udp_socket.h"
 #include "tests/unit/sctp/sctp_fixture.h"
 
 namespace quorvel {
@@ -100,6 +105,34 @@ TEST_F(StreamData, BothWaysOneMessagePerReceive) {
   run(50);
   EXPECT_EQ(reply.error, 0);
   EXPECT_EQ(replyText, "video bytes");
+}
+
+TEST_F(StreamData, RepliesGoOnTheStreamTheRequestCameOnWithPpidZero) {
+  associate();
+  struct socket* raw = static_cast<SctpUdpSocket&>(*client).handle();
+  struct sctp_sndinfo out;
+  std::memset(&out, 0, sizeof out);
+  out.snd_sid = 3;
+  out.snd_ppid = htonl(51);
+  ASSERT_EQ(usrsctp_sendv(raw, "q=1", 3, nullptr, 0, &out, sizeof out, SCTP_SENDV_SNDINFO, 0), 3);
+  Completion got, sent;
+  std::string text;
+  receiveText(*accepted, 100, got, text);
+  run(50);
+  EXPECT_EQ(text, "q=1");
+  sendText(*accepted, "reply", sent);
+  run(50);
+  char buffer[16];
+  struct sctp_rcvinfo in;
+  socklen_t inLength = sizeof in;
+  unsigned int infoType = 0;
+  int flags = 0;
+  ASSERT_EQ(usrsctp_recvv(raw, buffer, sizeof buffer, nullptr, nullptr, &in, &inLength, &infoType, &flags), 5);
+  EXPECT_EQ(std::string(buffer, 5), "reply");
+  ASSERT_EQ(infoType, unsigned(SCTP_RECVV_RCVINFO));
+  EXPECT_EQ(in.rcv_sid, 3);
+  EXPECT_EQ(in.rcv_ppid, 0u);
+  EXPECT_TRUE(flags & MSG_EOR);
 }
 
 TEST_F(StreamData, LargeSendsArriveByteExact) {

@@ -1,4 +1,4 @@
-#include "sctp/conn_address.h"
+#include "sctp/stack_calls.h"
 
 #include <cstring>
 #include <stdexcept>
@@ -23,11 +23,13 @@ SocketAddress fromConnAddress(const sockaddr_conn& address) {
 
 namespace {
 
-SocketAddress firstConnAddress(struct sockaddr* addresses, int count) {
+// The first AF_CONN address of a getladdrs/getpaddrs answer, which is freed.
+SocketAddress firstConnAddress(struct sockaddr* addresses, int count, void (*release)(struct sockaddr*)) {
   SocketAddress result;
   if (count > 0 && addresses && addresses->sa_family == AF_CONN) {
     result = fromConnAddress(*reinterpret_cast<const sockaddr_conn*>(addresses));
   }
+  if (count > 0) release(addresses);
   return result;
 }
 
@@ -36,17 +38,26 @@ SocketAddress firstConnAddress(struct sockaddr* addresses, int count) {
 SocketAddress stackLocalAddress(struct socket* handle) {
   struct sockaddr* addresses = nullptr;
   const int count = usrsctp_getladdrs(handle, 0, &addresses);
-  SocketAddress result = firstConnAddress(addresses, count);
-  if (count > 0) usrsctp_freeladdrs(addresses);
-  return result;
+  return firstConnAddress(addresses, count, usrsctp_freeladdrs);
 }
 
 SocketAddress stackPeerAddress(struct socket* handle) {
   struct sockaddr* addresses = nullptr;
   const int count = usrsctp_getpaddrs(handle, 0, &addresses);
-  SocketAddress result = firstConnAddress(addresses, count);
-  if (count > 0) usrsctp_freepaddrs(addresses);
-  return result;
+  return firstConnAddress(addresses, count, usrsctp_freepaddrs);
+}
+
+ssize_t stackReceive(struct socket* handle, void* buffer, std::size_t size, int& flags, uint16_t& stream) {
+  struct sctp_rcvinfo info;
+  socklen_t infoLength = sizeof info;
+  unsigned int infoType = 0;
+  struct sockaddr_conn from;
+  socklen_t fromLength = sizeof from;
+  flags = 0;
+  const ssize_t got = usrsctp_recvv(handle, buffer, size, reinterpret_cast<sockaddr*>(&from), &fromLength, &info,
+                                    &infoLength, &infoType, &flags);
+  if (got > 0 && infoType == SCTP_RECVV_RCVINFO) stream = info.rcv_sid;
+  return got;
 }
 
 }  // namespace quorvel
