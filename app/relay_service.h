@@ -12,6 +12,8 @@
 #include "http/http_client.h"
 #include "http/http_forwarder.h"
 #include "http/web_handler_container.h"
+#include "ice/connect_request_handler.h"
+#include "ice/ice_session_manager.h"
 #include "ice/session.h"
 #include "net/async_socket.h"
 #include "net/buffer_pool.h"
@@ -19,6 +21,7 @@
 #include "net/name_resolver.h"
 #include "revhttp/reverse_http_client.h"
 #include "sctp/sctp_udp_service.h"
+#include "stun/net_stun_agent.h"
 
 namespace quorvel {
 namespace ferrule {
@@ -41,12 +44,6 @@ class RelayService {
 
   AsioReactor& reactor() { return *reactor_; }
 
-  // An ICE session has been established with a remote client: carry SCTP
-  // over it and serve the client's connections. A failure is logged and the
-  // session gets no client connection.
-  void startClientConnection(const ice::SessionPtr& session);
-  std::size_t clientConnectionCount() const { return clientConnections_.size(); }
-
   // The one service of the process, reachable from the SIGINT handler. Set
   // once after construction; dropped by its exit-time destructor.
   static std::shared_ptr<RelayService> instance;
@@ -54,6 +51,10 @@ class RelayService {
  private:
   // A new device key: a fresh relay client replaces the previous one.
   void startRelay(const std::string& key);
+  // An ICE session that a remote client has established with the device:
+  // SCTP is carried over it and the client's connections are served. A
+  // failure is logged and the session gets no client connection.
+  void onNewSession(const ice::SessionPtr& session);
   // Idle: the connection goes, and with it its link, associations and ICE
   // session.
   void onClientConnectionClosed(ClientConnection* connection);
@@ -72,8 +73,11 @@ class RelayService {
   std::shared_ptr<SctpUdpService> sctpService_;
   std::shared_ptr<HttpClient> httpClient_;
   std::shared_ptr<RandomSource> randomSource_;
+  std::shared_ptr<stun::NetStunAgent> stunAgent_;
   std::shared_ptr<LocalNetworkInfo> localNetworkInfo_;
+  std::shared_ptr<ice::IceSessionManager> sessionManager_;
   std::shared_ptr<WebHandlerContainer> handlers_;
+  std::shared_ptr<ConnectRequestHandler> connectHandler_;
   std::shared_ptr<HttpForwarder> forwarder_;
 
   std::unique_ptr<RegistrationFileWatch> registrationWatch_;
