@@ -178,6 +178,11 @@ class VideoOverSctp(unittest.TestCase):
         self.assertEqual(result.status, 0, result)
         self.assertEqual([download["end"] for download in result.downloads], ["complete"] * count, result)
 
+    def assert_body(self, result, path, body):
+        self.assert_complete(result)
+        with open(path, "rb") as f:
+            self.assertEqual(f.read(), body)
+
     def assert_sample(self, result, path):
         self.assert_complete(result)
         self.assertEqual(result.downloads[0]["bytes"], SAMPLE_SIZE, result)
@@ -188,9 +193,7 @@ class VideoOverSctp(unittest.TestCase):
     def test_query_arrives_unchanged(self):
         device = self.start()
         result, path = device.download("cam=2&t=10%2C5")
-        self.assert_complete(result)
-        with open(path, "rb") as f:
-            self.assertEqual(f.read(), b"query=cam=2&t=10%2C5\n")
+        self.assert_body(result, path, b"query=cam=2&t=10%2C5\n")
         device.ferrule.wait_for(r"\[ferrule\] Processing video request: cam=2&t=10%2C5$")
         device.ferrule.wait_for(r"\[ferrule\] Got video response: 200 OK$")
         device.ferrule.wait_for(r"\[ferrule\] Got new SCTP connection from ")
@@ -254,9 +257,7 @@ class VideoOverSctp(unittest.TestCase):
     def test_target_404_and_early_close_end_that_relay_cleanly(self):
         device = self.start()
         result, path = device.download("status=404")
-        self.assert_complete(result)
-        with open(path, "rb") as f:
-            self.assertEqual(f.read(), b"no such video\n")
+        self.assert_body(result, path, b"no such video\n")
         device.ferrule.wait_for(r"\[ferrule\] Got video response: 404 Not Found$")
         mark = device.ferrule.mark()
         result, path = device.download("odd=early")

@@ -2,7 +2,9 @@
 """ferrule-p2pclient on its own: its command line, and each failing step
 with its message and exit status, against canned answers from a small HTTP
 server; then a whole session against the libnice stand-in for the device
-(scripts/harness/nice_device.py), with datagrams both ways.
+(scripts/harness/nice_device.py), with datagrams both ways, and the video
+over SCTP from the stand-in's plain usrsctp sender (--serve): whole, never
+associated (exit 7), and aborted mid-transfer (exit 8).
 
 The outer run makes two namespaces joined by a veth pair, the device's side
 (198.18.9.1) and the client's (198.18.9.2; ICE skips loopback), and runs
