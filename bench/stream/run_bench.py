@@ -12,8 +12,10 @@ ferrule's CPU seconds per GB (utime+stime from /proc around each transfer)
 beside the raw sender's (its own getrusage from query to end); the time from
 the query to the first video byte; ferrule's threads and wakeups per second
 (context switches from /proc/PID/status) while idle with one live session.
+With --slow, also ferrule's peak RSS while a client reads the 100 MB at
+1 MiB/s (about 100 s; the peak is reset first through /proc/PID/clear_refs).
 
-    python3 bench/stream/run_bench.py [--reps N] [FERRULE DEVRELAY P2PCLIENT]
+    python3 bench/stream/run_bench.py [--reps N] [--slow] [FERRULE DEVRELAY P2PCLIENT]
 
 Defaults: the build/ binaries, 3 repetitions. Needs root."""
 import argparse
@@ -113,9 +115,24 @@ def idle_figures(device, seconds=5):
         client.stop()
 
 
+def slow_reader_peak(device):
+    """(RSS before, peak RSS during) in kB of ferrule while the client reads
+    at 1 MiB/s."""
+    pid = device.ferrule.proc.pid
+    with open("/proc/%d/clear_refs" % pid, "w") as f:
+        f.write("5")  # resets VmHWM to the current RSS
+    before = status_field(pid, "VmRSS")
+    result, path = device.download("file=sample.bin", "--rate", "1M", timeout=30, name="slow")
+    if result.status != 0:
+        raise RuntimeError("slow download failed: %r" % result)
+    os.unlink(path)
+    return before, status_field(pid, "VmHWM")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--reps", type=int, default=3)
+    parser.add_argument("--slow", action="store_true", help="also the peak RSS with a 1 MiB/s reader")
     parser.add_argument("binaries", nargs="*", help="FERRULE DEVRELAY P2PCLIENT")
     args = parser.parse_args()
     build = os.path.join(ROOT, "build")
@@ -155,6 +172,9 @@ def main():
               % (median["ferrule-cpu"], median["raw-cpu"], median["ferrule-cpu"] / median["raw-cpu"]))
         print("  first video byte after the query: %d ms" % median["first-byte"])
         print("  idle with one live session: %d threads, %.1f wakeups/s" % (threads, rate))
+        if args.slow:
+            before, peak = slow_reader_peak(device)
+            print("  ferrule RSS with a 1 MiB/s reader: %d kB before, peak %d kB" % (before, peak))
     finally:
         if device is not None:
             device.stop()
