@@ -422,6 +422,8 @@ void NetHttpClientRequest::startSending() {
   std::weak_ptr<NetHttpClientRequest> self = weak();
   BufferChainPtr chain = std::move(whole_);
   whole_.reset();
+  // Kept for retryOnNewConnection(): only a reused connection can have been
+  // closed under us, and only a whole, repeatable request can be sent again.
   if (reused_ && !retried_ && !streaming_ && (method_ == "GET" || method_ == "HEAD")) resend_ = chain;
   connection_->send(chain, [self, attempt = attempt_](int error, std::size_t bytes) {
     if (auto request = self.lock()) request->onSent(error, bytes, false, attempt);
@@ -502,8 +504,11 @@ void NetHttpClientRequest::onSent(int error, std::size_t bytes, bool body, unsig
 }
 
 // A kept connection may have been closed by the server just as it was taken
-// from the pool. A GET or HEAD that got no byte of answer on it goes once
-// more on a new connection.
+// from the pool: a race no caller can avoid, which would otherwise fail a
+// request that never reached the server. A GET or HEAD that got no byte of
+// answer on it goes once more on a new connection; those are safe to repeat,
+// whereas the server may already have acted on any other method. Once only,
+// so that a server that always closes is reported rather than looped on.
 bool NetHttpClientRequest::retryOnNewConnection() {
   if (!resend_ || retried_ || done_) return false;
   QLOG(Log, log::Debug, "0x%x: Kept connection closed by the server, retrying on a new one", id());

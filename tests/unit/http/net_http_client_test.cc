@@ -41,6 +41,7 @@ class NetHttpClientTest : public ::testing::Test {
     log::setLevel("httppool", log::Debug);
     capture = LogCapture::install();
     resolver->names["example"] = {"192.0.2.1"};
+    resolver->names["other"] = {"192.0.2.2"};
     resolver->names["localhost"] = {"::1", "::1", "127.0.0.1", "127.0.0.1"};
   }
   void TearDown() override {
@@ -397,6 +398,24 @@ TEST_F(NetHttpClientTest, RequestsBeyondTheLimitWait) {
   EXPECT_EQ(0u, client->plainPool()->waitingCount());
   EXPECT_EQ("GET /1 HTTP/1.1\r\nHost: example\r\n\r\nGET /2 HTTP/1.1\r\nHost: example\r\n\r\n",
             factory->sockets[1]->sent);
+}
+
+// Idle connections to one host must not keep another waiting for ever.
+TEST_F(NetHttpClientTest, FullPoolClosesTheOldestIdleConnectionForAnotherHost) {
+  Outcome o[3];
+  auto a = get("/a", o[0]);
+  auto b = get("/b", o[1]);
+  factory->sockets[0]->deliver(Ok5);
+  factory->sockets[1]->deliver(Ok5);
+  run();
+  ASSERT_EQ(2u, client->plainPool()->freeCount());
+  auto c = get("/c", o[2], "other");
+  ASSERT_EQ(3u, factory->sockets.size());
+  EXPECT_TRUE(factory->sockets[0]->closed);
+  EXPECT_FALSE(factory->sockets[1]->closed);
+  EXPECT_EQ("GET /c HTTP/1.1\r\nHost: other\r\n\r\n", factory->sockets[2]->sent);
+  EXPECT_EQ(0u, client->plainPool()->waitingCount());
+  EXPECT_EQ(1u, client->plainPool()->freeCount());
 }
 
 // A waiting request that is dropped gives up its place.
