@@ -18,92 +18,34 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
 from harness import outside_client  # noqa: E402
-from harness.processes import stop_process  # noqa: E402
+from harness import certs  # noqa: E402
+from harness.logged_process import LoggedProcess  # noqa: E402
 
 BINARY = None
 SANITIZED = False
 WORK = None
 RELAY = None
+STARTED = 0
 DOMAIN = "relay.test"
 POLL_TIMEOUT = 1.0
 ANSWER_TIMEOUT = 2.5
 
 
-def run(*args):
-    subprocess.run(args, check=True, capture_output=True, cwd=WORK, timeout=60)
-
-
-def make_certificates():
-    """A CA and a server certificate for relay.test and *.relay.test."""
-    run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
-        "-subj", "/CN=ferrule devrelay test CA", "-keyout", "ca.key", "-out", "ca.pem",
-        "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign")
-    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-        "-subj", "/CN=" + DOMAIN, "-keyout", "server.key", "-out", "server.csr")
-    with open(os.path.join(WORK, "server.ext"), "w") as ext:
-        ext.write("subjectAltName=DNS:%s,DNS:*.%s\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n"
-                  % (DOMAIN, DOMAIN))
-    run("openssl", "x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
-        "-days", "2", "-out", "server.pem", "-extfile", "server.ext")
-
-
-class RelayProcess:
-    """ferrule-devrelay on free loopback ports, its log collected line by line."""
-
-    def __init__(self, *extra):
-        self.lines = []
-        self.cond = threading.Condition()
-        self.proc = subprocess.Popen(
-            [BINARY, "-c", os.path.join(WORK, "server.pem"), "-k", os.path.join(WORK, "server.key"),
-             "-d", "127.0.0.1:0", "-p", "127.0.0.1:0", "-o", "127.0.0.1:0",
-             "-P", str(POLL_TIMEOUT), "-a", str(ANSWER_TIMEOUT), "-l", "6", *extra],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self.collector = threading.Thread(target=self._collect, daemon=True)
-        self.collector.start()
-        self.tls_port = self._port("devices \\(TLS\\)")
-        self.plain_port = self._port("devices \\(plain HTTP, reply URLs\\)")
-        self.outside_port = self._port("outside clients")
-
-    def _collect(self):
-        for line in self.proc.stdout:
-            with self.cond:
-                self.lines.append(line.rstrip("\n"))
-                self.cond.notify_all()
-
-    def wait_for(self, pattern, timeout=10.0, start=0):
-        regex = re.compile(pattern)
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while True:
-                for line in self.lines[start:]:
-                    match = regex.search(line)
-                    if match:
-                        return match
-                remaining = deadline - time.monotonic()
-                if remaining <= 0 or self.proc.poll() is not None and not self.cond.wait(0.1):
-                    raise AssertionError("no log line matching %r; log:\n%s" % (pattern, "\n".join(self.lines)))
-                self.cond.wait(min(remaining, 0.2))
-
-    def mark(self):
-        with self.cond:
-            return len(self.lines)
-
-    def _port(self, what):
-        return int(self.wait_for(r"Listening for %s on 127\.0\.0\.1:(\d+)" % what).group(1))
-
-    def peak_rss_kb(self):
-        with open("/proc/%d/status" % self.proc.pid) as status:
-            for line in status:
-                if line.startswith("VmHWM:"):
-                    return int(line.split()[1])
-        return 0
-
-    def stop(self):
-        stop_process(self.proc, signal.SIGTERM)
-        self.collector.join(5)
-        if not self.collector.is_alive():
-            self.proc.stdout.close()
-        return self.proc.returncode
+def start_relay(*extra):
+    """ferrule-devrelay on free loopback ports, once it listens on all three."""
+    global STARTED
+    STARTED += 1
+    relay = LoggedProcess("devrelay-%d" % STARTED,
+                          [BINARY, "-c", os.path.join(WORK, "devrelay-server.pem"),
+                           "-k", os.path.join(WORK, "devrelay-server.key"),
+                           "-d", "127.0.0.1:0", "-p", "127.0.0.1:0", "-o", "127.0.0.1:0",
+                           "-P", str(POLL_TIMEOUT), "-a", str(ANSWER_TIMEOUT), "-l", "6", *extra], WORK)
+    for attribute, what in (("tls_port", "devices \\(TLS\\)"),
+                            ("plain_port", "devices \\(plain HTTP, reply URLs\\)"),
+                            ("outside_port", "outside clients")):
+        pattern = r"Listening for %s on 127\.0\.0\.1:(\d+)" % what
+        setattr(relay, attribute, int(re.search(pattern, relay.wait_for(pattern, timeout=10.0)[0]).group(1)))
+    return relay
 
 
 class HttpConnection:
@@ -112,7 +54,7 @@ class HttpConnection:
     def __init__(self, port, host, tls=False):
         sock = socket.create_connection(("127.0.0.1", port), timeout=20)
         if tls:
-            context = ssl.create_default_context(cafile=os.path.join(WORK, "ca.pem"))
+            context = ssl.create_default_context(cafile=os.path.join(WORK, "devrelay-ca.pem"))
             sock = context.wrap_socket(sock, server_hostname=host)
         self.sock = sock
         self.file = sock.makefile("rb")
@@ -562,7 +504,7 @@ class Failures(unittest.TestCase):
 
 class Options(unittest.TestCase):
     def test_queue_limit_and_reply_host(self):
-        relay = RelayProcess("-q", "1", "-H", "replies.example")
+        relay = start_relay("-q", "1", "-H", "replies.example")
         device = Device("opt1", relay)
         try:
             device.register()
@@ -577,7 +519,7 @@ class Options(unittest.TestCase):
             self.assertEqual(first()[0], 200)
         finally:
             device.close()
-            self.assertEqual(relay.stop(), 0)
+            self.assertEqual(relay.stop(signal.SIGTERM), 0)
 
 
 class CommandLine(unittest.TestCase):
@@ -595,7 +537,7 @@ class CommandLine(unittest.TestCase):
         self.assertIn("Cannot use the certificate /nonexistent.pem", result.stderr)
 
     def test_sigint_stops_cleanly(self):
-        relay = RelayProcess()
+        relay = start_relay()
         relay.proc.send_signal(signal.SIGINT)
         self.assertEqual(relay.proc.wait(10), 0)
         relay.wait_for(r"Got signal 2, stopping")
@@ -612,10 +554,11 @@ def main():
             return 1
     WORK = tempfile.mkdtemp(prefix="devrelay-test-")
     try:
-        make_certificates()
-        RELAY = RelayProcess()
+        certs.make_ca(WORK, "devrelay", "ferrule devrelay test CA")
+        certs.make_server_certificate(WORK, "devrelay", DOMAIN)
+        RELAY = start_relay()
         program = unittest.main(exit=False, verbosity=2)
-        status = RELAY.stop()
+        status = RELAY.stop(signal.SIGTERM)
         if status != 0:
             print("relay exited with %s" % status)
             return 1
@@ -625,7 +568,7 @@ def main():
         return 0
     finally:
         if RELAY:
-            RELAY.stop()
+            RELAY.stop(signal.SIGTERM)
         shutil.rmtree(WORK, ignore_errors=True)
 
 
