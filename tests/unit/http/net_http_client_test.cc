@@ -148,11 +148,6 @@ TEST_F(NetHttpClientTest, ConnectHostGivesNameAndService) {
   reactor->runDue();
   ASSERT_EQ(1u, resolver->lookups.size());
   EXPECT_EQ(std::make_pair(std::string("example"), std::string("8080")), resolver->lookups[0]);
-  // Address literals go straight to a connection.
-  auto literal = client->createRequest("GET", "http", "v6", "[::1]:8081", "/");
-  reactor->runDue();
-  EXPECT_EQ(1u, resolver->lookups.size());
-  EXPECT_EQ("[::1]:8081", factory->last().connectedTo.toString());
 }
 
 TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
