@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """Runs ferrule-devrelay on loopback with a throw-away CA, plays the device in
 Python (TLS, SNI KEY.relay.test) and the outside client with curl."""
-import hashlib
 import os
 import queue
 import re
@@ -22,7 +21,6 @@ from harness import certs  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 
 BINARY = None
-SANITIZED = False
 WORK = None
 RELAY = None
 STARTED = 0
@@ -400,32 +398,6 @@ class Relaying(unittest.TestCase):
             for device in devices:
                 device.close()
 
-    def test_large_download_is_streamed(self):
-        size = 40 * 1024 * 1024
-        block = hashlib.sha256(b"ferrule").digest() * 2048  # 64 KiB
-        device = Device("big1")
-        peak_before = RELAY.peak_rss_kb()
-        try:
-            device.register()
-            outside = curl_async("big1", "/big.bin")
-            _, reply_url, _ = device.poll_request()
-
-            def pieces():
-                yield b"HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: %d\r\n\r\n" % size
-                for _ in range(size // len(block)):
-                    yield block
-            self.assertEqual(Device.reply(reply_url, pieces()), 200)
-            status, _, body = outside()
-            self.assertEqual(status, 200)
-            self.assertEqual(len(body), size)
-            self.assertEqual(hashlib.sha256(body).digest(), hashlib.sha256(block * (size // len(block))).digest())
-        finally:
-            device.close()
-        # Streamed, not stored: the relay's peak memory grows far less than the body's size.
-        # (AddressSanitizer's quarantine keeps freed memory, so only plain builds tell.)
-        if not SANITIZED:
-            self.assertLess(RELAY.peak_rss_kb() - peak_before, 8 * 1024)
-
 
 class Failures(unittest.TestCase):
     def test_unknown_device_gets_502(self):
@@ -496,11 +468,6 @@ class Failures(unittest.TestCase):
         device.close()
         RELAY.wait_for(r"Device drop1 closed its waiting relay GET from", start=started)
 
-    def test_untrusted_client_view_of_the_certificate(self):
-        # The certificate names *.relay.test, so a device using another name must fail verification.
-        with self.assertRaises(ssl.SSLCertVerificationError):
-            HttpConnection(RELAY.tls_port, "key.other.test", tls=True)
-
 
 class Options(unittest.TestCase):
     def test_queue_limit_and_reply_host(self):
@@ -545,9 +512,8 @@ class CommandLine(unittest.TestCase):
 
 
 def main():
-    global BINARY, WORK, RELAY, SANITIZED
+    global BINARY, WORK, RELAY
     BINARY = os.path.abspath(sys.argv.pop(1))
-    SANITIZED = b"libasan" in subprocess.run(["ldd", BINARY], capture_output=True, timeout=10).stdout
     for tool in ("curl", "openssl"):
         if not shutil.which(tool):
             print("missing %s (see scripts/packages/devrelay.txt)" % tool)
