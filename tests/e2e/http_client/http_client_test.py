@@ -3,15 +3,14 @@
 http_client_driver program (one JSON line per request, log on stderr)."""
 import json
 import os
-import random
 import socket
 import subprocess
 import sys
-import threading
 import unittest
 import zlib
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
+from harness import certs  # noqa: E402
 from harness.nginx import Nginx, free_port  # noqa: E402
 
 DRIVER = None
@@ -144,110 +143,6 @@ class Exchanges(unittest.TestCase):
         self.assertLess(summary["max_rss_kb"], 16 * 1024)
 
 
-class RawServer:
-    """A loopback HTTP server that answers from a table of canned byte
-    strings, for responses no real server sends. It records which connection
-    each request came on."""
-
-    ANSWERS = {
-        "/ok": b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello",
-        "/bad": b"HTTP/1.1 2x0 OK\r\nContent-Length: 5\r\n\r\nhello",
-        "/truncated": b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhello",
-        "/huge": b"HTTP/1.1 200 OK\r\nX-Filler: " + b"a" * 70000,
-        "/badchunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhelloXX",
-    }
-    CLOSE_AFTER = {"/truncated"}
-
-    def __init__(self):
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.listener.settimeout(0.2)
-        self.port = self.listener.getsockname()[1]
-        self.requests = []  # (connection number, path)
-        self.stopping = False
-        self.threads = []
-        self.acceptor = threading.Thread(target=self._accept, daemon=True)
-        self.acceptor.start()
-
-    def _accept(self):
-        number = 0
-        while not self.stopping:
-            try:
-                conn, _ = self.listener.accept()
-            except OSError:
-                continue
-            number += 1
-            thread = threading.Thread(target=self._serve, args=(conn, number), daemon=True)
-            thread.start()
-            self.threads.append(thread)
-
-    def _serve(self, conn, number):
-        conn.settimeout(10)
-        data = b""
-        with conn:
-            while not self.stopping:
-                try:
-                    piece = conn.recv(65536)
-                except OSError:
-                    return
-                if not piece:
-                    return
-                data += piece
-                while b"\r\n\r\n" in data:
-                    head, data = data.split(b"\r\n\r\n", 1)
-                    path = head.split(b" ")[1].decode()
-                    self.requests.append((number, path))
-                    try:
-                        conn.sendall(self.ANSWERS[path])
-                    except OSError:
-                        return
-                    if path in self.CLOSE_AFTER:
-                        return
-
-    def stop(self):
-        self.stopping = True
-        self.acceptor.join(5)
-        for thread in self.threads:
-            thread.join(5)
-        self.listener.close()
-
-
-class BadResponses(unittest.TestCase):
-    def test_each_bad_response_fails_its_request_and_its_connection_only(self):
-        server = RawServer()
-        try:
-            paths = ["/ok", "/bad", "/ok", "/truncated", "/ok", "/huge", "/ok", "/badchunk", "/ok"]
-            urls = ["http://127.0.0.1:%d%s" % (server.port, p) for p in paths]
-            results, _, log = drive("-n", str(len(paths)), "-l", "4", *urls)
-        finally:
-            server.stop()
-        codes = [(paths[r["i"]], r["code"]) for r in results]
-        self.assertEqual([("/ok", 0), ("/bad", 6), ("/ok", 0), ("/truncated", 8), ("/ok", 0), ("/huge", 7),
-                          ("/ok", 0), ("/badchunk", 8), ("/ok", 0)], codes)
-        self.assertIn("Bad HTTP response format", log)
-        self.assertIn("No end of the response head in", log)
-        self.assertEqual(2, log.count("Malformed or truncated response body"))
-        # A connection that carried a bad answer carried nothing after it.
-        for index, (number, path) in enumerate(server.requests):
-            if path != "/ok":
-                later = [p for n, p in server.requests[index + 1:] if n == number]
-                self.assertEqual([], later, path)
-        # The good ones share connections: the first /ok's is used again.
-        self.assertEqual(server.requests[0][0], server.requests[1][0])
-
-
-# A CA, a second CA nobody trusts, and a certificate for "localhost" (only:
-# 127.0.0.1 is the wrong name for it).
-CERTIFICATES = """set -e
-printf 'basicConstraints = CA:FALSE\\nsubjectAltName = DNS:localhost\\nextendedKeyUsage = serverAuth\\n' > server.ext
-key="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
-ca="-addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign -days 2"
-openssl req -x509 $key $ca -subj "/CN=Client test CA" -keyout ca.key -out ca.pem
-openssl req -x509 $key $ca -subj "/CN=Other CA" -keyout other.key -out other.pem
-openssl req -new $key -subj "/CN=localhost" -keyout server.key -out server.csr
-openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 -extfile server.ext -out server.pem
-"""
-
-
 class Https(unittest.TestCase):
     """nginx with TLS and a certificate from a CA made here."""
 
@@ -255,8 +150,10 @@ class Https(unittest.TestCase):
     def setUpClass(cls):
         cls.server = Nginx(locations='location = /ok { return 200 "secret\\n"; }')
         work = cls.server.work
-        subprocess.run(["sh", "-c", CERTIFICATES], cwd=work, check=True, capture_output=True, timeout=60)
-        cls.server.tls = (os.path.join(work, "server.pem"), os.path.join(work, "server.key"))
+        # A certificate for "localhost" only: 127.0.0.1 is the wrong name for it.
+        certs.make_ca(work, "other", "Other CA")
+        certs.make_ca(work, "client", "Client test CA")
+        cls.server.tls = certs.make_server_certificate(work, "client", "localhost")
         cls.server.__enter__()
 
     @classmethod
@@ -269,7 +166,7 @@ class Https(unittest.TestCase):
     def test_trusted_server_answers_over_one_kept_connection(self):
         before = len(self.server.access_log())
         results, _, log = drive("-n", "2", "-l", "6", "https://localhost:%d/ok" % self.server.port,
-                                env=self.trusting("ca.pem"))
+                                env=self.trusting("client-ca.pem"))
         self.assertEqual([(200, 0, crc(b"secret\n"))] * 2, [(r["status"], r["code"], r["crc"]) for r in results])
         self.assertEqual(1, log.count("Created new connection"))
         lines = self.server.wait_for_log(before + 2)[before:]
@@ -277,7 +174,7 @@ class Https(unittest.TestCase):
 
     def test_unknown_ca_and_wrong_name_fail_before_anything_is_sent(self):
         before = len(self.server.access_log())
-        cases = (("https://localhost:%d/ok", "other.pem"), ("https://127.0.0.1:%d/ok", "ca.pem"))
+        cases = (("https://localhost:%d/ok", "other-ca.pem"), ("https://127.0.0.1:%d/ok", "client-ca.pem"))
         for url, ca in cases:
             results, _, log = drive("-l", "6", url % self.server.port, env=self.trusting(ca))
             self.assertEqual((0, 2, "Connection failed"),
