@@ -1,6 +1,7 @@
 #include "app/relay_service.h"
 
 #include "core/log.h"
+#include "ice/session_timing.h"
 #include "http/net_http_client.h"
 #include "net/asio_socket_factory.h"
 #include "net/asio_ssl_socket_factory.h"
@@ -34,9 +35,17 @@ RelayService::RelayService(const std::string& registrationFile, const std::strin
       bufferPool_(std::make_shared<BufferPool>(512, 0, 0)),
       httpClient_(std::make_shared<NetHttpClient>(reactor_, bufferPool_, socketFactory_, sslSocketFactory_, resolver_)),
       randomSource_(std::make_shared<PseudoRandomSource>(reactor_->timeProvider())),
+      stunAgent_(std::make_shared<stun::NetStunAgent>(reactor_, bufferPool_, ice::AgentSendInterval)),
       localNetworkInfo_(std::make_shared<LinuxLocalNetworkInfo>()),
+      sessionManager_(std::make_shared<ice::IceSessionManager>(reactor_, socketFactory_, stunAgent_,
+                                                               localNetworkInfo_, resolver_, randomSource_,
+                                                               stunServer_)),
       handlers_(std::make_shared<WebHandlerContainer>()),
-      forwarder_(std::make_shared<HttpForwarder>(reactor_, httpClient_, targetHost_)) {
+      connectHandler_(std::make_shared<ConnectRequestHandler>(reactor_, sessionManager_)) {
+  connectHandler_->setSessionEstablishedCallback([this](const ice::SessionPtr& session) { onNewSession(session); });
+  connectHandler_->setCleanupDelay(Duration::milliseconds(100));
+  handlers_->addHandler(connectHandler_);
+  forwarder_ = std::make_shared<HttpForwarder>(reactor_, httpClient_, targetHost_);
   handlers_->addHandler(forwarder_);
   registrationWatch_ = std::make_unique<RegistrationFileWatch>(
       reactor_, registrationFile_, [this](const std::string& key) { startRelay(key); });
@@ -48,8 +57,13 @@ RelayService::~RelayService() {
   relayClient_.reset();
   registrationWatch_.reset();
   forwarder_.reset();
+  for (const ice::SessionPtr& session : sessions_) session->close();
+  sessions_.clear();
+  connectHandler_.reset();
   handlers_.reset();
+  sessionManager_.reset();
   localNetworkInfo_.reset();
+  stunAgent_.reset();
   randomSource_.reset();
   httpClient_.reset();
   resolver_.reset();
@@ -64,6 +78,12 @@ void RelayService::startRelay(const std::string& key) {
                                                      relayRegistrationUrl(key, relayUrlBase_), key);
   relayClient_->setRequestHandler(handlers_);
   relayClient_->start();
+}
+
+void RelayService::onNewSession(const ice::SessionPtr& session) {
+  QLOG(Log, log::Notice, "New session established: %s <-> %s", session->localAddress().toString(),
+       session->remoteAddress().toString());
+  sessions_.push_back(session);
 }
 
 void RelayService::run() {

@@ -10,11 +10,15 @@
 #include "http/http_client.h"
 #include "http/http_forwarder.h"
 #include "http/web_handler_container.h"
+#include "ice/connect_request_handler.h"
+#include "ice/ice_session_manager.h"
+#include "ice/session.h"
 #include "net/async_socket.h"
 #include "net/buffer_pool.h"
 #include "net/local_network_info.h"
 #include "net/name_resolver.h"
 #include "revhttp/reverse_http_client.h"
+#include "stun/net_stun_agent.h"
 
 namespace quorvel {
 namespace ferrule {
@@ -44,6 +48,8 @@ class RelayService {
  private:
   // A new device key: a fresh relay client replaces the previous one.
   void startRelay(const std::string& key);
+  // An ICE session that a remote client has established with the device.
+  void onNewSession(const ice::SessionPtr& session);
 
   const std::string registrationFile_;
   const std::string targetHost_;
@@ -58,12 +64,17 @@ class RelayService {
   std::shared_ptr<BufferPool> bufferPool_;
   std::shared_ptr<HttpClient> httpClient_;
   std::shared_ptr<RandomSource> randomSource_;
+  std::shared_ptr<stun::NetStunAgent> stunAgent_;
   std::shared_ptr<LocalNetworkInfo> localNetworkInfo_;
+  std::shared_ptr<ice::IceSessionManager> sessionManager_;
   std::shared_ptr<WebHandlerContainer> handlers_;
+  std::shared_ptr<ConnectRequestHandler> connectHandler_;
   std::shared_ptr<HttpForwarder> forwarder_;
 
   std::unique_ptr<RegistrationFileWatch> registrationWatch_;
   std::shared_ptr<ReverseHttpClient> relayClient_;
+  // Established sessions, until a transport takes them over.
+  std::vector<ice::SessionPtr> sessions_;
 
   LifetimeToken lifetime_ = makeLifetimeToken();
 };

@@ -95,6 +95,10 @@ def outer(ferrule, devrelay):
         namespace.remove()
         shutil.rmtree(work, ignore_errors=True)
         say("removed namespace %s, /etc/netns/%s and %s" % (name, name, work))
+        # Everything is gone: a Ctrl-C that comes now must not turn the exit
+        # status into death by signal while the interpreter shuts down.
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        signal.signal(signal.SIGTERM, signal.SIG_IGN)
     return status
 
 

@@ -53,11 +53,16 @@ class Demo(unittest.TestCase):
             if "Ctrl-C stops everything" in line or time.monotonic() > deadline:
                 break
         demo.send_signal(signal.SIGINT)
-        time.sleep(0.1)
+        # The second one lands while the clean-up is under way.
+        for line in demo.stdout:
+            lines.append(line)
+            if line.startswith("demo: stopping") or time.monotonic() > deadline:
+                break
         demo.send_signal(signal.SIGINT)
         rest, _ = demo.communicate(timeout=60)
         output = "".join(lines) + rest
         self.assertEqual(demo.returncode, 0, output)
+        self.assertIn("still stopping, please wait", output)
         self.assertIn("ferrule stopped with status 0", output)
         self.check_cleaned_up(output)
 

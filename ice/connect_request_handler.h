@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "core/delegate.h"
+#include "core/lifetime.h"
+#include "core/reactor.h"
+#include "http/web_request.h"
+#include "ice/ice_session_manager.h"
+#include "ice/session.h"
+
+namespace quorvel {
+
+// The "/sg/" resources: a POST to "/sg/sessions" carries a remote client's
+// ICE description; the answer (201) carries the device's once its
+// candidates are gathered, and the session, once established, goes to the
+// established-session callback. Answers: 400 for a description that does
+// not parse, 404 for other resources under "/sg/", 405 for other methods,
+// 500 for a session that fails before the answer.
+class ConnectRequestHandler : public WebRequestHandler {
+ public:
+  using SessionCallback = Delegate<void(const ice::SessionPtr& session)>;
+
+  // Bodies longer than this are not descriptions (a hundred candidates take
+  // under 8 KB) and are refused like any unparsable text.
+  static constexpr std::size_t MaxBodySize = 64 * 1024;
+
+  ConnectRequestHandler(std::shared_ptr<Reactor> reactor, std::shared_ptr<ice::IceSessionManager> manager);
+  ~ConnectRequestHandler() override;
+  ConnectRequestHandler(const ConnectRequestHandler&) = delete;
+  ConnectRequestHandler& operator=(const ConnectRequestHandler&) = delete;
+
+  bool handle(const std::shared_ptr<WebRequest>& request) override;
+
+  void setSessionEstablishedCallback(const SessionCallback& callback) { established_ = callback; }
+  // How long a finished request's record (and a failed session) lingers
+  // before it is destroyed: never inside the callback that finished it.
+  void setCleanupDelay(Duration delay) { cleanupDelay_ = delay; }
+
+  // Requests whose session is neither established nor failed yet.
+  std::size_t pendingCount() const { return pending_.size(); }
+
+ private:
+  struct Pending;
+  using PendingPtr = std::shared_ptr<Pending>;
+
+  void startSession(const PendingPtr& pending, const std::string& body);
+  void onBody(const std::weak_ptr<Pending>& weak, const BufferChainPtr& piece, bool end);
+  void onEvent(const std::weak_ptr<Pending>& weak, ice::Session::Event event);
+  void finish(const PendingPtr& pending);
+
+  std::shared_ptr<Reactor> reactor_;
+  std::shared_ptr<ice::IceSessionManager> manager_;
+  SessionCallback established_;
+  Duration cleanupDelay_ = Duration::milliseconds(100);
+  std::list<PendingPtr> pending_;
+  LifetimeToken token_ = makeLifetimeToken();
+};
+
+}  // namespace quorvel

@@ -1,0 +1,228 @@
+#include "ice/connect_request_handler.h"
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ice/session_description.h"
+#include "tests/support/http_fakes.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/manual_reactor.h"
+
+namespace quorvel {
+namespace {
+
+using ice::Session;
+using testing::FakeWebRequest;
+
+const char* const Description =
+    "candidate=1 1 UDP 2130706431 198.51.100.2 6000 typ host\n"
+    "candidate=2 1 UDP 1694498815 203.0.113.2 6001 typ srflx\n"
+    "userfrag=peer\npassword=peerpasswordpeerpassword\n";
+
+class FakeSession : public Session {
+ public:
+  void setRemoteDescription(const ice::SessionDescription& description) override { remote = description; }
+  void start(const EventCallback& callback) override {
+    if (throwOnStart) throw std::logic_error("ICE session already started");
+    this->callback = callback;
+  }
+  const ice::SessionDescription& localDescription() const override { return local; }
+  SocketAddress localAddress() const override { return SocketAddress(AF_INET, "10.0.0.2", 5000); }
+  SocketAddress remoteAddress() const override { return SocketAddress(AF_INET, "198.51.100.2", 6000); }
+  void setDatagramHandler(const DatagramHandler&) override {}
+  bool sendDatagram(const uint8_t*, std::size_t) override { return false; }
+  void close() override { ++closes; }
+
+  ice::SessionDescription remote;
+  ice::SessionDescription local;
+  EventCallback callback;
+  bool throwOnStart = false;
+  int closes = 0;
+};
+
+class FakeFactory : public ice::SessionFactory {
+ public:
+  ice::SessionPtr createSession() override {
+    auto session = std::make_shared<FakeSession>();
+    session->throwOnStart = throwOnStart;
+    session->local.candidates.push_back(std::make_shared<ice::Candidate>(
+        ice::CandidateType::Host, SocketAddress(AF_INET, "10.0.0.2", 5000), 2130706177u, "h1"));
+    session->local.userFragment = "devi";
+    session->local.password = "devicepassworddevicepas";
+    sessions.push_back(session);
+    return session;
+  }
+  std::vector<std::shared_ptr<FakeSession>> sessions;
+  bool throwOnStart = false;
+};
+
+class ConnectRequestHandlerTest : public ::testing::Test {
+ protected:
+  ConnectRequestHandlerTest() {
+    log::setLevel("connreqhandler", log::Debug);
+    handler_->setSessionEstablishedCallback([this](const ice::SessionPtr& s) { established_.push_back(s); });
+  }
+
+  static std::shared_ptr<FakeWebRequest> request(const std::string& method, const std::string& target,
+                                                 bool withBody = false) {
+    return FakeWebRequest::make(method + " " + target + " HTTP/1.1\r\nHost: dev\r\n" +
+                                (withBody ? "Transfer-Encoding: chunked\r\n" : "") + "\r\n");
+  }
+
+  // A POST whose body arrives in pieces of `piece` bytes.
+  std::shared_ptr<FakeWebRequest> post(const std::string& body, std::size_t piece = 7) {
+    const auto r = request("POST", "/sg/sessions", true);
+    EXPECT_TRUE(handler_->handle(r));
+    for (std::size_t i = 0; i < body.size(); i += piece) r->pushBody(body.substr(i, piece));
+    r->endBody();
+    return r;
+  }
+
+  std::shared_ptr<testing::ManualReactor> reactor_ = std::make_shared<testing::ManualReactor>();
+  std::shared_ptr<FakeFactory> factory_ = std::make_shared<FakeFactory>();
+  std::shared_ptr<ConnectRequestHandler> handler_ =
+      std::make_shared<ConnectRequestHandler>(reactor_, std::make_shared<ice::IceSessionManager>(factory_));
+  std::vector<ice::SessionPtr> established_;
+};
+
+TEST_F(ConnectRequestHandlerTest, DispatchesByPathAndMethod) {
+  const struct {
+    const char* method;
+    const char* target;
+    bool taken;
+    uint32_t code;  // 0: no answer (yet)
+    const char* reason;
+  } table[] = {
+      {"GET", "/sg/sessions", true, 405, "Method not supported"},
+      {"PUT", "/sg/sessions", true, 405, "Method not supported"},
+      {"POST", "/sg/other", true, 404, "Resource not found"},
+      {"POST", "/sg/sessions/1", true, 404, "Resource not found"},
+      {"POST", "/sg/sessions?x=1", true, 0, ""},
+      {"GET", "/index.html", false, 0, ""},
+      {"POST", "/sgsessions", false, 0, ""},
+      {"GET", "/sg", false, 0, ""},
+  };
+  for (const auto& row : table) {
+    const auto r = request(row.method, row.target);
+    EXPECT_EQ(row.taken, handler_->handle(r)) << row.method << " " << row.target;
+    if (!row.code) {
+      EXPECT_EQ(0, r->responses) << row.target;
+      continue;
+    }
+    ASSERT_TRUE(r->response) << row.target;
+    EXPECT_EQ(row.code, r->response->headers().statusCode()) << row.target;
+    EXPECT_EQ(row.reason, r->response->headers().reason().str()) << row.target;
+  }
+}
+
+TEST_F(ConnectRequestHandlerTest, AnswersWithTheDeviceDescriptionOnceGathered) {
+  const auto r = post(Description);
+  ASSERT_EQ(1u, factory_->sessions.size());
+  const auto& session = factory_->sessions[0];
+  EXPECT_EQ(2u, session->remote.candidates.size());
+  EXPECT_EQ("peer", session->remote.userFragment);
+  EXPECT_EQ(0, r->responses);
+
+  session->callback(Session::Event::CandidatesGathered);
+  ASSERT_EQ(1, r->responses);
+  EXPECT_EQ(201u, r->response->headers().statusCode());
+  EXPECT_EQ("candidate=h1 1 UDP 2130706177 10.0.0.2 5000 typ host\nuserfrag=devi\npassword=devicepassworddevicepas\n",
+            r->response->bodyText());
+  EXPECT_EQ((std::vector<std::string>{"text/plain"}), testing::fieldValues(r->response->headers(), "Content-Type"));
+
+  // A failure after the answer sends nothing more.
+  session->callback(Session::Event::Failed);
+  EXPECT_EQ(1, r->responses);
+  EXPECT_EQ(0u, handler_->pendingCount());
+  EXPECT_EQ(1, session->closes);
+  EXPECT_TRUE(established_.empty());
+}
+
+TEST_F(ConnectRequestHandlerTest, HandsEstablishedSessionsOn) {
+  post(Description, 1000);
+  const auto session = factory_->sessions.at(0);
+  session->callback(Session::Event::CandidatesGathered);
+  session->callback(Session::Event::Established);
+  ASSERT_EQ(1u, established_.size());
+  EXPECT_EQ(session, established_[0]);
+  EXPECT_EQ(0, session->closes);
+  EXPECT_EQ(0u, handler_->pendingCount());
+}
+
+TEST_F(ConnectRequestHandlerTest, RefusesWhatDoesNotParse) {
+  const std::string tooLong(ConnectRequestHandler::MaxBodySize + 1, '\n');
+  for (const std::string& body : {std::string("nonsense\n"), std::string("candidate=1 1 UDP x 1.2.3.4 5 typ host\n"),
+                                  std::string("candidate=1 1 UDP 1 1.2.3.4 5 typ bogus\n"),
+                                  std::string("candidate=1 1 UDP 1 1.2.3.999 5 typ host\n"),
+                                  std::string("userfrag=\n"), tooLong}) {
+    const auto r = post(body, 4096);
+    ASSERT_EQ(1, r->responses) << body.substr(0, 40);
+    EXPECT_EQ(400u, r->response->headers().statusCode());
+    EXPECT_EQ("Unable to parse session information", r->response->headers().reason().str());
+  }
+  EXPECT_TRUE(factory_->sessions.empty());
+  EXPECT_EQ(0u, handler_->pendingCount());
+}
+
+TEST_F(ConnectRequestHandlerTest, EarlyFailuresAnswer500) {
+  const auto failed = post(Description);
+  factory_->sessions.at(0)->callback(Session::Event::Failed);
+  ASSERT_EQ(1, failed->responses);
+  EXPECT_EQ(500u, failed->response->headers().statusCode());
+  EXPECT_EQ(1, factory_->sessions[0]->closes);
+
+  factory_->throwOnStart = true;
+  const auto r = post(Description);
+  ASSERT_EQ(1, r->responses);
+  EXPECT_EQ(500u, r->response->headers().statusCode());
+  EXPECT_EQ(0u, handler_->pendingCount());
+}
+
+TEST_F(ConnectRequestHandlerTest, AClientGoneBeforeTheAnswerEndsTheSession) {
+  const auto r = post(Description);
+  r->active = false;
+  factory_->sessions.at(0)->callback(Session::Event::CandidatesGathered);
+  EXPECT_EQ(0, r->responses);
+  EXPECT_EQ(1, factory_->sessions[0]->closes);
+  EXPECT_EQ(0u, handler_->pendingCount());
+}
+
+TEST_F(ConnectRequestHandlerTest, LogLinesAndLevels) {
+  const auto capture = testing::LogCapture::install();
+  handler_->handle(request("GET", "/x"));
+  handler_->handle(request("GET", "/sg/sessions"));
+  handler_->handle(request("POST", "/sg/x"));
+  post("bad\n");
+  post(Description);
+  auto session = factory_->sessions.back();
+  session->callback(Session::Event::CandidatesGathered);
+  session->callback(Session::Event::Established);
+  post(Description);
+  factory_->sessions.back()->callback(Session::Event::Failed);
+
+  const std::vector<std::pair<int, std::string>> expected = {
+      {log::Debug, "Request for /x is not for us"},
+      {log::Debug, "GET method not supported for sessions resource"},
+      {log::Debug, "Resource not found: /sg/x"},
+      {log::Debug, "Handling new session request"},
+      {log::Notice, "Failed to parse session input:\nbad\n"},
+      {log::Debug, "Handling new session request"},
+      {log::Debug, "Processing session request with 2 candidates"},
+      {log::Debug, "Found candidates, starting connectivity checks"},
+      {log::Info, "ICE session established: 10.0.0.2:5000 <-> 198.51.100.2:6000"},
+      {log::Debug, "Handling new session request"},
+      {log::Debug, "Processing session request with 2 candidates"},
+      {log::Info, "ICE session failed"},
+  };
+  std::vector<std::pair<int, std::string>> got;
+  for (const auto& line : capture->lines()) {
+    if (line.log == "connreqhandler") got.emplace_back(line.level, line.message);
+  }
+  EXPECT_EQ(expected, got);
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,536 @@
+#include "ice/net_session.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ice/check_messages.h"
+#include "ice/session_timing.h"
+#include "net/buffer_pool.h"
+#include "stun/integrity.h"
+#include "stun/net_stun_agent.h"
+#include "tests/support/log_capture.h"
+#include "tests/unit/ice/fake_udp_network.h"
+
+namespace quorvel {
+namespace ice {
+namespace {
+
+using stun::Message;
+using testing::FakeUdpNetwork;
+
+const SocketAddress StunServer(AF_INET, "192.0.2.100", 3478);
+const SocketAddress Peer(AF_INET, "198.51.100.2", 6000);
+const std::string PeerFragment = "peerfrag";
+const std::string PeerPassword = "peerpasswordpeerpassword";
+
+Message parsed(const std::vector<uint8_t>& bytes) {
+  Message message;
+  message.parse(bytes.data(), bytes.size());
+  return message;
+}
+
+// The remote client's side, played by the test: a few lines of ICE that
+// answer checks and check back.
+struct ScriptedPeer {
+  SocketAddress address = Peer;
+  bool answer = true;
+  bool checkBack = true;
+  // Where answers come from (another port shows a broken path).
+  SocketAddress answerFrom = Peer;
+  // What the answers say the check came from; empty: the truth.
+  SocketAddress mapped;
+  uint64_t tieBreaker = 1;
+  std::vector<Message> received;
+  std::vector<std::vector<uint8_t>> data;
+  int useCandidates = 0;
+};
+
+class NetSessionTest : public ::testing::Test {
+ protected:
+  NetSessionTest() {
+    log::setLevel("icesession", log::Debug);
+    networkInfo_->add("eth0", AF_INET, "10.0.0.2");
+    resolver_->addresses = {StunServer};
+    network_.addResponder(StunServer, [this](const SocketAddress& from, const std::vector<uint8_t>& bytes) {
+      ++stunRequests_;
+      if (!stunAnswers_) return;
+      Message request = parsed(bytes);
+      Message response(Message::SuccessResponse, Message::MethodBinding, request.transactionId());
+      response.addXorMappedAddress(from);
+      network_.send(StunServer, from, response.data(), response.size());
+    });
+  }
+
+  std::shared_ptr<NetSession> makeSession(const std::vector<CandidatePtr>& remoteCandidates) {
+    NetSession::Dependencies deps{reactor_, factory_, agent_, networkInfo_, resolver_, random_, "stun.test"};
+    auto session = std::make_shared<NetSession>(deps);
+    SessionDescription remote;
+    remote.candidates = remoteCandidates;
+    remote.userFragment = PeerFragment;
+    remote.password = PeerPassword;
+    session->setRemoteDescription(remote);
+    return session;
+  }
+
+  static CandidatePtr remote(const SocketAddress& address, uint32_t priority = 2130706431u) {
+    return std::make_shared<Candidate>(CandidateType::Host, address, priority, "r1");
+  }
+
+  void start(const std::shared_ptr<NetSession>& session) {
+    session->start([this](Session::Event event) {
+      events_.push_back(event);
+      eventTimes_.push_back(reactor_->clock().now());
+    });
+  }
+
+  void play(ScriptedPeer& peer, const std::shared_ptr<NetSession>& session) {
+    network_.addResponder(peer.address, [this, &peer, session](const SocketAddress& from,
+                                                               const std::vector<uint8_t>& bytes) {
+      if (!stun::isStunMessage(bytes.data(), bytes.size(), false)) {
+        peer.data.push_back(bytes);
+        return;
+      }
+      Message message = parsed(bytes);
+      peer.received.push_back(message);
+      if (message.messageClass() != Message::Request) return;
+      if (message.findAttribute(Message::UseCandidate)) ++peer.useCandidates;
+      if (peer.answer) {
+        Message response(Message::SuccessResponse, Message::MethodBinding, message.transactionId());
+        response.addXorMappedAddress(peer.mapped.valid() ? peer.mapped : from);
+        stun::addMessageIntegrity(response, PeerPassword);
+        stun::addFingerprint(response);
+        network_.send(peer.answerFrom, from, response.data(), response.size());
+      }
+      if (peer.checkBack) {
+        peer.checkBack = false;
+        sendCheck(peer.address, from, session->localDescription(), false, peer.tieBreaker);
+      }
+    });
+  }
+
+  // A check from the peer as a controlled RFC 5245 agent sends it, or with
+  // the given role.
+  stun::MessagePtr sendCheck(const SocketAddress& from, const SocketAddress& to, const SessionDescription& local,
+                             bool controlling, uint64_t tieBreaker, uint32_t priority = 1862270975u,
+                             bool useCandidate = false) {
+    CheckParameters parameters;
+    parameters.userName = local.userFragment + ":" + PeerFragment;
+    parameters.key = local.password;
+    parameters.priority = priority;
+    parameters.controlling = controlling;
+    parameters.tieBreaker = tieBreaker;
+    parameters.useCandidate = useCandidate;
+    stun::MessagePtr check = makeCheckRequest(*random_, parameters);
+    network_.send(from, to, check->data(), check->size());
+    return check;
+  }
+
+  std::shared_ptr<testing::ManualReactor> reactor_ = std::make_shared<testing::ManualReactor>();
+  FakeUdpNetwork network_{*reactor_};
+  std::shared_ptr<testing::FakeUdpFactory> factory_ = std::make_shared<testing::FakeUdpFactory>(network_);
+  std::shared_ptr<testing::FakeNetworkInfo> networkInfo_ = std::make_shared<testing::FakeNetworkInfo>();
+  std::shared_ptr<testing::FakeResolver> resolver_ = std::make_shared<testing::FakeResolver>(*reactor_);
+  std::shared_ptr<BufferPool> pool_ = std::make_shared<BufferPool>(512, 0, 0);
+  std::shared_ptr<stun::NetStunAgent> agent_ =
+      std::make_shared<stun::NetStunAgent>(reactor_, pool_, AgentSendInterval);
+  std::shared_ptr<RandomSource> random_ = std::make_shared<PseudoRandomSource>(42u);
+  std::vector<Session::Event> events_;
+  std::vector<Time> eventTimes_;
+  int stunRequests_ = 0;
+  bool stunAnswers_ = true;
+};
+
+TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
+  networkInfo_->add("lo", AF_INET, "127.0.0.1", true, true);
+  networkInfo_->add("eth1", AF_INET, "10.0.1.2", false);
+  networkInfo_->add("eth0", AF_INET6, "2001:db8::2");
+  networkInfo_->add("eth0", AF_INET6, "fe80::2");
+  networkInfo_->add("eth0", AF_INET, "10.0.0.2");  // an alias listed twice
+  resolver_->addresses = {StunServer, SocketAddress(AF_INET6, "2001:db8::100", 3478)};
+  network_.addResponder(SocketAddress(AF_INET6, "2001:db8::100", 3478),
+                        [this](const SocketAddress& from, const std::vector<uint8_t>& bytes) {
+                          Message response(Message::SuccessResponse, Message::MethodBinding,
+                                           parsed(bytes).transactionId());
+                          response.addXorMappedAddress(from);  // no NAT: the host address itself
+                          network_.send(SocketAddress(AF_INET6, "2001:db8::100", 3478), from, response.data(),
+                                        response.size());
+                        });
+  network_.addNat(SocketAddress(AF_INET, "10.0.0.2", 40000), SocketAddress(AF_INET, "203.0.113.5", 50000));
+  const auto session = makeSession({remote(Peer)});
+  const Time begin = reactor_->clock().now();
+  start(session);
+  EXPECT_THROW(start(session), std::logic_error);
+  reactor_->advance(Duration::milliseconds(50));
+
+  ASSERT_EQ(1u, events_.size());
+  EXPECT_EQ(Session::Event::CandidatesGathered, events_[0]);
+  EXPECT_LT(eventTimes_[0] - begin, Duration::milliseconds(20));
+  const SessionDescription& local = session->localDescription();
+  EXPECT_EQ(8u, local.userFragment.size());
+  EXPECT_EQ(24u, local.password.size());
+  EXPECT_EQ("candidate=h1 1 UDP 2130706177 10.0.0.2 40000 typ host\n"
+            "candidate=h2 1 UDP 2130705921 2001:db8::2 40001 typ host\n"
+            "candidate=s1 1 UDP 1694498561 203.0.113.5 50000 typ srflx\n"
+            "userfrag=" + local.userFragment + "\npassword=" + local.password + "\n",
+            printDescription(local));
+  EXPECT_EQ(SocketAddress(AF_INET, "10.0.0.2", 40000), local.candidates[2]->base);
+}
+
+TEST_F(NetSessionTest, GatheringEndsInBoundedTimeWhateverTheServerDoes) {
+  const struct {
+    const char* name;
+    bool resolverSilent;
+    bool resolves;
+    bool serverAnswers;
+    int64_t expectedMs;
+  } table[] = {
+      {"server answers", false, true, true, 15},
+      {"server silent", false, true, false, 1000},
+      {"resolver silent", true, true, true, 1000},
+      {"name unknown", false, false, true, 15},
+  };
+  for (const auto& row : table) {
+    events_.clear();
+    eventTimes_.clear();
+    resolver_->silent = row.resolverSilent;
+    resolver_->addresses = row.resolves ? std::vector<SocketAddress>{StunServer} : std::vector<SocketAddress>{};
+    stunAnswers_ = row.serverAnswers;
+    const auto session = makeSession({remote(Peer)});
+    const Time begin = reactor_->clock().now();
+    start(session);
+    reactor_->advance(Duration::seconds(2));
+    ASSERT_FALSE(events_.empty()) << row.name;
+    EXPECT_EQ(Session::Event::CandidatesGathered, events_[0]) << row.name;
+    EXPECT_LE((eventTimes_[0] - begin).count(), row.expectedMs * 1000) << row.name;
+    session->close();
+    EXPECT_EQ(0u, agent_->pendingCount()) << row.name;
+    EXPECT_EQ(0u, network_.openSockets()) << row.name;
+  }
+}
+
+TEST_F(NetSessionTest, ChecksArePacedAndRetransmittedAtTheRto) {
+  // Per destination port: when the check went out and was sent again, in ms
+  // from the first check. New checks go 20 ms apart; the RTO is 20 ms per
+  // pair, at least 100 ms, doubling.
+  const struct {
+    uint16_t pairs;
+    std::vector<int64_t> firstPair, lastPair;
+  } table[] = {
+      {3, {0, 100, 300}, {40, 140, 340}},
+      {10, {0, 200}, {180, 380}},
+  };
+  for (const auto& row : table) {
+    resolver_->addresses.clear();
+    network_.log.clear();
+    std::vector<CandidatePtr> remotes;
+    for (uint16_t i = 0; i < row.pairs; ++i) remotes.push_back(remote(SocketAddress(AF_INET, "198.51.100.9", 7000 + i)));
+    const auto session = makeSession(remotes);
+    start(session);
+    reactor_->advance(Duration::milliseconds(10));
+    ASSERT_EQ(row.pairs, session->checkList().size());
+    const Time checksBegin = network_.log.front().at;
+    reactor_->advance(Duration::milliseconds(390));
+    std::map<uint16_t, std::vector<int64_t>> sends;
+    for (const auto& d : network_.log) sends[d.to.port()].push_back((d.at - checksBegin).count() / 1000);
+    EXPECT_EQ(row.firstPair, sends[7000]) << row.pairs;
+    EXPECT_EQ(row.lastPair, sends[7000 + row.pairs - 1]) << row.pairs;
+
+    // The checks carry what the peer must act on before the integrity.
+    const Message check = parsed(network_.log.front().bytes);
+    EXPECT_EQ(Message::Request, check.messageClass());
+    EXPECT_TRUE(stun::checkCredentials(check, PeerFragment + ":" + session->localDescription().userFragment,
+                                       PeerPassword));
+    EXPECT_EQ(computePriority(CandidateType::PeerReflexive, 65535), readPriority(check));
+    EXPECT_EQ(session->tieBreaker(), readTieBreaker(check, Message::IceControlling));
+    EXPECT_LT(check.findAttribute(Message::IceControlling)->offset,
+              check.findAttribute(Message::MessageIntegrity)->offset);
+    EXPECT_TRUE(stun::isStunMessage(check.data(), check.size(), true));
+    session->close();
+  }
+}
+
+TEST_F(NetSessionTest, SilentPeerFailsInBoundedTimeAndReleasesEverything) {
+  resolver_->addresses.clear();
+  const auto session = makeSession({remote(Peer), remote(SocketAddress(AF_INET, "198.51.100.3", 6001))});
+  start(session);
+  const Time begin = reactor_->clock().now();
+  reactor_->advance(Duration::seconds(10));
+  ASSERT_EQ(2u, events_.size());
+  EXPECT_EQ(Session::Event::Failed, events_[1]);
+  EXPECT_LE(eventTimes_[1] - begin, CheckTimeLimit + Duration::milliseconds(100));
+  EXPECT_EQ(0u, network_.openSockets());
+  EXPECT_EQ(0u, agent_->pendingCount());
+  EXPECT_FALSE(session->sendDatagram(reinterpret_cast<const uint8_t*>("x"), 1));
+  const std::size_t sent = network_.log.size();
+  reactor_->advance(Duration::seconds(30));
+  EXPECT_EQ(sent, network_.log.size());
+  EXPECT_EQ(2u, events_.size());
+}
+
+TEST_F(NetSessionTest, EstablishesWithAPeerAndCarriesDatagramsBothWays) {
+  resolver_->addresses.clear();
+  ScriptedPeer peer;
+  const auto session = makeSession({remote(Peer)});
+  play(peer, session);
+  std::vector<std::string> received;
+  session->setDatagramHandler(
+      [&](const uint8_t* data, std::size_t size) { received.emplace_back(reinterpret_cast<const char*>(data), size); });
+  start(session);
+  reactor_->advance(Duration::milliseconds(5));
+  // Not STUN, before establishment: dropped, nothing changes.
+  network_.send(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), reinterpret_cast<const uint8_t*>("early"), 5);
+  reactor_->advance(Duration::milliseconds(300));
+
+  ASSERT_EQ((std::vector<Session::Event>{Session::Event::CandidatesGathered, Session::Event::Established}), events_);
+  EXPECT_LT(eventTimes_[1] - eventTimes_[0], Duration::milliseconds(60));
+  EXPECT_EQ(SocketAddress(AF_INET, "10.0.0.2", 40000), session->localAddress());
+  EXPECT_EQ(Peer, session->remoteAddress());
+  EXPECT_EQ(1, peer.useCandidates);
+  EXPECT_TRUE(received.empty());
+
+  ASSERT_TRUE(session->sendDatagram(reinterpret_cast<const uint8_t*>("hello"), 5));
+  network_.send(Peer, session->localAddress(), reinterpret_cast<const uint8_t*>("world"), 5);
+  // From another address: not the selected pair.
+  network_.send(SocketAddress(AF_INET, "198.51.100.66", 1), session->localAddress(),
+                reinterpret_cast<const uint8_t*>("stray"), 5);
+  reactor_->advance(Duration::milliseconds(10));
+  EXPECT_EQ((std::vector<std::string>{"world"}), received);
+  ASSERT_EQ(1u, peer.data.size());
+  EXPECT_EQ("hello", std::string(peer.data[0].begin(), peer.data[0].end()));
+
+  // Still answering the peer's checks, and keeping the path open.
+  peer.received.clear();
+  const stun::MessagePtr check = sendCheck(Peer, session->localAddress(), session->localDescription(), false, 1);
+  reactor_->advance(Duration::seconds(16));
+  ASSERT_GE(peer.received.size(), 2u);
+  EXPECT_EQ(Message::SuccessResponse, peer.received[0].messageClass());
+  EXPECT_EQ(check->transactionId(), peer.received[0].transactionId());
+  EXPECT_EQ(Message::Indication, peer.received.back().messageClass());
+
+  session->close();
+  session->close();
+  EXPECT_EQ(0u, network_.openSockets());
+  EXPECT_EQ(0u, agent_->pendingCount());
+  EXPECT_FALSE(session->sendDatagram(reinterpret_cast<const uint8_t*>("x"), 1));
+}
+
+TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
+  resolver_->addresses.clear();
+  ScriptedPeer peer;
+  peer.answer = false;
+  peer.checkBack = false;
+  const auto session = makeSession({remote(SocketAddress(AF_INET, "198.51.100.50", 1))});
+  play(peer, session);
+  start(session);
+  reactor_->advance(Duration::milliseconds(5));
+  const SocketAddress local(AF_INET, "10.0.0.2", 40000);
+  const SessionDescription& mine = session->localDescription();
+  const std::size_t pairs = session->checkList().size();
+
+  const auto send = [&](const Message& message) {
+    network_.send(Peer, local, message.data(), message.size());
+    reactor_->advance(Duration::milliseconds(10));
+  };
+  const auto fresh = [&]() { return Message(Message::Request, Message::MethodBinding, stun::makeTransactionId(*random_)); };
+
+  Message bare = fresh();
+  stun::addFingerprint(bare);
+  Message noIntegrity = fresh();
+  noIntegrity.addStringAttribute(Message::Username, mine.userFragment + ":" + PeerFragment);
+  stun::addFingerprint(noIntegrity);
+  Message wrongKey = fresh();
+  stun::addCredentials(wrongKey, mine.userFragment + ":" + PeerFragment, "not the password");
+  stun::addFingerprint(wrongKey);
+  Message wrongUser = fresh();
+  stun::addCredentials(wrongUser, "someone:else", mine.password);
+  stun::addFingerprint(wrongUser);
+  Message otherMethod(Message::Request, 2, stun::makeTransactionId(*random_));
+  stun::addCredentials(otherMethod, mine.userFragment + ":" + PeerFragment, mine.password);
+  stun::addFingerprint(otherMethod);
+  Message noFingerprint = fresh();
+  stun::addCredentials(noFingerprint, mine.userFragment + ":" + PeerFragment, mine.password);
+
+  const struct {
+    const char* name;
+    const Message* request;
+    int code;  // 0: no answer at all
+    const char* reason;
+  } table[] = {
+      {"no credentials", &bare, 400, "Bad Request"},
+      {"no integrity", &noIntegrity, 400, "Bad Request"},
+      {"wrong password", &wrongKey, 401, "Unauthorized"},
+      {"wrong user name", &wrongUser, 401, "Unauthorized"},
+      {"not a Binding", &otherMethod, 400, "Bad Request"},
+      {"no fingerprint", &noFingerprint, 0, ""},
+  };
+  for (const auto& row : table) {
+    peer.received.clear();
+    send(*row.request);
+    if (!row.code) {
+      EXPECT_TRUE(peer.received.empty()) << row.name;
+      continue;
+    }
+    ASSERT_EQ(1u, peer.received.size()) << row.name;
+    const Message& answer = peer.received[0];
+    EXPECT_EQ(Message::ErrorResponse, answer.messageClass()) << row.name;
+    EXPECT_EQ(row.request->method(), answer.method()) << row.name;
+    EXPECT_EQ(row.request->transactionId(), answer.transactionId()) << row.name;
+    stun::ByteRange reason;
+    EXPECT_EQ(row.code, answer.getErrorCode(reason)) << row.name;
+    EXPECT_EQ(row.reason, std::string(reason.begin, reason.end)) << row.name;
+    EXPECT_TRUE(stun::checkMessageIntegrity(answer, mine.password)) << row.name;
+    EXPECT_TRUE(stun::isStunMessage(answer.data(), answer.size(), true)) << row.name;
+    EXPECT_EQ(pairs, session->checkList().size()) << row.name;
+  }
+  EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
+
+  peer.received.clear();
+  const stun::MessagePtr check = sendCheck(Peer, local, mine, false, 1, 1862270975u);
+  reactor_->advance(Duration::milliseconds(10));
+  ASSERT_FALSE(peer.received.empty());
+  const Message& answer = peer.received[0];
+  EXPECT_EQ(Message::SuccessResponse, answer.messageClass());
+  EXPECT_EQ(check->transactionId(), answer.transactionId());
+  EXPECT_EQ(Peer, answer.getMappedAddress());
+  EXPECT_TRUE(answer.findAttribute(Message::XorMappedAddress).has_value());
+  EXPECT_TRUE(stun::checkMessageIntegrity(answer, mine.password));
+  EXPECT_TRUE(stun::isStunMessage(answer.data(), answer.size(), true));
+  // The peer was not in its own description: a peer-reflexive candidate with
+  // the check's priority, and a triggered check back.
+  const CandidatePairPtr pair = session->checkList().find(local, Peer);
+  ASSERT_TRUE(pair);
+  EXPECT_EQ(CandidateType::PeerReflexive, pair->remote->type);
+  EXPECT_EQ(1862270975u, pair->remote->priority);
+  EXPECT_EQ(Message::Request, peer.received.back().messageClass());
+}
+
+TEST_F(NetSessionTest, RoleConflictsFollowTheTieBreakers) {
+  resolver_->addresses.clear();
+  const struct {
+    const char* name;
+    bool peerControlling;
+    bool peerTieBreakerLarger;
+    int expectedCode;  // 0: success
+    bool controllingAfter;
+  } table[] = {
+      {"both controlling, peer larger", true, true, 0, false},
+      {"both controlling, ours larger", true, false, 487, true},
+      {"peer controlled", false, true, 0, true},
+  };
+  for (const auto& row : table) {
+    ScriptedPeer peer;
+    peer.answer = false;
+    peer.checkBack = false;
+    const auto session = makeSession({remote(SocketAddress(AF_INET, "198.51.100.50", 1))});
+    play(peer, session);
+    start(session);
+    reactor_->advance(Duration::milliseconds(5));
+    const uint64_t theirs = row.peerTieBreakerLarger ? ~uint64_t{0} : 0;
+    sendCheck(Peer, session->checkList().pairs()[0]->local->address, session->localDescription(),
+              row.peerControlling, theirs);
+    reactor_->advance(Duration::milliseconds(10));
+    ASSERT_FALSE(peer.received.empty()) << row.name;
+    const Message& answer = peer.received[0];
+    EXPECT_EQ(row.expectedCode, answer.getErrorCode()) << row.name;
+    EXPECT_EQ(row.controllingAfter, session->isControlling()) << row.name;
+    session->close();
+  }
+}
+
+TEST_F(NetSessionTest, InTheControlledRoleThePeerNominates) {
+  resolver_->addresses.clear();
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  const auto session = makeSession({remote(Peer)});
+  play(peer, session);
+  start(session);
+  reactor_->advance(Duration::milliseconds(2));
+  const SocketAddress local(AF_INET, "10.0.0.2", 40000);
+  // A controlling peer with the larger tie-breaker: the device gives way
+  // and waits for the peer's choice instead of nominating.
+  sendCheck(Peer, local, session->localDescription(), true, ~uint64_t{0});
+  reactor_->advance(Duration::milliseconds(500));
+  EXPECT_FALSE(session->isControlling());
+  EXPECT_EQ(0, peer.useCandidates);
+  EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
+  EXPECT_EQ(1u, session->validPairs().size());
+
+  sendCheck(Peer, local, session->localDescription(), true, ~uint64_t{0}, 1862270975u, true);
+  reactor_->advance(Duration::milliseconds(10));
+  ASSERT_EQ(Session::Event::Established, events_.back());
+  EXPECT_EQ(Peer, session->remoteAddress());
+}
+
+TEST_F(NetSessionTest, ARoleConflictAnswerSwitchesRoleAndChecksAgain) {
+  resolver_->addresses.clear();
+  int checks = 0;
+  bool controlledSeen = false;
+  const auto session = makeSession({remote(Peer)});
+  network_.addResponder(Peer, [&](const SocketAddress& from, const std::vector<uint8_t>& bytes) {
+    Message check = parsed(bytes);
+    if (check.messageClass() != Message::Request) return;
+    ++checks;
+    controlledSeen |= check.findAttribute(Message::IceControlled).has_value();
+    Message response = makeCheckError(check, 487, "Role Conflict", PeerPassword);
+    if (!controlledSeen) network_.send(Peer, from, response.data(), response.size());
+  });
+  start(session);
+  reactor_->advance(Duration::milliseconds(100));
+  EXPECT_FALSE(session->isControlling());
+  EXPECT_TRUE(controlledSeen);
+  EXPECT_GE(checks, 2);
+}
+
+TEST_F(NetSessionTest, AnswerFromTheWrongAddressFailsTheCheck) {
+  resolver_->addresses.clear();
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  peer.answerFrom = SocketAddress(AF_INET, "198.51.100.2", 6001);
+  const auto session = makeSession({remote(Peer)});
+  play(peer, session);
+  const auto capture = testing::LogCapture::install();
+  start(session);
+  reactor_->advance(Duration::milliseconds(100));
+  EXPECT_TRUE(capture->contains(
+      "Check failed because addresses don't match: sent 10.0.0.2:40000 -> 198.51.100.2:6000 "
+      "reply 10.0.0.2:40000 <- 198.51.100.2:6001"));
+  EXPECT_TRUE(session->validPairs().empty());
+  EXPECT_EQ(Session::Event::Failed, events_.back());
+}
+
+TEST_F(NetSessionTest, AnUnknownMappedAddressBecomesAPeerReflexiveLocalCandidate) {
+  resolver_->addresses.clear();
+  ScriptedPeer peer;
+  peer.mapped = SocketAddress(AF_INET, "203.0.113.77", 61000);
+  const auto session = makeSession({remote(Peer)});
+  play(peer, session);
+  start(session);
+  reactor_->advance(Duration::milliseconds(300));
+  ASSERT_EQ(Session::Event::Established, events_.back());
+  EXPECT_EQ(peer.mapped, session->localAddress());
+  ASSERT_TRUE(session->sendDatagram(reinterpret_cast<const uint8_t*>("via base"), 8));
+  reactor_->advance(Duration::milliseconds(5));
+  EXPECT_EQ(1u, peer.data.size());
+}
+
+TEST_F(NetSessionTest, CloseWhileGatheringOrCheckingReleasesEverything) {
+  for (int64_t at : {0, 3, 30, 2000}) {
+    stunAnswers_ = at != 3;
+    events_.clear();
+    const auto session = makeSession({remote(Peer)});
+    start(session);
+    reactor_->advance(Duration::milliseconds(at));
+    const std::size_t before = events_.size();
+    session->close();
+    EXPECT_EQ(0u, network_.openSockets()) << at;
+    EXPECT_EQ(0u, agent_->pendingCount()) << at;
+    reactor_->advance(Duration::seconds(20));
+    EXPECT_EQ(before, events_.size()) << at;
+  }
+}
+
+}  // namespace
+}  // namespace ice
+}  // namespace quorvel

@@ -1,0 +1,164 @@
+#include "ice/session_description.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "core/errors.h"
+#include "core/random_source.h"
+#include "ice/credentials.h"
+
+namespace quorvel {
+namespace ice {
+namespace {
+
+TEST(CandidatePriority, CombinesTypeAndLocalPreferenceWithComponentTermOne) {
+  EXPECT_EQ(2130706177u, computePriority(CandidateType::Host, 65535));
+  EXPECT_EQ(1677721601u, computePriority(CandidateType::ServerReflexive, 0));
+  EXPECT_EQ((110u << 24) + (7u << 8) + 1, computePriority(CandidateType::PeerReflexive, 7));
+  EXPECT_EQ(1u, computePriority(CandidateType::Relayed, 0));
+}
+
+TEST(CandidateType, TextBothWays) {
+  const struct {
+    CandidateType type;
+    const char* text;
+  } table[] = {{CandidateType::Host, "host"},
+               {CandidateType::ServerReflexive, "srflx"},
+               {CandidateType::PeerReflexive, "prflx"},
+               {CandidateType::Relayed, "relay"}};
+  for (const auto& row : table) {
+    EXPECT_EQ(row.text, candidateTypeText(row.type));
+    CandidateType parsed = CandidateType::Relayed;
+    EXPECT_TRUE(parseCandidateType(row.text, parsed));
+    EXPECT_EQ(row.type, parsed);
+  }
+  EXPECT_EQ("9", candidateTypeText(static_cast<CandidateType>(9)));
+  CandidateType unused;
+  EXPECT_FALSE(parseCandidateType("HOST", unused));
+}
+
+TEST(SessionDescriptionLine, AcceptsOrRefuses) {
+  const struct {
+    const char* line;
+    bool accepted;
+    std::size_t candidates;
+  } table[] = {
+      {"", true, 0},
+      {"   \r", true, 0},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ host", true, 1},
+      {" candidate = 1 1 udp 2130706431 192.0.2.1 5000 typ host ", true, 1},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ host raddr 0.0.0.0 rport 9", true, 1},
+      {"candidate=1 2 UDP 2130706431 192.0.2.1 5000 typ host", false, 0},
+      {"candidate=1 01 UDP 2130706431 192.0.2.1 5000 typ host", false, 0},
+      {"candidate=1 1 TCP 2130706431 192.0.2.1 5000 typ host", false, 0},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ", false, 0},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ ", false, 0},
+      {"candidate=1  1 UDP 2130706431 192.0.2.1 5000 typ host", false, 0},
+      {"candidate", false, 0},
+      {"userfrag=", false, 0},
+      {"password=  ", false, 0},
+      {"foo=bar", true, 0},
+      {"Candidate=whatever", true, 0},
+  };
+  for (const auto& row : table) {
+    SessionDescription description;
+    EXPECT_EQ(row.accepted, parseDescriptionLine(row.line, description)) << row.line;
+    EXPECT_EQ(row.candidates, description.candidates.size()) << row.line;
+  }
+}
+
+TEST(SessionDescriptionLine, BadFieldsThrowTheirTexts) {
+  const struct {
+    const char* line;
+    const char* text;
+  } table[] = {
+      {"candidate=1 1 UDP x 192.0.2.1 5000 typ host", "Badly formatted number field"},
+      {"candidate=1 1 UDP 1 192.0.2.1 50x0 typ host", "Badly formatted number field"},
+      {"candidate=1 1 UDP 1 192.0.2.1 -1 typ host", "Badly formatted number field"},
+      {"candidate=1 1 UDP 1 192.0.2.1 65536 typ host", "Badly formatted number field"},
+      {"candidate=1 1 UDP 4294967296 192.0.2.1 5 typ host", "Badly formatted number field"},
+      {"candidate=1 1 UDP 1 192.0.2.1 5000 typ bogus", "Invalid candidate type"},
+  };
+  for (const auto& row : table) {
+    SessionDescription description;
+    try {
+      parseDescriptionLine(row.line, description);
+      ADD_FAILURE() << "no exception for " << row.line;
+    } catch (const BadFormatError& e) {
+      EXPECT_STREQ(row.text, e.what()) << row.line;
+    }
+  }
+  SessionDescription description;
+  EXPECT_THROW(parseDescriptionLine("candidate=1 1 UDP 1 192.0.2.999 5 typ host", description),
+               std::invalid_argument);
+}
+
+TEST(SessionDescriptionLine, FieldsLandInTheCandidate) {
+  SessionDescription description;
+  ASSERT_TRUE(parseDescriptionLine("candidate=abc 1 UDP 1694498815 fe80::1 61000 typ srflx", description));
+  ASSERT_TRUE(parseDescriptionLine("userfrag=first", description));
+  ASSERT_TRUE(parseDescriptionLine("userfrag=second", description));
+  ASSERT_TRUE(parseDescriptionLine("password=secret", description));
+  const Candidate& candidate = *description.candidates.at(0);
+  EXPECT_EQ("abc", candidate.foundation);
+  EXPECT_EQ(1694498815u, candidate.priority);
+  EXPECT_EQ(CandidateType::ServerReflexive, candidate.type);
+  EXPECT_EQ(SocketAddress(AF_INET6, "fe80::1", 61000), candidate.address);
+  EXPECT_EQ("second", description.userFragment);
+  EXPECT_EQ("secret", description.password);
+}
+
+TEST(SessionDescription, PrintsExactlyAndParsesBack) {
+  SessionDescription description;
+  description.candidates.push_back(std::make_shared<Candidate>(
+      CandidateType::Host, SocketAddress(AF_INET, "192.0.2.1", 5000), 2130706177u, "h1"));
+  description.candidates.push_back(std::make_shared<Candidate>(
+      CandidateType::ServerReflexive, SocketAddress(AF_INET6, "2001:db8::7", 65535), 1677721601u, "s1"));
+  description.userFragment = "ufrg";
+  description.password = "0123456789abcdefghijkl";
+  const std::string text = printDescription(description);
+  EXPECT_EQ(
+      "candidate=h1 1 UDP 2130706177 192.0.2.1 5000 typ host\n"
+      "candidate=s1 1 UDP 1677721601 2001:db8::7 65535 typ srflx\n"
+      "userfrag=ufrg\n"
+      "password=0123456789abcdefghijkl\n",
+      text);
+
+  SessionDescription parsed;
+  ASSERT_TRUE(parseDescription(text, parsed));
+  ASSERT_EQ(2u, parsed.candidates.size());
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(description.candidates[i]->type, parsed.candidates[i]->type);
+    EXPECT_EQ(description.candidates[i]->address, parsed.candidates[i]->address);
+    EXPECT_EQ(description.candidates[i]->priority, parsed.candidates[i]->priority);
+    EXPECT_EQ(description.candidates[i]->foundation, parsed.candidates[i]->foundation);
+  }
+  EXPECT_EQ(description.userFragment, parsed.userFragment);
+  EXPECT_EQ(description.password, parsed.password);
+}
+
+TEST(SessionDescription, WholeTextStopsAtTheFirstMalformedLine) {
+  SessionDescription description;
+  EXPECT_TRUE(parseDescription("userfrag=a\r\npassword=b\r\n\r\n", description));
+  EXPECT_EQ("a", description.userFragment);
+  EXPECT_FALSE(parseDescription("userfrag=a\nnonsense\npassword=b\n", description));
+}
+
+TEST(Credentials, DrawnFromTheAlphabetAtTheirLengths) {
+  PseudoRandomSource random(7u);
+  const std::string fragment = randomIceText(random, UserFragmentLength);
+  const std::string password = randomIceText(random, PasswordLength);
+  EXPECT_GE(fragment.size(), 4u);
+  EXPECT_GE(password.size(), 22u);
+  const std::string alphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789$!";
+  std::string all;
+  for (int i = 0; i < 200; ++i) all += randomIceText(random, 32);
+  EXPECT_EQ(std::string::npos, (fragment + password + all).find_first_not_of(alphabet));
+  // Every symbol shows up in 6400 draws.
+  for (char c : alphabet) EXPECT_NE(std::string::npos, all.find(c)) << c;
+}
+
+}  // namespace
+}  // namespace ice
+}  // namespace quorvel
