@@ -1,6 +1,7 @@
 """Starting ferrule-devrelay and ferrule against each other on loopback
 ports, with the files they need, as the relay tests and benchmark do."""
 import os
+import re
 import shlex
 
 from harness.logged_process import LoggedProcess
@@ -8,15 +9,16 @@ from harness.logged_process import LoggedProcess
 DOMAIN = "relay.test"
 
 
-def start_devrelay(devrelay, work, ca, device_port, plain_port, outside_port, name="devrelay", level=5):
-    """The dev relay with CA's server certificate, once it listens for
-    outside clients."""
+def start_devrelay(devrelay, work, ca, device_port, plain_port, outside_port, name="devrelay", level=5,
+                   address="127.0.0.1"):
+    """The dev relay with CA's server certificate on `address`, once it
+    listens for outside clients."""
     relay = LoggedProcess(name, [devrelay, "-c", os.path.join(work, ca + "-server.pem"),
                                  "-k", os.path.join(work, ca + "-server.key"),
-                                 "-d", "127.0.0.1:%d" % device_port, "-p", "127.0.0.1:%d" % plain_port,
-                                 "-o", "127.0.0.1:%d" % outside_port, "-P", "5", "-a", "30", "-l", str(level)],
+                                 "-d", "%s:%d" % (address, device_port), "-p", "%s:%d" % (address, plain_port),
+                                 "-o", "%s:%d" % (address, outside_port), "-P", "5", "-a", "30", "-l", str(level)],
                           work)
-    relay.wait_for(r"Listening for outside clients on 127\.0\.0\.1:%d" % outside_port)
+    relay.wait_for(r"Listening for outside clients on %s:%d" % (re.escape(address), outside_port))
     return relay
 
 
