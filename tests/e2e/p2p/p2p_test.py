@@ -19,6 +19,7 @@ afterwards, also when a case fails."""
 import hashlib
 import os
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -127,8 +128,10 @@ class Device:
         registration = os.path.join(work, "ferrule.info")
         with open(registration, "w") as f:
             f.write("DeviceRelayKey = %s\n" % KEY)
+        # FERRULE_WRAPPER: a command line ferrule is started through (qemu-ppc).
+        wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
         self.ferrule = self._logged("ferrule", device.command(
-            FERRULE, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN, "-f", registration,
+            *wrapper, FERRULE, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN, "-f", registration,
             "-t", self.nginx.authority(), "-l", "5", "-l", "icesessionlink:6"),
             env={"SSL_CERT_FILE": os.path.join(work, "good-ca.pem")})
         self.ferrule.wait_for(r"\[revhttp\] Registration succeeded")
