@@ -33,15 +33,31 @@ class LoggedProcess:
         for line in self.proc.stdout:
             self.log.write(line)
             self.log.flush()
-            if self.echo:
-                sys.stdout.write(line)
-                sys.stdout.flush()
             with self.cond:
+                # Under the lock: hold_echo() and resume_echo() see each
+                # line either echoed or kept, never both.
+                if self.echo:
+                    sys.stdout.write(line)
+                    sys.stdout.flush()
                 self.lines.append(line.rstrip("\n"))
                 self.cond.notify_all()
         with self.cond:
             self.ended = True
             self.cond.notify_all()
+
+    def hold_echo(self):
+        """Stops echoing (e.g. while another program draws on the terminal);
+        returns what resume_echo() needs to print the lines held back."""
+        with self.cond:
+            self.echo = False
+            return len(self.lines)
+
+    def resume_echo(self, held):
+        with self.cond:
+            for line in self.lines[held:]:
+                sys.stdout.write(line + "\n")
+            sys.stdout.flush()
+            self.echo = True
 
     def mark(self):
         with self.cond:
