@@ -24,7 +24,6 @@ SIGTERM (or DEMO_SECONDS after the video arrived). Then everything is
 stopped and the namespaces, their /etc/netns entries and the work directory
 are removed, also when a second Ctrl-C comes during the clean-up. Needs
 root."""
-import hashlib
 import os
 import re
 import shutil
@@ -40,6 +39,7 @@ sys.path.insert(0, os.path.join(HERE, ".."))
 from harness import certs  # noqa: E402
 from harness import topology  # noqa: E402
 from harness.coturn import Coturn  # noqa: E402
+from harness.digest import file_sha256  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.netns import Namespace  # noqa: E402
 from harness.nginx import Nginx  # noqa: E402
@@ -148,21 +148,10 @@ def seen(process, text, stop, timeout):
 def write_sample_video(path):
     """Random bytes: nothing on the way can compress them, and a wrong byte
     shows in the digest."""
-    digest = hashlib.sha256()
     with open(path, "wb") as f:
         for _ in range(VIDEO_SIZE // 1000000):
-            block = os.urandom(1000000)
-            digest.update(block)
-            f.write(block)
-    return digest.hexdigest()
-
-
-def file_digest(path):
-    digest = hashlib.sha256()
-    with open(path, "rb") as f:
-        for block in iter(lambda: f.read(1 << 20), b""):
-            digest.update(block)
-    return digest.hexdigest()
+            f.write(os.urandom(1000000))
+    return file_sha256(path)
 
 
 def stream_video(p2pclient_path, client_namespace, work, stop):
@@ -280,7 +269,7 @@ def inner(ferrule_path, devrelay_path, p2pclient_path, work, prefix, server_addr
             ferrule.resume_echo(held)
         if status != 0:
             raise RuntimeError("ferrule-p2pclient exited with %d" % status)
-        if file_digest(received) != video_digest:
+        if file_sha256(received) != video_digest:
             raise RuntimeError("the video received differs from the one served (%d bytes of %d)"
                                % (os.path.getsize(received), VIDEO_SIZE))
         say("the video arrived byte for byte: %d bytes, sha256 %s" % (VIDEO_SIZE, video_digest))

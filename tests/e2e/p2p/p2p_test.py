@@ -16,7 +16,6 @@ nginx's "/video.vdo" answers by query:
 
 Needs root. Namespaces, their /etc/netns entries and every process are gone
 afterwards, also when a case fails."""
-import hashlib
 import os
 import re
 import shlex
@@ -33,6 +32,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "scripts"))
 from harness import certs  # noqa: E402
 from harness import topology  # noqa: E402
 from harness.coturn import Coturn  # noqa: E402
+from harness.digest import file_sha256  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.nginx import Nginx  # noqa: E402
 from harness.p2p_client import client_argv, run_client  # noqa: E402
@@ -67,21 +67,13 @@ SCTP_FAILURES = r"\[ferrule\] (Stream disconnected|SCTP send error)"
 ALL_CLOSED = r"\[ferrule\] All connections closed, starting idle timer"
 
 
-def sha256(path):
-    digest = hashlib.sha256()
-    with open(path, "rb") as f:
-        for block in iter(lambda: f.read(1 << 20), b""):
-            digest.update(block)
-    return digest.hexdigest()
-
-
 def make_sample(work):
     path = os.path.join(work, "sample.bin")
     with open(path, "wb") as f:
         for _ in range(SAMPLE_SIZE // (1 << 20)):
             f.write(os.urandom(1 << 20))
         f.write(os.urandom(SAMPLE_SIZE % (1 << 20)))
-    return path, sha256(path)
+    return path, file_sha256(path)
 
 
 class Device:
@@ -189,7 +181,7 @@ class VideoOverSctp(unittest.TestCase):
     def assert_sample(self, result, path):
         self.assert_complete(result)
         self.assertEqual(result.downloads[0]["bytes"], SAMPLE_SIZE, result)
-        self.assertEqual(sha256(path), SAMPLE[1])
+        self.assertEqual(file_sha256(path), SAMPLE[1])
 
     # ---- the video arrives
 
@@ -220,7 +212,7 @@ class VideoOverSctp(unittest.TestCase):
         self.assert_complete(result, count=2)
         self.assertEqual(sorted(download["port"] for download in result.downloads), [5000, 5001], result)
         for index in (1, 2):
-            self.assertEqual(sha256("%s.%d" % (path, index)), SAMPLE[1])
+            self.assertEqual(file_sha256("%s.%d" % (path, index)), SAMPLE[1])
         device.ferrule.wait_for(r"\[ferrule\] Got new SCTP connection from ", count=2)
         # Both ran at once: the second arrived before the first had ended.
         lines = device.ferrule.lines
