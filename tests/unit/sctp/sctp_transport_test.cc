@@ -281,6 +281,24 @@ TEST_F(Timers, RunOnlyWhileALinkOrSocketExists) {
   EXPECT_EQ(reactor->pending(), 0u);
 }
 
+TEST_F(Timers, SlowDownWhenQuietAndSpeedUpWithTheNextPacket) {
+  associate();
+  reactor->advance(Duration::seconds(2));  // heartbeats come every 10 s
+  const Time now = reactor->clock().now();
+  EXPECT_GT(reactor->nextDue() - now, Duration::milliseconds(10));
+  EXPECT_LE(reactor->nextDue() - now, Duration::milliseconds(250));
+  Completion sent;
+  sendText(*client, "query", sent);
+  EXPECT_EQ(reactor->nextDue(), now);  // the packet on its way
+  run(0);
+  EXPECT_LE(reactor->nextDue() - now, Duration::milliseconds(10));
+  Completion got;
+  std::string text;
+  receiveText(*accepted, 100, got, text);
+  run(0);
+  EXPECT_EQ(text, "query");
+}
+
 using PeerInput = SctpFixture;
 
 TEST_F(PeerInput, GarbageAndBadChecksumsChangeNothing) {
