@@ -36,6 +36,9 @@ constexpr Duration QuietAfter = Duration::seconds(1);
 //   default 200 ms stalls a sender whose window is nearly used up).
 // - RTO 200 ms .. 10 s starting at 1 s, heartbeats every 10 s (the ICE
 //   session's keepalives need no help), ECN off (no ECN over UDP).
+// - An association gives up after 5 unanswered retransmissions in a row
+//   (the default 10 keeps a vanished client's relay for about a minute);
+//   with the RTO backing off from 200 ms that is still over 10 s of silence.
 // - 16 streams each way: every stream costs memory per association.
 void applyStackSettings() {
   usrsctp_sysctl_set_sctp_ecn_enable(0);
@@ -49,6 +52,8 @@ void applyStackSettings() {
   usrsctp_sysctl_set_sctp_rto_initial_default(1000);
   usrsctp_sysctl_set_sctp_rto_max_default(10000);
   usrsctp_sysctl_set_sctp_init_rto_max_default(10000);
+  usrsctp_sysctl_set_sctp_assoc_rtx_max_default(5);
+  usrsctp_sysctl_set_sctp_path_rtx_max_default(5);
   usrsctp_sysctl_set_sctp_nr_outgoing_streams_default(16);
 }
 
