@@ -109,6 +109,38 @@ void HttpConnection::onConnect(int error, const SocketAddress& address, const Co
   if (callback) callback(error);
 }
 
+void HttpConnection::connectAny(uintptr_t identity, const ConnectCallback& callback, const Delegate<void()>& onRetry) {
+  connectFrom(0, identity, callback, onRetry);
+}
+
+void HttpConnection::connectFrom(std::size_t index, uintptr_t identity, const ConnectCallback& callback,
+                                 const Delegate<void()>& onRetry) {
+  const SocketAddress& address = destination_.addresses[index];
+  QLOG(Log, log::Debug, "0x%x: Connecting to %s...", identity, address.toString());
+  std::weak_ptr<HttpConnection> weak = shared_from_this();
+  connect(address, [weak, index, identity, callback, onRetry](int error) {
+    if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onAttempt(error, index, identity, callback, onRetry);
+  });
+}
+
+void HttpConnection::onAttempt(int error, std::size_t index, uintptr_t identity, const ConnectCallback& callback,
+                               const Delegate<void()>& onRetry) {
+  if (state_ == Closed) {
+    if (callback) callback(error);
+    return;
+  }
+  const SocketAddress& address = destination_.addresses[index];
+  QLOG(Log, error ? log::Notice : log::Debug, "0x%x: Connection to %s %s", identity, address.toString(),
+       error ? "failed" : "succeeded");
+  if (error) QLOG(Log, log::Notice, "0x%x: Connect error %d: %s", identity, error, socketErrorText(error));
+  if (error && index + 1 < destination_.addresses.size()) {
+    if (onRetry) onRetry();
+    connectFrom(index + 1, identity, callback, onRetry);
+    return;
+  }
+  if (callback) callback(error);
+}
+
 void HttpConnection::send(const BufferChainPtr& data, const SendCallback& callback) {
   if (state_ != Connected) {
     reactor_->post(token_, [callback]() {

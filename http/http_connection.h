@@ -61,6 +61,12 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   // callback runs later, with 0 on success; a failed attempt leaves the
   // connection Unconnected so another address can be tried.
   void connect(const SocketAddress& address, const ConnectCallback& callback);
+  // Connects to the destination's addresses in turn until one takes the
+  // connection, as one operation. Each attempt is logged under `identity`
+  // (the requester's, printed as "0x%x"). `callback` runs once: 0 when
+  // connected, else the last attempt's error; `onRetry` runs before each
+  // further attempt. A close meanwhile ends the attempts.
+  void connectAny(uintptr_t identity, const ConnectCallback& callback, const Delegate<void()>& onRetry);
   void send(const BufferChainPtr& data, const SendCallback& callback);
   // Starts one read unless one is outstanding; its result goes to the
   // receive handler set at completion time.
@@ -74,6 +80,10 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
 
  private:
   void onConnect(int error, const SocketAddress& address, const ConnectCallback& callback);
+  void connectFrom(std::size_t index, uintptr_t identity, const ConnectCallback& callback,
+                   const Delegate<void()>& onRetry);
+  void onAttempt(int error, std::size_t index, uintptr_t identity, const ConnectCallback& callback,
+                 const Delegate<void()>& onRetry);
   void onReceive(int error, std::size_t bytes, BufferChainPtr buffers, std::size_t size);
 
   std::shared_ptr<Reactor> reactor_;

@@ -65,7 +65,10 @@ std::shared_ptr<HttpConnection> HttpConnectionPool::satisfy(const HttpDestinatio
       QLOG(Log, log::Debug, "Too many used connections");
       return nullptr;
     }
-    // Idle connections to other hosts must not starve this one.
+    // Going beyond the plain limit on purpose: idle connections are never
+    // handed back by anyone, so a request for a host with none of them
+    // would wait for ever while the pool is full of idle connections to
+    // other hosts. The oldest idle one is the least likely to be reused.
     const std::shared_ptr<HttpConnection> oldest = free_.front();
     QLOG(Log, log::Debug, "Closing idle connection 0x%x to make room", oldest->id());
     free_.pop_front();

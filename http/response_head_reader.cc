@@ -8,13 +8,6 @@ namespace {
 
 const log::Log Log("httpclient");
 
-// Advances the "\r\n\r\n" matcher by one byte.
-int nextMatch(int matched, uint8_t byte) {
-  if (byte == '\r') return matched == 2 ? 3 : 1;
-  if (byte == '\n' && (matched == 1 || matched == 3)) return matched + 1;
-  return 0;
-}
-
 }  // namespace
 
 ResponseHeadReader::ResponseHeadReader(uintptr_t identity) : identity_(identity) {}
@@ -27,31 +20,20 @@ ResponseHeadReader::State ResponseHeadReader::feed(BufferChain& received) {
     bytes_.append(received);
     return state_;
   }
-  // Only the new bytes are searched; the matcher carries a partial separator
-  // over from the previous piece.
-  std::size_t position = scanned_;
-  bool found = false;
-  for (BufferChain::Iterator it = received.begin(); it != received.end(); ++it, ++position) {
-    matched_ = nextMatch(matched_, *it);
-    if (matched_ == 4) {
-      found = true;
-      break;
-    }
-  }
+  finder_.feed(received.begin(), received.end());
   bytes_.append(received);
-  if (!found) {
-    scanned_ = position;
+  if (!finder_.found()) {
     QLOG(Log, log::Debug, "0x%x: Double CRLF not found", identity_);
     return state_;
   }
-  const std::size_t separator = position - 3;
+  const std::size_t separator = finder_.headEnd() - HeadEndFinder::SeparatorLength;
   QLOG(Log, log::Debug, "0x%x: Found double CRLF at %u", identity_, separator);
   const std::size_t headSize = separator + HttpLineEnd::Length;
   headers_ = MessageHeaders::parseGathered(MessageHeaders::Kind::Response, headSize, [this, headSize](char* out) {
     const BufferChain::Iterator begin = bytes_.begin();
     copyFromChain(begin, begin + headSize, reinterpret_cast<uint8_t*>(out));
   });
-  bytes_.trimFront(separator + 4);
+  bytes_.trimFront(finder_.headEnd());
   if (!headers_.isValid()) {
     state_ = State::Bad;
     return state_;

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "http/encoding_parser.h"
+#include "http/head_end_finder.h"
 #include "http/message_headers.h"
 #include "net/buffer_chain.h"
 
@@ -56,8 +57,7 @@ class ResponseHeadReader {
   State state_ = State::Collecting;
   BufferChain bytes_;
   std::size_t received_ = 0;
-  std::size_t scanned_ = 0;  // bytes of bytes_ searched for the end of the head
-  int matched_ = 0;          // of "\r\n\r\n", at the end of the scanned bytes
+  HeadEndFinder finder_;
   MessageHeaders headers_;
   bool close_ = false;
   bool chunked_ = false;

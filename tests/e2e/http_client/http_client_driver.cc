@@ -29,8 +29,6 @@ struct Options {
   std::vector<std::string> urls;  // request i goes to urls[i % count]
   std::string method = "GET";
   std::vector<std::pair<std::string, std::string>> headers;
-  std::size_t bodySize = 0;
-  bool chunked = false;
   bool close = false;
   unsigned parallel = 1;
   unsigned repeat = 1;
@@ -42,7 +40,7 @@ struct Options {
 
 [[noreturn]] void usage() {
   std::fprintf(stderr,
-               "usage: http_client_driver [-m METHOD] [-H 'Name: value']... [-d BODYSIZE] [--chunked] [--close]\n"
+               "usage: http_client_driver [-m METHOD] [-H 'Name: value']... [--close]\n"
                "       [-p PARALLEL] [-n REPEAT] [--limit N] [--rate BYTES_PER_S] [-l LEVEL] [-q] URL...\n");
   std::exit(2);
 }
@@ -64,10 +62,6 @@ Options parse(int argc, char** argv) {
       std::size_t v = colon + 1;
       while (v < h.size() && h[v] == ' ') ++v;
       o.headers.emplace_back(h.substr(0, colon), h.substr(v));
-    } else if (a == "-d") {
-      o.bodySize = std::stoul(next());
-    } else if (a == "--chunked") {
-      o.chunked = true;
     } else if (a == "--close") {
       o.close = true;
     } else if (a == "-p") {
@@ -121,9 +115,6 @@ long statusField(const char* name) {
   return value;
 }
 
-// The request body: a repeating alphabet, easy to check in a server's log.
-char bodyByte(std::size_t i) { return static_cast<char>('a' + i % 26); }
-
 std::string jsonEscape(const std::string& text) {
   std::string out;
   for (char c : text) {
@@ -143,8 +134,6 @@ struct Exchange : std::enable_shared_from_this<Exchange> {
   std::shared_ptr<WebClientRequest> request;
   std::shared_ptr<WebClientResponse> response;
   std::shared_ptr<BodySink> sink = std::make_shared<BodySink>(1);
-  BodySource upload;
-  std::size_t uploaded = 0;
   uint32_t status = 0;
   std::string te, cl, connection;
   std::size_t bytes = 0;
@@ -161,7 +150,6 @@ struct Exchange : std::enable_shared_from_this<Exchange> {
   void onResponse(const std::shared_ptr<WebClientResponse>& r);
   void onEnd(const boost::system::error_code& c);
   void drain();
-  void feedUpload();
   void maybeFinish();
 };
 
@@ -253,33 +241,7 @@ void Exchange::start() {
   });
   for (const auto& h : o.headers) request->headers().addField(h.first, h.second);
   if (o.close) request->setCloseConnection();
-  if (o.bodySize == 0) {
-    request->send(nullptr, 0);
-  } else if (!o.chunked) {
-    std::string body(o.bodySize, '\0');
-    for (std::size_t i = 0; i < body.size(); ++i) body[i] = bodyByte(i);
-    request->send(body.data(), body.size());
-  } else {
-    request->startStreaming();
-    upload.setUnblockedHandler([self]() {
-      if (auto e = self.lock()) e->feedUpload();
-    });
-    upload.connect(request->bodySink());
-    feedUpload();
-  }
-}
-
-void Exchange::feedUpload() {
-  while (uploaded < driver->o.bodySize) {
-    const std::size_t n = std::min<std::size_t>(3000, driver->o.bodySize - uploaded);
-    BufferChain chain = driver->pool->allocate(n);
-    std::string piece(n, '\0');
-    for (std::size_t i = 0; i < n; ++i) piece[i] = bodyByte(uploaded + i);
-    copyToChain(piece.data(), piece.data() + n, chain.begin());
-    uploaded += n;
-    if (!upload.put(BufferChainPtr(chain))) return;
-  }
-  upload.end();
+  request->send(nullptr, 0);
 }
 
 void Exchange::onResponse(const std::shared_ptr<WebClientResponse>& r) {

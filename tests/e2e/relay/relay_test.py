@@ -18,7 +18,6 @@ import hashlib
 import os
 import random
 import re
-import shlex
 import shutil
 import signal
 import subprocess
@@ -32,12 +31,12 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
 from harness import certs  # noqa: E402
 from harness import outside_client  # noqa: E402
-from harness.processes import stop_process  # noqa: E402
+from harness import relay_processes  # noqa: E402
 from harness.netns import run_in_namespace  # noqa: E402
 from harness.nginx import Nginx  # noqa: E402
 
 NAMESPACE = "ferrule-e2e-%d" % os.getpid()
-DOMAIN = "relay.test"
+DOMAIN = relay_processes.DOMAIN
 KEYS = ["dev1", "late1", "late2", "restart1", "untrusted1"]
 FERRULE = DEVRELAY = WORK = TARGET = None
 BIG_SIZE = 100 * 1024 * 1024
@@ -66,84 +65,16 @@ def make_server_certificate(ca):
     certs.make_server_certificate(WORK, ca, DOMAIN)
 
 
-class LoggedProcess:
-    """A process whose output is collected line by line, each line with the
-    monotonic time it was read."""
-
-    def __init__(self, name, args, env=None):
-        self.name = name
-        self.lines = []
-        self.cond = threading.Condition()
-        self.log = open(os.path.join(WORK, name + ".log"), "a")
-        self.proc = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                     env=dict(os.environ, **(env or {})), cwd=WORK)
-        self.collector = threading.Thread(target=self._collect, daemon=True)
-        self.collector.start()
-
-    def _collect(self):
-        for line in self.proc.stdout:
-            self.log.write(line)
-            self.log.flush()
-            with self.cond:
-                self.lines.append(line.rstrip("\n"))
-                self.cond.notify_all()
-
-    def mark(self):
-        with self.cond:
-            return len(self.lines)
-
-    def matching(self, pattern, start=0):
-        regex = re.compile(pattern)
-        with self.cond:
-            return [line for line in self.lines[start:] if regex.search(line)]
-
-    def wait_for(self, pattern, timeout=15.0, start=0, count=1):
-        """Waits for `count` lines after `start` matching the pattern; returns them."""
-        regex = re.compile(pattern)
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while True:
-                found = [line for line in self.lines[start:] if regex.search(line)]
-                if len(found) >= count:
-                    return found
-                remaining = deadline - time.monotonic()
-                if remaining <= 0:
-                    raise AssertionError("%s: no %d line(s) matching %r; log tail:\n%s"
-                                         % (self.name, count, pattern, "\n".join(self.lines[-40:])))
-                self.cond.wait(min(remaining, 0.2))
-
-    def stop(self, sig=signal.SIGINT):
-        stop_process(self.proc, sig)
-        self.collector.join(5)
-        if not self.collector.is_alive():
-            self.proc.stdout.close()
-            self.log.close()
-        return self.proc.returncode
-
-
 def start_relay(ca, device_port, plain_port, outside_port, name="devrelay", level=5):
-    relay = LoggedProcess(name, [DEVRELAY, "-c", os.path.join(WORK, ca + "-server.pem"),
-                                 "-k", os.path.join(WORK, ca + "-server.key"),
-                                 "-d", "127.0.0.1:%d" % device_port, "-p", "127.0.0.1:%d" % plain_port,
-                                 "-o", "127.0.0.1:%d" % outside_port, "-P", "5", "-a", "30", "-l", str(level)])
-    relay.wait_for(r"Listening for outside clients on 127\.0\.0\.1:%d" % outside_port)
-    return relay
+    return relay_processes.start_devrelay(DEVRELAY, WORK, ca, device_port, plain_port, outside_port, name, level)
 
 
 def write_registration(name, key, mtime=None):
-    path = os.path.join(WORK, name)
-    with open(path, "w") as f:
-        f.write("# written by the test\nDeviceRelayKey = %s\n" % key)
-    if mtime is not None:
-        os.utime(path, (mtime, mtime))
-    return path
+    return relay_processes.write_registration(WORK, name, key, mtime)
 
 
 def start_ferrule(name, registration, relay_port, extra_env=None, level=5):
-    wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
-    return LoggedProcess(name, [*wrapper, FERRULE, "-r", "%s:%d" % (DOMAIN, relay_port), "-s", "stun." + DOMAIN,
-                                "-f", os.path.join(WORK, registration), "-t", TARGET, "-l", str(level)],
-                         env=dict({"SSL_CERT_FILE": os.path.join(WORK, "good-ca.pem")}, **(extra_env or {})))
+    return relay_processes.start_ferrule(FERRULE, WORK, name, registration, relay_port, TARGET, extra_env, level)
 
 
 def curl(key, path, *options, port=8000):

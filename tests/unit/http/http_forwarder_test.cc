@@ -35,7 +35,6 @@ class ForwarderTest : public ::testing::Test {
     return request;
   }
   FakeClientRequest& target() { return client->last(); }
-  bool logged(const std::string& line) const { return logs->contains(line); }
 
   std::shared_ptr<testing::ManualReactor> reactor = std::make_shared<testing::ManualReactor>();
   std::shared_ptr<FakeHttpClient> client = std::make_shared<FakeHttpClient>();
@@ -59,8 +58,6 @@ TEST_F(ForwarderTest, HostFieldIsKeptAsTheHostValue) {
 TEST_F(ForwarderTest, WithoutHostTheTargetHostIsTheHostValue) {
   forward("GET / HTTP/1.0\r\n");
   EXPECT_EQ(target().hostValue, "localhost:8080");
-  EXPECT_TRUE(logged("Created HTTP forwarder, target is localhost:8080"));
-  EXPECT_TRUE(logged("GET / HTTP/1.0"));
 }
 
 TEST_F(ForwarderTest, OtherFieldsAreCopiedInOrderAndUnchanged) {
@@ -114,7 +111,6 @@ TEST_F(ForwarderTest, CompleteRequestIsSentWithoutBody) {
   EXPECT_EQ(target().sends, 1);
   EXPECT_EQ(target().streamStarts, 0);
   EXPECT_TRUE(target().sentBody.empty());
-  EXPECT_TRUE(logged("#1 /: Sending empty request"));
   EXPECT_TRUE(target().hasResponseHandler());
   EXPECT_TRUE(target().hasErrorHandler());
   // The response body is taken from the response's source, never through a
@@ -124,7 +120,6 @@ TEST_F(ForwarderTest, CompleteRequestIsSentWithoutBody) {
 
 TEST_F(ForwarderTest, BodyWithContentLengthStreamsUnchunked) {
   auto request = forward("POST /up HTTP/1.1\r\nContent-Length: 5\r\n");
-  EXPECT_TRUE(logged("#1 /up: Starting request data"));
   EXPECT_EQ(target().streamStarts, 1);
   EXPECT_EQ(target().sends, 0);
   EXPECT_EQ(fieldValues(target().headers_, "Content-Length"), std::vector<std::string>{"5"});
@@ -177,7 +172,6 @@ TEST_F(ForwarderTest, RequestBodySinkMissingGivesBadGateway) {
   ASSERT_TRUE(request->response);
   EXPECT_EQ(request->response->headers_.statusCode(), 502u);
   EXPECT_EQ(noSink->last().cancels, 1);
-  EXPECT_TRUE(logged("#1 /up: No sink for request data, cancelling request"));
 }
 
 // ---- target failures
@@ -191,9 +185,6 @@ TEST_F(ForwarderTest, UnreachableTargetGivesNonCacheableBadGateway) {
             "Pragma: no-cache\r\n\r\n");
   EXPECT_EQ(request->response->sent, "Unable to relay request");
   EXPECT_EQ(request->response->sends, 1);
-  const boost::system::error_code refused = boost::asio::error::connection_refused;
-  EXPECT_TRUE(logged("Target request error " + std::to_string(refused.value()) + ": " + refused.message()));
-  EXPECT_TRUE(logged("Finishing pending request #1 /a"));
   EXPECT_EQ(target().cancels, 1);
 }
 
@@ -202,7 +193,6 @@ TEST_F(ForwarderTest, RefusedTargetRequestGivesBadGateway) {
   auto request = forward("GET /a HTTP/1.1\r\n");
   ASSERT_TRUE(request->response);
   EXPECT_EQ(request->response->sent, "Unable to relay request");
-  EXPECT_TRUE(logged("#1 /a: Could not create target request: HTTPS connections not supported"));
   reactor->runDue();
   EXPECT_EQ(forwarder->pendingCount(), 0u);
 }
@@ -212,8 +202,6 @@ TEST_F(ForwarderTest, ErrorAfterTheHeadStopsWithoutEndingTheBody) {
   auto response = target().respond(200, "OK", {{"Content-Length", "100"}});
   response->put("part");
   target().complete(boost::asio::error::connection_reset);
-  const boost::system::error_code reset = boost::asio::error::connection_reset;
-  EXPECT_TRUE(logged("Request error " + std::to_string(reset.value()) + ": " + reset.message()));
   EXPECT_EQ(request->responses, 1);  // no 502 after a 200 has gone out
   EXPECT_EQ(request->response->bodyText(), "part");
   EXPECT_FALSE(request->response->body.ended());
@@ -231,9 +219,6 @@ TEST_F(ForwarderTest, NoContentIsPassedOnWithoutBody) {
   EXPECT_EQ(request->response->sends, 1);
   EXPECT_EQ(request->response->sent, "");
   EXPECT_EQ(request->response->starts, 0);
-  EXPECT_TRUE(logged("#1 /item: Response: HTTP/1.1 204 No Content"));
-  EXPECT_TRUE(logged("#1 /item: Sending empty response"));
-  EXPECT_TRUE(logged("Finishing pending request #1 /item"));
   EXPECT_EQ(target().cancels, 0);
 }
 
@@ -247,7 +232,6 @@ TEST_F(ForwarderTest, HeadResponseHasNoBodyWhateverItsLength) {
 TEST_F(ForwarderTest, ResponseBodyStreamsThrough) {
   auto request = forward("GET /f HTTP/1.1\r\n");
   auto response = target().respond(200, "OK", {{"Transfer-Encoding", "chunked"}, {"Set-Cookie", "s=1"}});
-  EXPECT_TRUE(logged("#1 /f: Starting response data"));
   EXPECT_EQ(request->response->starts, 1);
   EXPECT_EQ(request->response->wire(), "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nSet-Cookie: s=1\r\n\r\n");
   EXPECT_TRUE(response->put("one,"));
@@ -256,7 +240,6 @@ TEST_F(ForwarderTest, ResponseBodyStreamsThrough) {
   target().complete();
   EXPECT_EQ(request->response->bodyText(), "one,two");
   EXPECT_TRUE(request->response->body.ended());
-  EXPECT_TRUE(logged("Response end with code 0: Success"));
   EXPECT_EQ(target().cancels, 0);
 }
 
@@ -283,8 +266,6 @@ TEST_F(ForwarderTest, InactiveClientRequestIsCancelled) {
   target().respond(200, "OK");
   EXPECT_EQ(request->responses, 0);
   EXPECT_EQ(target().cancels, 1);
-  EXPECT_TRUE(logged("#1 /gone: Client request no longer active, cancelling"));
-  EXPECT_TRUE(logged("Finishing pending request #1 /gone"));
 }
 
 TEST_F(ForwarderTest, ResponseWithoutSinkIsCancelled) {
@@ -301,7 +282,6 @@ TEST_F(ForwarderTest, ResponseWithoutSinkIsCancelled) {
   noSink->headers_ = MessageHeaders::request("GET", "/ns");
   forwarder->handle(noSink);
   target().respond(200, "OK", {{"Content-Length", "4"}});
-  EXPECT_TRUE(logged("#2 /ns: No sink for content, cancelling request"));
   EXPECT_EQ(noSink->response->starts, 0);
   EXPECT_EQ(noSink->response->sends, 0);
   EXPECT_EQ(target().cancels, 1);
@@ -311,34 +291,26 @@ TEST_F(ForwarderTest, ResponseWithoutSinkIsCancelled) {
 
 // ---- pending-request bookkeeping
 
-TEST_F(ForwarderTest, CountsAreLoggedAndCleanUpIsDeferred) {
+TEST_F(ForwarderTest, CleanUpIsDeferred) {
   forward("GET /a HTTP/1.1\r\n");
   forward("GET /b HTTP/1.1\r\n");
-  EXPECT_TRUE(logged("Created new pending request, count=1"));
-  EXPECT_TRUE(logged("Created new pending request, count=2"));
   client->requests[0]->respond(204, "No Content");
   // Not inside the target's callback: the clean-up waits for the reactor.
   EXPECT_EQ(forwarder->pendingCount(), 2u);
-  EXPECT_FALSE(logged("Cleaning up pending request #1 /a, count=1"));
   reactor->runDue();
   EXPECT_EQ(forwarder->pendingCount(), 1u);
-  EXPECT_TRUE(logged("Cleaning up pending request #1 /a, count=1"));
   client->requests[1]->complete(boost::asio::error::timed_out);
   reactor->runDue();
-  EXPECT_TRUE(logged("Cleaning up pending request #2 /b, count=0"));
   EXPECT_EQ(forwarder->pendingCount(), 0u);
 }
 
-TEST_F(ForwarderTest, SecondFinishOnlyLogs) {
+TEST_F(ForwarderTest, SecondFinishChangesNothing) {
   auto request = forward("GET / HTTP/1.1\r\n");
   target().respond(204, "No Content");
   target().complete();
-  EXPECT_TRUE(logged("Response end with code 0: Success"));
-  EXPECT_TRUE(logged("Pending request already finished: #1 /"));
-  EXPECT_EQ(logs->count("Finishing pending request #1 /"), 1u);
   EXPECT_EQ(request->responses, 1);
   reactor->runDue();
-  EXPECT_EQ(logs->count("Cleaning up pending request #1 /, count=0"), 1u);
+  EXPECT_EQ(forwarder->pendingCount(), 0u);
 }
 
 TEST_F(ForwarderTest, CallbacksAfterCleanUpReachNothing) {

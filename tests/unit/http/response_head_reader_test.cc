@@ -41,7 +41,6 @@ class HeadReaderTest : public ::testing::Test {
 const std::string Head = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nServer: t\r\n\r\n";
 
 TEST_F(HeadReaderTest, FindsTheHeadInOnePiece) {
-  auto capture = testing::LogCapture::install();
   ResponseHeadReader reader(0x1f);
   EXPECT_EQ(feed(reader, Head + "hello"), State::Complete);
   EXPECT_EQ(reader.headers().statusCode(), 200u);
@@ -51,9 +50,6 @@ TEST_F(HeadReaderTest, FindsTheHeadInOnePiece) {
   EXPECT_EQ(reader.contentLength(), 5u);
   EXPECT_FALSE(reader.chunked());
   EXPECT_FALSE(reader.closeConnection());
-  EXPECT_TRUE(capture->contains("0x1f: Found double CRLF at " + std::to_string(Head.size() - 4)));
-  EXPECT_TRUE(capture->contains("0x1f: Got response: 200 OK"));
-  EXPECT_TRUE(capture->contains("0x1f: Response content length is 5"));
 }
 
 TEST_F(HeadReaderTest, HeadSplitAtEveryPositionGivesTheSameResult) {
@@ -72,10 +68,8 @@ TEST_F(HeadReaderTest, HeadSplitAtEveryPositionGivesTheSameResult) {
 }
 
 TEST_F(HeadReaderTest, WaitsForTheEmptyLine) {
-  auto capture = testing::LogCapture::install();
   ResponseHeadReader reader(2);
   EXPECT_EQ(feed(reader, "HTTP/1.1 200 OK\r\n\r"), State::Collecting);
-  EXPECT_TRUE(capture->contains("0x2: Double CRLF not found"));
   EXPECT_EQ(feed(reader, "\n"), State::Complete);
   EXPECT_EQ(body(reader), "");
   EXPECT_EQ(feed(reader, "late"), State::Complete);  // body bytes keep coming
@@ -90,14 +84,11 @@ TEST_F(HeadReaderTest, MalformedHeadIsBad) {
 }
 
 TEST_F(HeadReaderTest, ReadsFramingAndConnectionFields) {
-  auto capture = testing::LogCapture::install();
   ResponseHeadReader reader(4);
   feed(reader, "HTTP/1.1 200 OK\r\nconnection: Close\r\nTransfer-Encoding: CHUNKED\r\n\r\n");
   EXPECT_TRUE(reader.closeConnection());
   EXPECT_TRUE(reader.chunked());
   EXPECT_FALSE(reader.contentLengthKnown());
-  EXPECT_TRUE(capture->contains("0x4: Response requested connection close"));
-  EXPECT_TRUE(capture->contains("0x4: Response uses chunked transfer encoding"));
   EXPECT_NE(dynamic_cast<ChunkedEncodingParser*>(reader.makeBodyParser(pool_).get()), nullptr);
 }
 

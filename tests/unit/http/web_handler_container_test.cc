@@ -28,46 +28,28 @@ class ScriptedHandler : public WebRequestHandler {
   std::vector<std::string>& journal_;
 };
 
-TEST(WebHandlerContainer, EmptyContainerTakesNothing) {
-  WebHandlerContainer container;
-  auto request = FakeWebRequest::make("GET /a HTTP/1.1\r\n");
-  EXPECT_FALSE(container.handle(request));
-  EXPECT_FALSE(container.handle(request));
-  EXPECT_EQ(request->responses, 0);
-}
-
-TEST(WebHandlerContainer, FirstTakerEndsTheWalk) {
-  std::vector<std::string> journal;
-  WebHandlerContainer container;
-  container.addHandler(std::make_shared<ScriptedHandler>("first", true, journal));
-  container.addHandler(std::make_shared<ScriptedHandler>("second", true, journal));
-  EXPECT_TRUE(container.handle(FakeWebRequest::make("GET /a HTTP/1.1\r\n")));
-  EXPECT_TRUE(container.handle(FakeWebRequest::make("GET /b HTTP/1.1\r\n")));
-  EXPECT_EQ(journal, (std::vector<std::string>{"first /a", "first /b"}));
-}
-
-TEST(WebHandlerContainer, DecliningHandlersPassTheRequestOnInOrder) {
-  std::vector<std::string> journal;
-  WebHandlerContainer container;
-  container.addHandler(std::make_shared<ScriptedHandler>("one", false, journal));
-  container.addHandler(std::make_shared<ScriptedHandler>("two", false, journal));
-  auto taker = std::make_shared<ScriptedHandler>("three", true, journal);
-  container.addHandler(taker);
-  container.addHandler(taker);  // added twice: nothing checks it
-  EXPECT_EQ(container.handlerCount(), 4u);
-  auto request = FakeWebRequest::make("GET /x HTTP/1.1\r\n");
-  EXPECT_TRUE(container.handle(request));
-  EXPECT_EQ(journal, (std::vector<std::string>{"one /x", "two /x", "three /x"}));
-  EXPECT_EQ(request->responses, 0);
-}
-
-TEST(WebHandlerContainer, FalseWhenEveryHandlerDeclines) {
-  std::vector<std::string> journal;
-  WebHandlerContainer container;
-  container.addHandler(std::make_shared<ScriptedHandler>("one", false, journal));
-  container.addHandler(std::make_shared<ScriptedHandler>("two", false, journal));
-  EXPECT_FALSE(container.handle(FakeWebRequest::make("POST /y HTTP/1.1\r\n")));
-  EXPECT_EQ(journal, (std::vector<std::string>{"one /y", "two /y"}));
+// Handlers are asked in the order they were added until one takes the request.
+TEST(WebHandlerContainer, AsksInOrderUntilOneTakes) {
+  struct Case {
+    std::vector<bool> takes;
+    bool taken;
+    std::vector<std::string> asked;
+  } cases[] = {{{}, false, {}},
+               {{true, true}, true, {"0 /x"}},
+               {{false, false, true, true}, true, {"0 /x", "1 /x", "2 /x"}},
+               {{false, false}, false, {"0 /x", "1 /x"}}};
+  for (const Case& c : cases) {
+    std::vector<std::string> journal;
+    WebHandlerContainer container;
+    for (std::size_t i = 0; i < c.takes.size(); ++i) {
+      container.addHandler(std::make_shared<ScriptedHandler>(std::to_string(i), c.takes[i], journal));
+    }
+    EXPECT_EQ(container.handlerCount(), c.takes.size());
+    auto request = FakeWebRequest::make("GET /x HTTP/1.1\r\n");
+    EXPECT_EQ(container.handle(request), c.taken);
+    EXPECT_EQ(journal, c.asked);
+    EXPECT_EQ(request->responses, 0);
+  }
 }
 
 }  // namespace

@@ -333,21 +333,6 @@ TEST_F(AsioSslSocketTest, TlsBeforeVersion12IsRefused) {
                                  ") failed: tlsv1 alert protocol version"))
       << logged();
 
-  // The same server does serve a client that accepts TLS 1.1, so the refusal
-  // above is the client's own floor.
-  TlsTestServer control(options);
-  boost::asio::io_context io;
-  boost::asio::ssl::context context(boost::asio::ssl::context::tls_client);
-  SSL_CTX_set_security_level(context.native_handle(), 0);
-  SSL_CTX_set_min_proto_version(context.native_handle(), TLS1_1_VERSION);
-  boost::asio::ssl::stream<boost::asio::ip::tcp::socket> old(io, context);
-  old.next_layer().connect({boost::asio::ip::make_address("127.0.0.1"), control.port()});
-  boost::system::error_code error;
-  old.handshake(boost::asio::ssl::stream_base::client, error);
-  EXPECT_FALSE(error) << error.message();
-  EXPECT_EQ(SSL_version(old.native_handle()), TLS1_1_VERSION);
-  old.next_layer().close();
-  EXPECT_FALSE(server.handshakeDone());
 }
 
 TEST_F(AsioSslSocketTest, ConnectWithoutHostNameIsRefusedBeforeAnyTraffic) {

@@ -89,14 +89,40 @@ TEST_F(ResolverTest, FixedServiceNamesGiveTheirPortToEveryAddress) {
 
 TEST_F(ResolverTest, OtherServicesGoToTheSystemAsTheyAre) {
   isolated([&] {
-    const NameResolver::Result numeric = resolve("127.0.0.1", "8081");
+    const NameResolver::Result numeric = resolve("127.0.0.1", "");
     ASSERT_FALSE(numeric.addresses.empty());
-    EXPECT_EQ(numeric.addresses.front(), SocketAddress(AF_INET, "127.0.0.1", 8081));
+    EXPECT_EQ(numeric.addresses.front(), SocketAddress(AF_INET, "127.0.0.1", 0));
     // No hints: one entry per socket type, duplicates kept.
     EXPECT_GT(numeric.addresses.size(), 1u);
     EXPECT_TRUE(std::all_of(numeric.addresses.begin(), numeric.addresses.end(),
                             [&](const SocketAddress& a) { return a == numeric.addresses.front(); }));
-    EXPECT_EQ(resolve("127.0.0.1", "").addresses.front().port(), 0);
+  });
+}
+
+// Address literals with a port need no worker thread and no log line.
+TEST_F(ResolverTest, LiteralsAreAnsweredWithoutTheSystem) {
+  struct Case {
+    const char* host;
+    const char* service;
+    const char* address;  // empty: not a literal the fast path takes
+  } cases[] = {{"127.0.0.1", "8081", "127.0.0.1:8081"}, {"::1", "http", "[::1]:80"},
+               {"10.0.0.1", "https", "10.0.0.1:443"},   {"::1", "65535", "[::1]:65535"},
+               {"::1", "65536", ""},                     {"127.0.0.1", "", ""},
+               {"127.0.0.1", "stun", ""},                {"localhost", "80", ""},
+               {"127.0.0.1", "123456", ""}};
+  for (const Case& c : cases) {
+    NameResolver::Result result;
+    const bool literal = NetNameResolver::resolveLiteral(c.host, c.service, result);
+    EXPECT_EQ(literal, c.address[0] != '\0') << c.host << " " << c.service;
+    if (!literal) continue;
+    ASSERT_EQ(result.addresses.size(), 1u);
+    EXPECT_EQ(result.addresses[0].toString(), c.address);
+  }
+  isolated([&] {
+    bool found = false;
+    EXPECT_EQ(resolve("::1", "8081", &found).addresses, std::vector<SocketAddress>{SocketAddress(AF_INET6, "::1", 8081)});
+    EXPECT_TRUE(found);
+    EXPECT_FALSE(capture_->contains("Resolving host ::1"));
   });
 }
 

@@ -20,7 +20,6 @@ TEST_F(RelayLoop, NoContentStartsTheNextGetAndKeepsNothing) {
   ASSERT_EQ(sent(), 3u);
   EXPECT_EQ(url(*last()), "https://k1.relay.test/rhttp/relay/k1/2");
   EXPECT_EQ(client->activeCount(), 0u);
-  EXPECT_TRUE(logged("Got relay response from " + Name + ": HTTP/1.1 204 No Content", log::Debug));
   get->complete();
   reactor->runDue();
   EXPECT_EQ(reactor->pending(), 0u);
@@ -71,8 +70,6 @@ TEST_F(RelayLoop, ARelayGetFailureReRegistersButABrokenRelayedBodyDoesNot) {
   std::shared_ptr<FakeClientRequest> get = relay({"POST /x HTTP/1.1\r\nContent-Length: 9\r\n\r\nab"});
   const std::size_t before = sent();
   get->complete(Reset);
-  EXPECT_TRUE(logged(Name + ": Relay response error 104", log::Debug));
-  EXPECT_TRUE(logged("Pending request " + Name + " done, removing", log::Debug));
   EXPECT_EQ(client->activeCount(), 0u);
   EXPECT_EQ(client->finishedCount(), 1u);
   reactor->advance(Duration::seconds(60));
@@ -92,10 +89,32 @@ TEST_F(RelayLoop, OneGetIsOutstandingWhileBodiesStillArrive) {
   ASSERT_EQ(handler->requests.size(), 2u);
   EXPECT_EQ(handler->body, "abcdef");
   EXPECT_TRUE(handler->requests[0]->isBodyComplete());
-  EXPECT_TRUE(logged(Name + ": Forwarded 3 bytes of relay data", log::Debug));
-  EXPECT_TRUE(logged(Name + ": Relay data end", log::Debug));
-  EXPECT_TRUE(logged(Name + ": Relay response complete", log::Debug));
   EXPECT_EQ(client->activeCount(), 2u);
+}
+
+// A handler may set its body handler later: pieces that came before wait for
+// it, in order, and later ones go straight to it.
+TEST_F(RelayLoop, BodyPiecesWaitForALateBodyHandler) {
+  struct Keeper : WebRequestHandler {
+    bool handle(const std::shared_ptr<WebRequest>& request) override {
+      kept = request;
+      return true;
+    }
+    std::shared_ptr<WebRequest> kept;
+  };
+  auto keeper = std::make_shared<Keeper>();
+  client->setRequestHandler(keeper);
+  std::shared_ptr<FakeClientRequest> get = registered();
+  relay({"POST /a HTTP/1.1\r\nContent-Length: 6\r\n\r\nab", "cd"});
+  ASSERT_TRUE(keeper->kept);
+  std::string body;
+  keeper->kept->setBodyDataHandler([&body](const BufferChainPtr& piece, bool end) {
+    body += end ? std::string("|") : pieceText(piece);
+  });
+  EXPECT_EQ(body, "abcd");
+  get->response->put("ef");
+  get->response->end();
+  EXPECT_EQ(body, "abcdef|");
 }
 
 // ---- relayed heads
@@ -109,8 +128,6 @@ TEST_F(RelayLoop, HeadSplitOverPiecesIsCollected) {
   EXPECT_EQ(head.requestTarget(), StringSection("/a?b=c"));
   EXPECT_EQ(head.version(), StringSection("HTTP/1.1"));
   EXPECT_EQ(std::string(head.data(), head.size()), "GET /a?b=c HTTP/1.1\r\nHost: x\r\nX-A: 1\r\n\r\n");
-  EXPECT_EQ(logs->count(Name + ": No header separator found, waiting for more data"), 2u);
-  EXPECT_TRUE(logged(Name + ": Got 13 bytes of relay data", log::Debug));
   EXPECT_TRUE(logged(Name + ": Forwarding request: GET /a?b=c HTTP/1.1", log::Info));
   // No body: complete at once, and the bytes after the head are not its body.
   EXPECT_TRUE(handler->requests[0]->isBodyComplete());
@@ -205,8 +222,6 @@ TEST_F(RelayLoop, UnhandledRequestGetsTheSimpleNotFoundReplyWithItsSchemeKept) {
   EXPECT_EQ(handler->body, "");
 
   respond(*post, "HTTP/1.1 200 OK\r\n");
-  EXPECT_TRUE(logged(Name + ": Got reply response: HTTP/1.1 200 OK", log::Debug));
-  EXPECT_TRUE(logged("Pending request " + Name + " done, removing", log::Debug));
   EXPECT_EQ(client->finishedCount(), 1u);
   respond(*currentGet(), "HTTP/1.1 204 No Content\r\n" + NextLink);
   EXPECT_EQ(client->finishedCount(), 0u);
@@ -281,8 +296,6 @@ TEST_F(RelayLoop, StartedTargetResponseStreamsWithBackPressure) {
   for (int i = 0; i < 10; ++i) body += "piece" + std::to_string(i);
   EXPECT_EQ(post->body.text(), "HTTP/1.1 200 OK\r\n\r\n" + body);
   EXPECT_TRUE(post->body.ended());
-  EXPECT_TRUE(logged(Name + ": Got 6 bytes of data, writing to reply", log::Debug));
-  EXPECT_TRUE(logged(Name + ": Relay data end", log::Debug));
 
   respond(*post, "HTTP/1.1 200 OK\r\n");
   EXPECT_EQ(client->activeCount(), 0u);

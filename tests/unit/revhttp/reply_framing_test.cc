@@ -58,8 +58,6 @@ TEST_F(ReplyFraming, AStreamedChunkedResponseIsFramedPieceByPiece) {
   EXPECT_EQ(body, "5\r\nhello\r\n12C\r\n" + std::string(300, 'z') + "\r\n0\r\n\r\n");
   EXPECT_EQ(dechunk(body), "hello" + std::string(300, 'z'));
   EXPECT_TRUE(post->body.ended());
-  EXPECT_TRUE(logged(Name + ": Got 300 bytes of data, writing to reply", log::Debug));
-  EXPECT_TRUE(logged(Name + ": Relay data end", log::Debug));
 }
 
 TEST_F(ReplyFraming, PayloadIsLinkedIntoTheReplyNotCopied) {
@@ -97,23 +95,36 @@ TEST_F(ReplyFraming, PayloadIsLinkedIntoTheReplyNotCopied) {
   EXPECT_EQ(pieceText(upload.take()), "\r\n0\r\n\r\n");
 }
 
-TEST_F(ReplyFraming, AChunkedResponseSentInOnePieceIsOneChunkAndTheEnd) {
-  std::shared_ptr<FakeClientRequest> post = answer("GET /one HTTP/1.1\r\n\r\n", "Transfer-Encoding", "chunked",
-                                                   [](WebResponse& r) { r.send("one piece", 9); });
-  ASSERT_NE(post, nullptr);
-  // Head and framed data still go in one buffer.
-  EXPECT_EQ(post->body.text(), ChunkedHead + "9\r\none piece\r\n0\r\n\r\n");
-  EXPECT_EQ(post->body.pieces(), 1u);
-  EXPECT_TRUE(post->body.ended());
+// Answers sent in one piece: head and framed data go in one buffer.
+TEST_F(ReplyFraming, AResponseSentInOnePieceIsFramedAsItsHeadSays) {
+  struct Case {
+    const char* request;
+    const char* field;
+    const char* value;
+    std::string body;
+    std::string expected;
+  } cases[] = {{"GET /one", "Transfer-Encoding", "chunked", "one piece", ChunkedHead + "9\r\none piece\r\n0\r\n\r\n"},
+               {"GET /none", "Transfer-Encoding", "chunked", "", ChunkedHead + "0\r\n\r\n"},
+               {"GET /fixed", "Content-Length", "3", "abc", "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nabc"},
+               // A HEAD request's answer keeps the head that describes the body it would have had.
+               {"HEAD /feed", "Transfer-Encoding", "chunked", "ignored", ChunkedHead}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.request);
+    http->requests.clear();
+    client = std::make_shared<ReverseHttpClient>(reactor, allocator, http, RegistrationUrl, "k1");
+    client->setRequestHandler(handler);
+    const std::string body = c.body;
+    std::shared_ptr<FakeClientRequest> post =
+        answer(std::string(c.request) + " HTTP/1.1\r\n\r\n", c.field, c.value,
+               [body](WebResponse& r) { r.send(body.data(), body.size()); });
+    ASSERT_NE(post, nullptr);
+    EXPECT_EQ(post->body.text(), c.expected);
+    EXPECT_EQ(post->body.pieces(), 1u);
+    EXPECT_TRUE(post->body.ended());
+  }
 }
 
-TEST_F(ReplyFraming, AnEmptyChunkedBodyIsTheEndMarkerAlone) {
-  std::shared_ptr<FakeClientRequest> post = answer("GET /none HTTP/1.1\r\n\r\n", "Transfer-Encoding", "chunked",
-                                                   [](WebResponse& r) { r.send(nullptr, 0); });
-  ASSERT_NE(post, nullptr);
-  EXPECT_EQ(post->body.text(), ChunkedHead + "0\r\n\r\n");
-
-  // Started, then ended with nothing in between: the same.
+TEST_F(ReplyFraming, AnEmptyStartedChunkedBodyIsTheEndMarkerAlone) {
   std::shared_ptr<FakeClientRequest> streamed = answer("GET /none HTTP/1.1\r\n\r\n", "Transfer-Encoding",
                                                        "chunked", [](WebResponse& r) { r.start(); });
   BodySource producer;
@@ -138,14 +149,6 @@ TEST_F(ReplyFraming, AContentLengthBodyPassesUnchanged) {
 }
 
 TEST_F(ReplyFraming, ResponsesWithoutBodyGetNothingAfterTheHead) {
-  // A HEAD request's answer keeps the head that describes the body it would
-  // have had, and nothing follows it.
-  std::shared_ptr<FakeClientRequest> head = answer("HEAD /feed HTTP/1.1\r\n\r\n", "Transfer-Encoding", "chunked",
-                                                   [](WebResponse& r) { r.send("ignored", 7); });
-  ASSERT_NE(head, nullptr);
-  EXPECT_EQ(head->body.text(), ChunkedHead);
-  EXPECT_TRUE(head->body.ended());
-
   std::shared_ptr<FakeClientRequest> started = answer("HEAD /feed HTTP/1.1\r\n\r\n", "Transfer-Encoding",
                                                       "chunked", [](WebResponse& r) { r.start(); });
   BodySource producer;

@@ -10,6 +10,7 @@
 #include "revhttp/reverse_http_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
+#include "tests/support/switchable_allocator.h"
 #include "tests/support/http_fakes.h"
 
 namespace quorvel {
@@ -39,18 +40,6 @@ class RecordingHandler : public WebRequestHandler {
   std::vector<std::string> bodyPieces;
   std::string body;
   int ends = 0;
-};
-
-// An allocator that can be told to run dry.
-class SwitchableAllocator : public BufferChainAllocator {
- public:
-  explicit SwitchableAllocator(std::shared_ptr<BufferPool> pool) : pool_(std::move(pool)) {}
-  BufferChain allocate(std::size_t size) override { return dry ? BufferChain() : pool_->allocate(size); }
-  std::size_t bufferSize() const override { return pool_->bufferSize(); }
-  bool dry = false;
-
- private:
-  std::shared_ptr<BufferPool> pool_;
 };
 
 class RevHttpTest : public ::testing::Test {

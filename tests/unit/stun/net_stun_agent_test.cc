@@ -142,8 +142,8 @@ TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
   const Time start = reactor_->clock().now();
   Outcome outcome;
   const MessagePtr message = request(7);
-  const RequestHandle handle = agent->sendRequest(message, socket_, server_, Duration::milliseconds(100),
-                                                  Duration::milliseconds(2000), "", recordInto(outcome));
+  agent->sendRequest(message, socket_, server_, Duration::milliseconds(100), Duration::milliseconds(2000), "",
+                     recordInto(outcome));
   EXPECT_EQ(sendTimesMs(*socket_, start), std::vector<int64_t>{0});  // the first goes at once
   reactor_->advance(Duration::seconds(5));
 
@@ -158,11 +158,7 @@ TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
   EXPECT_EQ(agent->pendingCount(), 0u);
   EXPECT_EQ(reactor_->pending(), 0u);
 
-  const std::string h = "0x" + (boost::format("%x") % handle).str();
-  EXPECT_TRUE(capture_->contains("Initiating request " + h + " from 127.0.0.1:5000 to 127.0.0.1:3478, rto 100ms"));
-  EXPECT_EQ(capture_->count("(Re)sending request " + h), 5u);
-  EXPECT_TRUE(capture_->contains("Request " + h + " timed out"));
-  EXPECT_TRUE(capture_->contains("Disposing of pending request " + h));
+  // All its lines are debug lines of its own log.
   for (const LogCapture::Line& line : capture_->lines()) {
     EXPECT_EQ(line.log, "stunagent");
     EXPECT_EQ(line.level, log::Debug) << line.message;
@@ -207,7 +203,6 @@ TEST_F(AgentTest, MatchesResponsesByIdAndChecksIntegrityWhenKeyed) {
   EXPECT_EQ(outcome.response->messageClass(), Message::ErrorResponse);
   EXPECT_EQ(outcome.from, from);
   EXPECT_EQ(outcome.local, SocketAddress(2, "127.0.0.1", 5000));
-  EXPECT_TRUE(capture_->contains("0x1: Got response from 127.0.0.1:3479"));
   EXPECT_EQ(agent->pendingCount(), 0u);
 
   reactor_->advance(Duration::seconds(20));
@@ -297,12 +292,11 @@ TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
 TEST_F(AgentTest, LostSocketEndsTheTransaction) {
   auto agent = makeAgent(Duration());
   Outcome outcome;
-  const RequestHandle handle = agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100),
-                                                  Duration::seconds(1), "", recordInto(outcome));
+  agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
+                     recordInto(outcome));
   socket_.reset();
   reactor_->advance(Duration::milliseconds(100));
   EXPECT_EQ(outcome.error, ENOTCONN);
-  EXPECT_TRUE(capture_->contains((boost::format("Socket for request 0x%x no longer exists") % handle).str()));
   EXPECT_EQ(agent->pendingCount(), 0u);
 }
 
@@ -310,11 +304,10 @@ TEST_F(AgentTest, SendFailuresEndTheTransaction) {
   auto agent = makeAgent(Duration());
   Outcome failed, refused;
   socket_->completionError = ENETUNREACH;
-  const RequestHandle first = agent->sendRequest(request(1), socket_, server_, Duration::milliseconds(100),
-                                                 Duration::seconds(1), "", recordInto(failed));
+  agent->sendRequest(request(1), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
+                     recordInto(failed));
   reactor_->runDue();
   EXPECT_EQ(failed.error, ENETUNREACH);
-  EXPECT_TRUE(capture_->contains((boost::format("Request 0x%x failed, removing") % first).str()));
 
   socket_->throwOnSend = true;
   agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
@@ -335,8 +328,6 @@ TEST_F(AgentTest, CancelStopsWithoutCallingBack) {
   reactor_->advance(Duration::seconds(2));
   EXPECT_EQ(socket_->sent.size(), 1u);
   EXPECT_EQ(outcome.calls, 0);
-  EXPECT_TRUE(capture_->contains((boost::format("Cancelling request 0x%x") % handle).str()));
-  EXPECT_TRUE(capture_->contains((boost::format("Disposing of pending request 0x%x") % handle).str()));
 }
 
 TEST_F(AgentTest, CallbacksMayStartAndCancelRequestsAndDropTheAgent) {

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+
+namespace quorvel {
+
+// Finds the empty line that ends a message head ("\r\n\r\n") in bytes that
+// arrive in pieces. Each byte is looked at once: a separator split over two
+// pieces is still found, without searching earlier pieces again. Response
+// heads (ResponseHeadReader) and relayed request heads are collected with it.
+class HeadEndFinder {
+ public:
+  static constexpr std::size_t SeparatorLength = 4;
+
+  // Looks at [first, last) and returns where the separator ends in it (the
+  // position after its last byte), or `last` when it has not ended yet.
+  // Nothing more is looked for once it has been found.
+  template <typename It>
+  It feed(It first, It last) {
+    for (; first != last && matched_ != 4; ++first) {
+      matched_ = next(matched_, static_cast<unsigned char>(*first));
+      ++scanned_;
+      if (matched_ == 4) return ++first;
+    }
+    return last;
+  }
+
+  bool found() const { return matched_ == 4; }
+  // Bytes fed up to the end of the separator, once found: the head's size
+  // with its empty line.
+  std::size_t headEnd() const { return scanned_; }
+  void reset() { matched_ = 0, scanned_ = 0; }
+
+ private:
+  // Bytes of the separator matched at the end of what was looked at.
+  static int next(int matched, unsigned char byte) {
+    if (byte == '\r') return matched == 2 ? 3 : 1;
+    if (byte == '\n' && (matched == 1 || matched == 3)) return matched + 1;
+    return 0;
+  }
+
+  int matched_ = 0;
+  std::size_t scanned_ = 0;
+};
+
+}  // namespace quorvel
