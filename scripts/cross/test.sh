@@ -40,7 +40,7 @@ fi
 if [ ! -f build/CMakeCache.txt ]; then
   cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRULE_BENCH=ON >/dev/null
 fi
-nice ninja -C build --quiet ferrule-devrelay
+nice ninja -C build --quiet ferrule-devrelay ferrule-p2pclient
 # A static ferrule runs as it is; a dynamic one needs the target's loader and
 # C library. The prefix is left out for static builds since qemu looks up
 # every path the program opens (/etc/hosts too) under it first.
@@ -51,3 +51,12 @@ started=$SECONDS
 FERRULE_WRAPPER=$wrapper python3 tests/e2e/relay/relay_test.py build-ppc/app/ferrule \
   build/tools/devrelay/ferrule-devrelay
 echo "relay end-to-end test under qemu-ppc passed in $((SECONDS - started)) s"
+
+# The peer-to-peer path on the board's byte order and word size: usrsctp and
+# its glue, ICE checks and the video relay, on the flat network.
+echo "peer-to-peer end-to-end test, ferrule for powerpc under $wrapper"
+started=$SECONDS
+FERRULE_WRAPPER=$wrapper python3 tests/e2e/p2p/p2p_test.py build-ppc/app/ferrule \
+  build/tools/devrelay/ferrule-devrelay build/tools/p2pclient/ferrule-p2pclient \
+  VideoOverSctp.test_query_arrives_unchanged VideoOverSctp.test_100_mb_byte_exact_flat
+echo "peer-to-peer end-to-end test under qemu-ppc passed in $((SECONDS - started)) s"
