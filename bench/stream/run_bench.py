@@ -30,11 +30,10 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.join(HERE, "..", "..")
 sys.path.insert(0, os.path.join(ROOT, "scripts"))
-sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "p2p"))
-import p2p_test as env  # noqa: E402  (the device with nginx, the sample file)
 from harness import topology  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.p2p_client import run_client  # noqa: E402
+from harness.video_device import DEVICE_URL, DOMAIN, Binaries, Device, make_sample  # noqa: E402
 
 CLOCK_TICK = os.sysconf("SC_CLK_TCK")
 STAND_IN_PORT = 8002
@@ -75,11 +74,11 @@ def raw_usrsctp(device, work):
     address = net.device_addresses[0]
     stand_in = LoggedProcess("stand-in", net.device.command(
         sys.executable, os.path.join(ROOT, "scripts", "harness", "nice_device.py"), "--listen",
-        "%s:%d" % (address, STAND_IN_PORT), "--tool", env.P2PCLIENT, "--", "-a", address, "--serve",
-        env.SAMPLE[0], "--hold", "60"), work)
+        "%s:%d" % (address, STAND_IN_PORT), "--tool", device.binaries.p2pclient, "--", "-a", address, "--serve",
+        device.sample[0], "--hold", "60"), work)
     try:
         stand_in.wait_for("listening on")
-        result = run_client(env.P2PCLIENT, "http://%s:%d" % (address, STAND_IN_PORT), command=net.client.command,
+        result = run_client(device.binaries.p2pclient, "http://%s:%d" % (address, STAND_IN_PORT), command=net.client.command,
                             addresses=[net.client_addresses[0]], verbose=False,
                             extra=["-q", "file=sample.bin", "-o", os.path.join(work, "raw")])
         if result.status != 0:
@@ -104,7 +103,7 @@ def idle_figures(device, seconds=5):
     carries no connection (the client holds the pair)."""
     pid = device.ferrule.proc.pid
     client = LoggedProcess("holder", device.net.client.command(
-        env.P2PCLIENT, "-s", env.DOMAIN, "--hold", str(seconds + 10), env.DEVICE_URL), device.work)
+        device.binaries.p2pclient, "-s", DOMAIN, "--hold", str(seconds + 10), DEVICE_URL), device.work)
     try:
         device.ferrule.wait_for(r"\[ferrule\] New session established", timeout=30)
         time.sleep(1)
@@ -139,13 +138,13 @@ def main():
     binaries = args.binaries or [os.path.join(build, "app", "ferrule"),
                                  os.path.join(build, "tools", "devrelay", "ferrule-devrelay"),
                                  os.path.join(build, "tools", "p2pclient", "ferrule-p2pclient")]
-    env.FERRULE, env.DEVRELAY, env.P2PCLIENT = (os.path.abspath(path) for path in binaries)
+    binaries = Binaries(*(os.path.abspath(path) for path in binaries))
     work = tempfile.mkdtemp(prefix="ferrule-bench-stream-")
     device = None
     try:
-        env.SAMPLE = env.make_sample(work)
+        sample = make_sample(work)
         os.makedirs(os.path.join(work, "device"))
-        device = env.Device(topology.flat, os.path.join(work, "device"))
+        device = Device(topology.flat, os.path.join(work, "device"), binaries, sample)
         figures = {"ferrule": [], "raw": [], "curl": [], "ferrule-cpu": [], "raw-cpu": [], "first-byte": []}
         for rep in range(args.reps):
             rate, cpu, first = through_ferrule(device, "out-%d" % rep)

@@ -4,13 +4,8 @@ ferrule through the dev relay, associates SCTP on the pair and sends a video
 query; ferrule fetches "/video.vdo?" + query from nginx (its target, in the
 device's namespace) and streams the body back.
 
-nginx's "/video.vdo" answers by query:
-    file=NAME     the file NAME (a 100 MB random sample made once per run)
-    status=404    404 with a short body
-    empty=1       200 with an empty body
-    odd=early     a 10 MB answer cut off after 100 kB   (odd_target.py)
-    odd=silent    no answer at all                      (odd_target.py)
-    anything else 200 "query=" + the query, so that its arrival is proven
+The device and its answers to "/video.vdo?" queries are harness.video_device's;
+"file=sample.bin" is a 100 MB random sample made once per run.
 
     p2p_test.py FERRULE DEVRELAY P2PCLIENT [unittest arguments]
 
@@ -18,7 +13,6 @@ Needs root. Namespaces, their /etc/netns entries and every process are gone
 afterwards, also when a case fails."""
 import os
 import re
-import shlex
 import shutil
 import signal
 import subprocess
@@ -29,127 +23,19 @@ import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "scripts"))
-from harness import certs  # noqa: E402
 from harness import topology  # noqa: E402
-from harness.coturn import Coturn  # noqa: E402
 from harness.digest import file_sha256  # noqa: E402
-from harness.logged_process import LoggedProcess  # noqa: E402
-from harness.nginx import Nginx  # noqa: E402
-from harness.p2p_client import client_argv, run_client  # noqa: E402
+from harness.p2p_client import run_client  # noqa: E402
+from harness.video_device import (DEVICE_URL, DOMAIN, SAMPLE_SIZE, Binaries, Device,  # noqa: E402
+                                   make_sample)
 
-FERRULE = DEVRELAY = P2PCLIENT = None
-DOMAIN = "relay.test"
-KEY = "dev1"
-NAMES = [DOMAIN, "%s.%s" % (KEY, DOMAIN), "stun." + DOMAIN]
-DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT, ODD_PORT = 8443, 8080, 8000, 8090
-DEVICE_URL = "http://%s.%s:%d" % (KEY, DOMAIN, OUTSIDE_PORT)
-SAMPLE_SIZE = 100 * 1000 * 1000
-SAMPLE = None  # (path, sha256), made once per run
-
-LOCATIONS = """\
-location = /video.vdo {
-  default_type text/plain;
-  error_page 418 = @odd;
-  if ($arg_file) { rewrite ^ /files/$arg_file? last; }
-  if ($arg_odd) { return 418; }
-  if ($arg_status = "404") { return 404 "no such video\\n"; }
-  if ($arg_empty) { return 200 ""; }
-  return 200 "query=$args\\n";
-}
-location /files/ { internal; }
-location @odd { proxy_pass http://127.0.0.1:%d; }
-""" % ODD_PORT
-PROXY = "proxy_buffering off; proxy_read_timeout 300s; proxy_http_version 1.1;"
+BINARIES = SAMPLE = None  # set by main(); SAMPLE is (path, sha256), made once per run
 
 # A stream relay that ended because of its SCTP side.
 SCTP_FAILURES = r"\[ferrule\] (Stream disconnected|SCTP send error)"
 # Its client connection's one note that its last relay closed.
 ALL_CLOSED = r"\[ferrule\] All connections closed, starting idle timer"
 
-
-def make_sample(work):
-    path = os.path.join(work, "sample.bin")
-    with open(path, "wb") as f:
-        for _ in range(SAMPLE_SIZE // (1 << 20)):
-            f.write(os.urandom(1 << 20))
-        f.write(os.urandom(SAMPLE_SIZE % (1 << 20)))
-    return path, file_sha256(path)
-
-
-class Device:
-    """One network with the relay side, and ferrule with nginx and the odd
-    target on the device."""
-
-    def __init__(self, shape, work):
-        self.work = work
-        self.processes = []
-        self.nginx = None
-        self.topology = topology.Topology("p2p")
-        try:
-            self._start(shape)
-        except BaseException:
-            self.stop()
-            raise
-
-    def _logged(self, name, argv, **options):
-        process = LoggedProcess(name, argv, self.work, **options)
-        self.processes.insert(0, process)  # stopped in reverse order
-        return process
-
-    def _start(self, shape):
-        work = self.work
-        self.net = shape(self.topology, NAMES)
-        server, device = self.net.server, self.net.device
-        address = self.net.server_addresses[0]
-        certs.make_ca(work, "good", "ferrule e2e p2p CA")
-        certs.make_server_certificate(work, "good", DOMAIN)
-        stun = Coturn(work, self.net.server_addresses, command=server.command).start()
-        self.processes.insert(0, stun)
-        relay = self._logged("devrelay", server.command(
-            DEVRELAY, "-c", os.path.join(work, "good-server.pem"), "-k", os.path.join(work, "good-server.key"),
-            "-d", "%s:%d" % (address, DEVICE_PORT), "-p", "%s:%d" % (address, PLAIN_PORT),
-            "-o", "%s:%d" % (address, OUTSIDE_PORT), "-P", "5", "-a", "30"))
-        relay.wait_for(r"Listening for outside clients on ")
-        odd = self._logged("odd", device.command(sys.executable, os.path.join(HERE, "odd_target.py"), str(ODD_PORT)))
-        odd.wait_for("listening")
-        self.nginx = Nginx(locations=LOCATIONS, http_extra=PROXY, work=os.path.join(work, "nginx"),
-                           command=device.command)
-        os.makedirs(os.path.join(self.nginx.root, "files"))
-        os.symlink(SAMPLE[0], os.path.join(self.nginx.root, "files", "sample.bin"))
-        self.nginx.start()
-        registration = os.path.join(work, "ferrule.info")
-        with open(registration, "w") as f:
-            f.write("DeviceRelayKey = %s\n" % KEY)
-        # FERRULE_WRAPPER: a command line ferrule is started through (qemu-ppc).
-        wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
-        self.ferrule = self._logged("ferrule", device.command(
-            *wrapper, FERRULE, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN, "-f", registration,
-            "-t", self.nginx.authority(), "-l", "5", "-l", "icesessionlink:6"),
-            env={"SSL_CERT_FILE": os.path.join(work, "good-ca.pem")})
-        self.ferrule.wait_for(r"\[revhttp\] Registration succeeded")
-
-    def client_argv(self, query, output, *extra, timeout=20):
-        return self.net.client.command(*client_argv(P2PCLIENT, DEVICE_URL, stun=DOMAIN, ice_timeout=timeout,
-                                                    extra=["-q", query, "-o", output, *extra], verbose=False))
-
-    def download(self, query, *extra, timeout=20, name="video"):
-        """Runs the client to its end; returns (ClientResult, output path)."""
-        output = os.path.join(self.work, name)
-        result = run_client(P2PCLIENT, DEVICE_URL, command=self.net.client.command, stun=DOMAIN, verbose=False,
-                            ice_timeout=timeout, extra=["-q", query, "-o", output, *extra], timeout=timeout + 120)
-        return result, output
-
-    def stop(self):
-        try:
-            for process in self.processes:
-                try:
-                    process.stop()
-                except Exception as error:
-                    print("stopping %s: %s" % (process, error), file=sys.stderr)
-            if self.nginx is not None:
-                self.nginx.stop()
-        finally:
-            self.topology.remove()
 
 
 class VideoOverSctp(unittest.TestCase):
@@ -166,7 +52,7 @@ class VideoOverSctp(unittest.TestCase):
             shutil.rmtree(self.work, ignore_errors=True)
 
     def start(self, shape=topology.flat):
-        self.device = Device(shape, self.work)
+        self.device = Device(shape, self.work, BINARIES, SAMPLE)
         return self.device
 
     def assert_complete(self, result, count=1):
@@ -305,7 +191,7 @@ class VideoOverSctp(unittest.TestCase):
         device = self.start()
         pid = device.ferrule.proc.pid
         before = self.resources(pid)
-        result = run_client(P2PCLIENT, DEVICE_URL, command=device.net.client.command, stun=DOMAIN, verbose=False)
+        result = run_client(BINARIES.p2pclient, DEVICE_URL, command=device.net.client.command, stun=DOMAIN, verbose=False)
         self.assertEqual(result.status, 0, result)
         device.ferrule.wait_for(r"\[ferrule\] New session established: ")
         # The session's UDP sockets.
@@ -369,10 +255,10 @@ class VideoOverSctp(unittest.TestCase):
 
 
 def main():
-    global FERRULE, DEVRELAY, P2PCLIENT, SAMPLE
+    global BINARIES, SAMPLE
     if len(sys.argv) < 4:
         sys.exit("usage: p2p_test.py FERRULE DEVRELAY P2PCLIENT [unittest arguments]")
-    FERRULE, DEVRELAY, P2PCLIENT = (os.path.abspath(path) for path in sys.argv[1:4])
+    BINARIES = Binaries(*(os.path.abspath(path) for path in sys.argv[1:4]))
     sample_work = tempfile.mkdtemp(prefix="ferrule-p2p-sample-")
     try:
         SAMPLE = make_sample(sample_work)
