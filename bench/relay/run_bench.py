@@ -42,29 +42,15 @@ from harness import certs  # noqa: E402
 from harness.relay_processes import DOMAIN, start_devrelay, start_ferrule, write_registration  # noqa: E402
 from harness.netns import run_in_namespace  # noqa: E402
 from harness.nginx import Nginx, free_port  # noqa: E402
+from harness.proc_figures import cpu_seconds, status_field  # noqa: E402
 
 KEY = "dev1"
 DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT = 8443, 8080, 8000
 BIG_SIZE = 100 * 1024 * 1024
-CLOCK_TICK = os.sysconf("SC_CLK_TCK")
 SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
 
 
 # ---- process figures
-
-def cpu_seconds(pid, tid=None):
-    with open("/proc/%d/task/%d/stat" % (pid, tid) if tid else "/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / CLOCK_TICK  # utime, stime
-
-
-def status_kb(pid, name):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith(name + ":"):
-                return int(line.split()[1])
-    return 0
-
 
 def largest_mappings(pid, count):
     """[(kB resident, name)] of the largest resident mappings, summed by name."""
@@ -93,7 +79,7 @@ class PeakSampler:
     def _run(self):
         while not self.done.wait(0.02):
             try:
-                self.peak = max(self.peak, status_kb(self.pid, "RssAnon"))
+                self.peak = max(self.peak, status_field(self.pid, "RssAnon"))
             except OSError:
                 return
 
@@ -264,7 +250,7 @@ def measure(args):
                     rates[(route, c)].append(rate)
                     if watched:
                         cpu[(route, c)].append([(cpu_seconds(p) - b) * 1000.0 / count for p, b in zip(watched, before)])
-            hwm_small = status_kb(pid, "VmHWM")
+            hwm_small = status_field(pid, "VmHWM")
             for route, base, host_header, device_pid in routes:
                 watched = [device_pid, relay.proc.pid] if route == "ferrule" else [device_pid]
                 before = [cpu_seconds(p) for p in watched if p]
@@ -293,11 +279,11 @@ def measure(args):
         threads = sorted(int(t) for t in os.listdir("/proc/%d/task" % pid))
         print("ferrule CPU s over the whole run by thread: " + ", ".join(
             "%s %.2f" % ("main" if tid == pid else "thread %d" % tid, cpu_seconds(pid, tid)) for tid in threads))
-        hwm = status_kb(pid, "VmHWM")
+        hwm = status_field(pid, "VmHWM")
         print("ferrule peak RSS (VmHWM): %d kB after the 1 KB runs, %d kB after the 100 MB downloads; "
               "peak RssAnon %d kB; now RssAnon %d kB, RssFile %d kB, threads %d"
-              % (hwm_small, hwm, sampler.stop(), status_kb(pid, "RssAnon"), status_kb(pid, "RssFile"),
-                 status_kb(pid, "Threads")))
+              % (hwm_small, hwm, sampler.stop(), status_field(pid, "RssAnon"), status_field(pid, "RssFile"),
+                 status_field(pid, "Threads")))
         print("ferrule resident now by mapping: " + ", ".join("%s %d kB" % (name, kb)
                                                           for kb, name in largest_mappings(pid, 10)))
         ratio16 = med(rates[("ferrule", 16)]) / med(rates[("ssh -R", 16)])

@@ -33,28 +33,10 @@ sys.path.insert(0, os.path.join(ROOT, "scripts"))
 from harness import topology  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.p2p_client import run_client  # noqa: E402
+from harness.proc_figures import cpu_seconds, reset_peak_rss, status_field, wakeups  # noqa: E402
 from harness.video_device import DEVICE_URL, DOMAIN, Binaries, Device, make_sample  # noqa: E402
 
-CLOCK_TICK = os.sysconf("SC_CLK_TCK")
 STAND_IN_PORT = 8002
-
-
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / CLOCK_TICK
-
-
-def status_field(pid, name):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith(name + ":"):
-                return int(line.split()[1])
-    return 0
-
-
-def wakeups(pid):
-    return status_field(pid, "voluntary_ctxt_switches") + status_field(pid, "nonvoluntary_ctxt_switches")
 
 
 def through_ferrule(device, output):
@@ -118,8 +100,7 @@ def slow_reader_peak(device):
     """(RSS before, peak RSS during) in kB of ferrule while the client reads
     at 1 MiB/s."""
     pid = device.ferrule.proc.pid
-    with open("/proc/%d/clear_refs" % pid, "w") as f:
-        f.write("5")  # resets VmHWM to the current RSS
+    reset_peak_rss(pid)
     before = status_field(pid, "VmRSS")
     result, path = device.download("file=sample.bin", "--rate", "1M", timeout=30, name="slow")
     if result.status != 0:

@@ -26,6 +26,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "scripts"))
 from harness import topology  # noqa: E402
 from harness.digest import file_sha256  # noqa: E402
 from harness.p2p_client import run_client  # noqa: E402
+from harness.proc_figures import reset_peak_rss, status_field  # noqa: E402
 from harness.video_device import (DEVICE_URL, DOMAIN, SAMPLE_SIZE, Binaries, Device,  # noqa: E402
                                    make_sample)
 
@@ -233,25 +234,14 @@ class VideoOverSctp(unittest.TestCase):
     def test_slow_client_keeps_the_daemon_small(self):
         device = self.start()
         pid = device.ferrule.proc.pid
-        with open("/proc/%d/clear_refs" % pid, "w") as f:
-            f.write("5")  # the peak starts again from here
-        before = self.rss_kb(pid)
+        reset_peak_rss(pid)
+        before = status_field(pid, "VmRSS")
         result, path = device.download("file=sample.bin", "--rate", "4M", timeout=30)
         self.assert_sample(result, path)
-        peak = self.peak_rss_kb(pid)
+        peak = status_field(pid, "VmHWM")
         print("daemon RSS before %d kB, peak %d kB during 100 MB read at 4 MiB/s" % (before, peak))
         # The body is held back in nginx, not in the daemon.
         self.assertLess(peak - before, 24 * 1024)
-
-    def rss_kb(self, pid, field="VmRSS:"):
-        with open("/proc/%d/status" % pid) as f:
-            for line in f:
-                if line.startswith(field):
-                    return int(line.split()[1])
-        return 0
-
-    def peak_rss_kb(self, pid):
-        return self.rss_kb(pid, "VmHWM:")
 
 
 def main():
