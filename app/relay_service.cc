@@ -1,10 +1,14 @@
 #include "app/relay_service.h"
 
+#include <exception>
+
 #include "core/log.h"
+#include "core/release_later.h"
 #include "ice/session_timing.h"
 #include "http/net_http_client.h"
 #include "net/asio_socket_factory.h"
 #include "net/asio_ssl_socket_factory.h"
+#include "sctp/sctp_ice_session_link.h"
 
 namespace quorvel {
 namespace ferrule {
@@ -33,6 +37,7 @@ RelayService::RelayService(const std::string& registrationFile, const std::strin
       sslSocketFactory_(std::make_shared<AsioSslSocketFactory>(reactor_, false)),
       resolver_(std::make_shared<NetNameResolver>(reactor_)),
       bufferPool_(std::make_shared<BufferPool>(512, 0, 0)),
+      sctpService_(std::make_shared<SctpUdpService>(reactor_)),
       httpClient_(std::make_shared<NetHttpClient>(reactor_, bufferPool_, socketFactory_, sslSocketFactory_, resolver_)),
       randomSource_(std::make_shared<PseudoRandomSource>(reactor_->timeProvider())),
       stunAgent_(std::make_shared<stun::NetStunAgent>(reactor_, bufferPool_, ice::AgentSendInterval)),
@@ -54,11 +59,10 @@ RelayService::RelayService(const std::string& registrationFile, const std::strin
 // Tasks still queued in the reactor may hold pooled buffers, so the reactor
 // goes before the pool: everything else first, in reverse order of building.
 RelayService::~RelayService() {
+  clientConnections_.clear();
   relayClient_.reset();
   registrationWatch_.reset();
   forwarder_.reset();
-  for (const ice::SessionPtr& session : sessions_) session->close();
-  sessions_.clear();
   connectHandler_.reset();
   handlers_.reset();
   sessionManager_.reset();
@@ -66,6 +70,7 @@ RelayService::~RelayService() {
   stunAgent_.reset();
   randomSource_.reset();
   httpClient_.reset();
+  sctpService_.reset();
   resolver_.reset();
   sslSocketFactory_.reset();
   socketFactory_.reset();
@@ -83,7 +88,21 @@ void RelayService::startRelay(const std::string& key) {
 void RelayService::onNewSession(const ice::SessionPtr& session) {
   QLOG(Log, log::Notice, "New session established: %s <-> %s", session->localAddress().toString(),
        session->remoteAddress().toString());
-  sessions_.push_back(session);
+  try {
+    auto link = std::make_shared<SctpIceSessionLink>(reactor_, sctpService_, session);
+    auto connection = std::make_shared<ClientConnection>(
+        reactor_, link, bufferPool_, httpClient_, targetHost_,
+        [this](ClientConnection* closed) { onClientConnectionClosed(closed); });
+    connection->start();
+    clientConnections_.push_back(connection);
+  } catch (const std::exception& e) {
+    QLOG(Log, log::Warning, "Failed to create connection from new ICE session: %s", e.what());
+  }
+}
+
+void RelayService::onClientConnectionClosed(ClientConnection* connection) {
+  // Called from the connection's own idle task: it goes in a later event.
+  releaseLater(*reactor_, lifetime_, clientConnections_, connection);
 }
 
 void RelayService::run() {

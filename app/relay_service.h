@@ -2,7 +2,9 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "app/client_connection.h"
 #include "app/registration_file.h"
 #include "core/asio_reactor.h"
 #include "core/lifetime.h"
@@ -18,6 +20,7 @@
 #include "net/local_network_info.h"
 #include "net/name_resolver.h"
 #include "revhttp/reverse_http_client.h"
+#include "sctp/sctp_udp_service.h"
 #include "stun/net_stun_agent.h"
 
 namespace quorvel {
@@ -48,8 +51,13 @@ class RelayService {
  private:
   // A new device key: a fresh relay client replaces the previous one.
   void startRelay(const std::string& key);
-  // An ICE session that a remote client has established with the device.
+  // An ICE session that a remote client has established with the device:
+  // SCTP is carried over it and the client's connections are served. A
+  // failure is logged and the session gets no client connection.
   void onNewSession(const ice::SessionPtr& session);
+  // Idle: the connection goes, and with it its link, associations and ICE
+  // session.
+  void onClientConnectionClosed(ClientConnection* connection);
 
   const std::string registrationFile_;
   const std::string targetHost_;
@@ -62,6 +70,7 @@ class RelayService {
   std::shared_ptr<AsyncSocketFactory> sslSocketFactory_;
   std::shared_ptr<NameResolver> resolver_;
   std::shared_ptr<BufferPool> bufferPool_;
+  std::shared_ptr<SctpUdpService> sctpService_;
   std::shared_ptr<HttpClient> httpClient_;
   std::shared_ptr<RandomSource> randomSource_;
   std::shared_ptr<stun::NetStunAgent> stunAgent_;
@@ -73,8 +82,7 @@ class RelayService {
 
   std::unique_ptr<RegistrationFileWatch> registrationWatch_;
   std::shared_ptr<ReverseHttpClient> relayClient_;
-  // Established sessions, until a transport takes them over.
-  std::vector<ice::SessionPtr> sessions_;
+  std::vector<std::shared_ptr<ClientConnection>> clientConnections_;  // in order of creation
 
   LifetimeToken lifetime_ = makeLifetimeToken();
 };

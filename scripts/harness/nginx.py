@@ -8,7 +8,10 @@ so that it is stopped even when the test fails:
         server.access_log()   # parsed lines of the access log
 
 Static files go under server.root (write them before or after start). With
-tls=(certificate_file, key_file) the server speaks HTTPS only."""
+tls=(certificate_file, key_file) the server speaks HTTPS only. With command
+(e.g. Namespace.command) it runs inside a network namespace, on that
+namespace's loopback; start() then waits for its pid file, which nginx writes
+once it listens."""
 import os
 import shutil
 import signal
@@ -63,8 +66,9 @@ def free_port():
 
 
 class Nginx:
-    def __init__(self, locations="", http_extra="", work=None, start_timeout=10.0, tls=None):
+    def __init__(self, locations="", http_extra="", work=None, start_timeout=10.0, tls=None, command=None):
         self.locations = locations
+        self.command = command
         self.tls = tls
         self.http_extra = http_extra
         self.own_work = work is None
@@ -105,12 +109,18 @@ class Nginx:
             f.write(CONFIG.format(user=user, work=self.work, port=self.port, fields=fields, tls=tls,
                                   ssl=" ssl" if self.tls else "", http_extra=self.http_extra, locations=self.locations))
         with open(os.path.join(self.work, "stderr.log"), "w") as stderr:
-            self.proc = subprocess.Popen([NGINX, "-p", self.work, "-c", os.path.join(self.work, "nginx.conf")],
-                                         stdout=subprocess.DEVNULL, stderr=stderr)
+            argv = [NGINX, "-p", self.work, "-c", os.path.join(self.work, "nginx.conf")]
+            self.proc = subprocess.Popen(self.command(*argv) if self.command else argv, stdout=subprocess.DEVNULL,
+                                         stderr=stderr)
         deadline = time.monotonic() + self.start_timeout
         while time.monotonic() < deadline:
             if self.proc.poll() is not None:
                 raise RuntimeError("nginx exited with %d:\n%s" % (self.proc.returncode, self.error_log()))
+            if self.command:
+                if os.path.exists(os.path.join(self.work, "nginx.pid")):
+                    return self
+                time.sleep(0.05)
+                continue
             try:
                 with socket.create_connection(("127.0.0.1", self.port), timeout=0.5):
                     return self

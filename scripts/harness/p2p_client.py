@@ -7,6 +7,8 @@ and reads what it printed:
     result.pair           # {"local": "198.18.2.2:40000", "local-type": "host", ...}
     result.timing         # {"answer-ms": 12, "connect-ms": 70}
     result.datagrams      # {"sent": 5, "received": 5} with --send/--expect/--echo
+    result.downloads      # with --query, one per connection: {"port": 5000,
+                          #  "bytes": 104857600, "first-byte-ms": 3, ..., "end": "complete"}
     result.stderr         # its messages (all of them with verbose)"""
 import subprocess
 
@@ -17,7 +19,9 @@ class ClientResult:
         self.stdout = stdout
         self.stderr = stderr
         self.pair = self.timing = self.datagrams = None
-        for line in stdout.splitlines():
+        self.downloads = []
+        # The report goes to standard error when the video is on standard output.
+        for line in stdout.splitlines() + stderr.splitlines():
             kind, _, rest = line.partition(" ")
             fields = parse_fields(rest.split())
             if kind == "selected-pair":
@@ -25,6 +29,8 @@ class ClientResult:
             elif kind in ("timing", "datagrams"):
                 numbers = {key: int(value) for key, value in fields.items() if value.isdigit()}
                 setattr(self, kind, numbers)
+            elif kind == "download":
+                self.downloads.append({key: int(value) if value.isdigit() else value for key, value in fields.items()})
 
     def __repr__(self):
         return "ferrule-p2pclient exited %d\nstdout:\n%s\nstderr:\n%s" % (self.status, self.stdout, self.stderr)

@@ -19,7 +19,9 @@
 #include "tools/p2pclient/exit_status.h"
 #include "tools/p2pclient/ice_agent.h"
 #include "tools/p2pclient/options.h"
+#include "tools/p2pclient/sctp_stack.h"
 #include "tools/p2pclient/session_post.h"
+#include "tools/p2pclient/video_transfer.h"
 
 namespace {
 
@@ -135,6 +137,11 @@ int run(const Options& options) {
   }
   const long long answerMs = millisecondsSince(askStart);
 
+  // The stand-in's stack takes the client's first packets, which may come
+  // before this side has seen the pair selected.
+  std::unique_ptr<SctpStack> serving;
+  if (!options.serveFile.empty()) serving = std::make_unique<SctpStack>(context.get(), agent);
+
   const auto connectStart = Clock::now();
   agent.setRemote(remote);
   switch (agent.connect(options.iceTimeout)) {
@@ -147,10 +154,18 @@ int run(const Options& options) {
   }
   const long long connectMs = millisecondsSince(connectStart);
   const SelectedPair pair = agent.selectedPair();
-  std::cout << "selected-pair local=" << endText(pair.local) << " local-type=" << pair.local.type
-            << " local-base=" << pair.local.base << " remote=" << endText(pair.remote)
-            << " remote-type=" << pair.remote.type << "\n"
-            << "timing answer-ms=" << answerMs << " connect-ms=" << connectMs << std::endl;
+  // With the video on standard output, the report lines go beside it.
+  std::ostream& report = !options.query.empty() && options.output == "-" ? std::cerr : std::cout;
+  report << "selected-pair local=" << endText(pair.local) << " local-type=" << pair.local.type
+         << " local-base=" << pair.local.base << " remote=" << endText(pair.remote)
+         << " remote-type=" << pair.remote.type << "\n"
+         << "timing answer-ms=" << answerMs << " connect-ms=" << connectMs << std::endl;
+
+  if (!options.query.empty()) return downloadVideo(agent, context.get(), options, report);
+  if (serving) {
+    serveVideo(agent, *serving, options);
+    return ExitSuccess;
+  }
 
   const auto connected = Clock::now();
   if (!exchange.start()) verbose("the path refused some test datagrams");

@@ -70,6 +70,25 @@ bool isNumericAddress(const std::string& text) {
   return inet_pton(AF_INET, text.c_str(), bytes) == 1 || inet_pton(AF_INET6, text.c_str(), bytes) == 1;
 }
 
+// 1500, 64k (KiB), 2M (MiB), as curl's --limit-rate reads them.
+bool parseBytes(const char* text, std::uint64_t& result) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long value = std::strtoull(text, &end, 10);
+  if (end == text || errno != 0 || *text == '-') return false;
+  std::uint64_t unit = 1;
+  if (*end == 'k' || *end == 'K') {
+    unit = 1024, ++end;
+  } else if (*end == 'm' || *end == 'M') {
+    unit = 1024 * 1024, ++end;
+  } else if (*end == 'g' || *end == 'G') {
+    unit = 1024 * 1024 * 1024, ++end;
+  }
+  if (*end != '\0' || value > (1ULL << 50) / unit) return false;
+  result = value * unit;
+  return true;
+}
+
 int usageError(std::ostream& err, const std::string& text) {
   err << "ferrule-p2pclient: " << text << "\nTry 'ferrule-p2pclient --help'.\n";
   return ExitUsage;
@@ -125,7 +144,18 @@ void printUsage(std::ostream& out) {
 }
 
 int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std::ostream& err) {
-  enum { SendOption = 1000, ExpectOption, EchoOption, HoldOption, AnswerOption };
+  enum {
+    SendOption = 1000,
+    ExpectOption,
+    EchoOption,
+    HoldOption,
+    AnswerOption,
+    ConnectionsOption,
+    RateOption,
+    ResendOption,
+    GarbageOption,
+    ServeOption
+  };
   static const option longOptions[] = {
       {"stun", required_argument, nullptr, 's'},
       {"address", required_argument, nullptr, 'a'},
@@ -137,6 +167,13 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
       {"echo", no_argument, nullptr, EchoOption},
       {"hold", required_argument, nullptr, HoldOption},
       {"answer", no_argument, nullptr, AnswerOption},
+      {"query", required_argument, nullptr, 'q'},
+      {"output", required_argument, nullptr, 'o'},
+      {"connections", required_argument, nullptr, ConnectionsOption},
+      {"rate", required_argument, nullptr, RateOption},
+      {"resend-query-at", required_argument, nullptr, ResendOption},
+      {"garbage", required_argument, nullptr, GarbageOption},
+      {"serve", required_argument, nullptr, ServeOption},
       {"verbose", no_argument, nullptr, 'v'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
@@ -144,7 +181,7 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
   optind = 0;  // also resets getopt's state when called again (tests)
   opterr = 0;
   int option;
-  while ((option = getopt_long(argc, argv, ":s:a:g:r:t:vh", longOptions, nullptr)) != -1) {
+  while ((option = getopt_long(argc, argv, ":s:a:g:r:t:q:o:vh", longOptions, nullptr)) != -1) {
     const std::string name = optind > 0 && optind <= argc ? argv[optind - 1] : "";
     switch (option) {
       case 's':
@@ -190,6 +227,39 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
       case AnswerOption:
         options.standIn = true;
         break;
+      case 'q':
+        options.query = optarg;
+        // SCTP has no empty messages, and the device takes one message as
+        // the whole query.
+        if (options.query.empty()) return usageError(err, "the query must not be empty");
+        break;
+      case 'o':
+        options.output = optarg;
+        if (options.output.empty()) return usageError(err, "the output path must not be empty");
+        break;
+      case ConnectionsOption:
+        if (!parseCount(optarg, options.connections) || options.connections < 1 || options.connections > 8) {
+          return usageError(err, std::string("bad connection count '") + optarg + "' (1 to 8)");
+        }
+        break;
+      case RateOption:
+        if (!parseBytes(optarg, options.rate) || options.rate == 0) {
+          return usageError(err, std::string("bad rate '") + optarg + "' (bytes a second, k/M/G suffixes)");
+        }
+        break;
+      case ResendOption:
+        if (!parseBytes(optarg, options.resendQueryAt) || options.resendQueryAt == 0) {
+          return usageError(err, std::string("bad byte count '") + optarg + "'");
+        }
+        break;
+      case GarbageOption:
+        if (!parseCount(optarg, options.garbage)) {
+          return usageError(err, std::string("bad datagram count '") + optarg + "' (0 to 100000)");
+        }
+        break;
+      case ServeOption:
+        options.serveFile = optarg;
+        break;
       case 'v':
         options.verbose = true;
         break;
@@ -203,6 +273,16 @@ int parseOptions(int argc, char** argv, Options& options, std::ostream& out, std
     }
   }
   const int left = argc - optind;
+  const bool downloading = !options.query.empty();
+  if (options.standIn && downloading) return usageError(err, "--query is for the client, not with --answer");
+  if (!options.serveFile.empty() && !options.standIn) return usageError(err, "--serve needs --answer");
+  if (!downloading && (options.output != "-" || options.connections != 1 || options.rate != 0 ||
+                       options.resendQueryAt != 0 || options.garbage != 0)) {
+    return usageError(err, "--output, --connections, --rate, --resend-query-at and --garbage need --query");
+  }
+  if (options.connections > 1 && options.output == "-") {
+    return usageError(err, "--connections above 1 needs --output (one file per connection)");
+  }
   if (options.standIn) {
     if (left != 0) return usageError(err, "--answer takes no device URL");
   } else if (left != 1) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -21,6 +22,14 @@ struct Options {
   std::chrono::milliseconds hold{0};
   DatagramExchange::Settings datagrams;
   bool standIn = false;  // --answer: the device's side, for tests and benchmarks
+  // The video download over SCTP, once the pair is up.
+  std::string query;              // non-empty: download "/video.vdo?" + query
+  std::string output = "-";       // "-": standard output; with several connections PATH.1, PATH.2, ...
+  unsigned connections = 1;       // SCTP connections at once on the one pair
+  std::uint64_t rate = 0;         // bytes per second read at most (0: as fast as they come)
+  std::uint64_t resendQueryAt = 0;  // send the query again after this many body bytes (0: never)
+  unsigned garbage = 0;           // datagrams of garbage to send on the pair once the video flows
+  std::string serveFile;          // with --answer: answer every query with this file's bytes
   bool verbose = false;
 };
 

@@ -2,13 +2,16 @@
 """ferrule-p2pclient on its own: its command line, and each failing step
 with its message and exit status, against canned answers from a small HTTP
 server; then a whole session against the libnice stand-in for the device
-(scripts/harness/nice_device.py), with datagrams both ways.
+(scripts/harness/nice_device.py), with datagrams both ways, and the video
+over SCTP from the stand-in's plain usrsctp sender (--serve): whole, never
+associated (exit 7), and aborted mid-transfer (exit 8).
 
 The outer run makes two namespaces joined by a veth pair, the device's side
 (198.18.9.1) and the client's (198.18.9.2; ICE skips loopback), and runs
 this script in the device's (--inner), the tool in the client's. Both go
 afterwards, also when the tests fail. Needs root."""
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -73,6 +76,13 @@ class CommandLine(unittest.TestCase):
             (["http://a", "http://b"], 2, "more than one device URL"),
             (["--answer", "http://a"], 2, "--answer takes no device URL"),
             (["https://dev1.relay.test"], 2, "must begin with http://"),
+            (["-q", "", "http://x"], 2, "the query must not be empty"),
+            (["--rate", "1M", "http://x"], 2, "need --query"),
+            (["-q", "a", "--rate", "1X", "http://x"], 2, "bad rate '1X'"),
+            (["-q", "a", "--connections", "2", "http://x"], 2, "--connections above 1 needs --output"),
+            (["-q", "a", "-o", "f", "--connections", "9", "http://x"], 2, "bad connection count"),
+            (["--serve", "f", "http://x"], 2, "--serve needs --answer"),
+            (["--answer", "-q", "a"], 2, "--query is for the client"),
             (["http://dev1.relay.test:99999"], 2, "bad port"),
         ]
         for argv, status, message in cases:
@@ -136,7 +146,9 @@ class WithStandIn(unittest.TestCase):
     """A whole session against libnice as the device (controlling)."""
 
     def start(self, *tool_options):
-        self.work = tempfile.mkdtemp(prefix="p2pclient-")
+        if not getattr(self, "work", None):
+            self.work = tempfile.mkdtemp(prefix="p2pclient-")
+        self.addCleanup(shutil.rmtree, self.work, True)
         self.device = LoggedProcess("stand-in", [sys.executable, os.path.join(SCRIPTS, "harness", "nice_device.py"),
                                                  "--listen", "%s:%d" % (SERVER, STAND_IN_PORT), "--tool", TOOL,
                                                  "--", "-a", SERVER, *tool_options], self.work)
@@ -160,6 +172,40 @@ class WithStandIn(unittest.TestCase):
         fields = dict(word.split("=", 1) for word in line.split()[1:])
         self.assertEqual((fields["local"], fields["remote"]), (result.pair["remote"], result.pair["local"]))
         self.assertGreaterEqual(result.timing["connect-ms"], 0)
+
+    def video(self, size):
+        path = os.path.join(self.work, "video.bin")
+        with open(path, "wb") as f:
+            f.write(os.urandom(size))
+        return path
+
+    def test_video_from_the_stand_in(self):
+        self.work = tempfile.mkdtemp(prefix="p2pclient-")
+        video = self.video(3000000)
+        self.start("--serve", video, "--hold", "10")
+        output = os.path.join(self.work, "out")
+        result = self.connect("-q", "cam=1", "-o", output, "-t", "10")
+        self.assertEqual(result.status, 0, result)
+        self.assertEqual(len(result.downloads), 1, result)
+        self.assertEqual((result.downloads[0]["bytes"], result.downloads[0]["end"]), (3000000, "complete"))
+        with open(video, "rb") as a, open(output, "rb") as b:
+            self.assertTrue(a.read() == b.read())
+        self.device.wait_for(r"^served port=5000 query=cam=1 bytes=3000000 ", timeout=10)
+
+    def test_no_association(self):
+        self.start("--hold", "3")  # ICE only: nothing answers SCTP
+        result = self.connect("-q", "cam=1", "-o", os.path.join(self.work, "out"), "-t", "1")
+        self.assertEqual(result.status, 7, result)
+        self.assertIn("no SCTP association with the device within 1 s", result.stderr)
+        self.assertEqual(result.downloads[0]["end"], "failed", result)
+
+    def test_stream_cut_short(self):
+        self.work = tempfile.mkdtemp(prefix="p2pclient-")
+        self.start("--serve", self.video(20000000), "--hold", "2")  # gone mid-transfer, aborting
+        result = self.connect("-q", "cam=1", "-o", os.path.join(self.work, "out"), "--rate", "1M", "-t", "10")
+        self.assertEqual(result.status, 8, result)
+        self.assertIn("the video stream was cut short after ", result.stderr)
+        self.assertLess(result.downloads[0]["bytes"], 20000000, result)
 
     def test_missing_datagrams(self):
         self.start("--hold", "3")

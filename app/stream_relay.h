@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include <boost/system/error_code.hpp>
+
+#include "core/delegate.h"
+#include "http/http_client.h"
+#include "http/web_client.h"
+#include "net/async_socket.h"
+#include "net/buffer_chain_ptr.h"
+#include "net/buffer_pool.h"
+
+namespace quorvel {
+namespace ferrule {
+
+// Serves one SCTP connection of a remote client: its one message is the
+// query of a video request, which becomes a GET of "/video.vdo?" + query on
+// the target host; the response body goes back over the connection as it
+// arrives, one send at a time, so a slow client holds the target back
+// instead of filling memory. Ends (once) when the body has been sent, on any
+// error, or when the client goes; then the close callback runs.
+class StreamRelay : public std::enable_shared_from_this<StreamRelay> {
+ public:
+  using CloseCallback = Delegate<void(StreamRelay* relay)>;
+
+  // The longest query taken in one receive; the rest of a longer message
+  // would count as unexpected data.
+  static constexpr std::size_t MaxRequestSize = 4096;
+
+  StreamRelay(std::shared_ptr<AsyncSocket> socket, std::shared_ptr<BufferPool> pool,
+              std::shared_ptr<HttpClient> httpClient, std::string targetHost, CloseCallback closeCallback);
+  // Cancels the target request and closes the connection, without calling
+  // the close callback.
+  ~StreamRelay();
+  StreamRelay(const StreamRelay&) = delete;
+  StreamRelay& operator=(const StreamRelay&) = delete;
+
+  // Starts receiving the query.
+  void start();
+  bool isClosed() const { return closed_; }
+
+ private:
+  void receive();
+  void onReceived(const BufferChainPtr& chain, int error, std::size_t bytes);
+  void processRequest(const std::string& text);
+  void onResponse(const std::shared_ptr<WebClientResponse>& response);
+  void onRequestDone(const boost::system::error_code& code);
+  void pump();
+  void onSent(int error);
+  void close();
+  void release();
+
+  std::shared_ptr<AsyncSocket> socket_;
+  std::shared_ptr<BufferPool> pool_;
+  std::shared_ptr<HttpClient> httpClient_;
+  const std::string targetHost_;
+  CloseCallback closeCallback_;
+
+  std::shared_ptr<WebClientRequest> request_;  // the active one
+  bool requestDone_ = false;
+  std::shared_ptr<BodySink> body_;
+  BufferChainPtr sending_;  // the chain of the outstanding send
+  bool closed_ = false;
+};
+
+}  // namespace ferrule
+}  // namespace quorvel

@@ -1,0 +1,126 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "core/lifetime.h"
+#include "core/reactor.h"
+#include "core/time.h"
+
+struct socket;
+
+namespace quorvel {
+
+class SctpUdpOutput;
+
+// Told, on the reactor's thread, that the stack has news for one of its
+// sockets (readable, writable, connected, failed); it then retries whatever
+// it has outstanding.
+class SctpStackEvents {
+ public:
+  virtual ~SctpStackEvents() = default;
+  virtual void onStackEvents() = 0;
+};
+
+// The process's one SCTP stack (usrsctp in AF_CONN mode, without threads of
+// its own apart from the iterator) and the boundary between the stack and the
+// reactor. Every call into the stack is made on the reactor's thread; the
+// stack's callbacks (packet output, socket upcalls, debug text) come back on
+// it, from inside those calls.
+//
+// The rule of this boundary: nothing enters the stack from inside its own
+// callback. The stack holds its locks while it calls out, so a packet fed to
+// it from there would deadlock; the callbacks only hand packets to a link's
+// session (which copies them) and post everything else to the reactor.
+//
+// Links register an output and get a fresh address value (the AF_CONN
+// address of their end, never reused, as a reused value can make the stack
+// drop a new association's COOKIE-ECHO). The stack's timers are driven from
+// the reactor every 10 ms, only while a link or a socket exists.
+class SctpUdpService {
+ public:
+  // Throws std::logic_error "SctpUdpService already exists" for a second live
+  // instance: the stack is a process-wide singleton.
+  explicit SctpUdpService(std::shared_ptr<Reactor> reactor);
+  // Aborts what is left and shuts the stack down.
+  ~SctpUdpService();
+  SctpUdpService(const SctpUdpService&) = delete;
+  SctpUdpService& operator=(const SctpUdpService&) = delete;
+
+  // ---- links
+  // The address value under which `output` receives the stack's packets.
+  uintptr_t registerLink(SctpUdpOutput* output);
+  // No packet goes to the output after this; associations still closing on
+  // that address are aborted.
+  void deregisterLink(uintptr_t connData);
+  // One datagram that arrived for the link.
+  void input(uintptr_t connData, const uint8_t* data, std::size_t size);
+
+  // ---- sockets
+  // A new non-blocking one-to-one stack socket with this program's options,
+  // or null with errno set.
+  struct socket* openSocket();
+  // Routes the stack's events for `handle` to `owner` from now on. Sockets
+  // the stack made (accepted ones) are adopted the same way.
+  void watch(struct socket* handle, uintptr_t connData, const std::weak_ptr<SctpStackEvents>& owner);
+  // Takes the socket back from its owner. A graceful release first lets the
+  // association deliver what is queued and shut down (bounded by the stack's
+  // retransmission limits and by the link's deregistration); otherwise it is
+  // aborted at once.
+  void release(struct socket* handle, bool graceful);
+
+  Reactor& reactor() { return *reactor_; }
+  // Completions are posted under this token: it lives as long as the stack,
+  // so a socket's callbacks still run after the socket object has gone.
+  const LifetimeToken& token() const { return token_; }
+  // Room to gather a message into, for use within one call on the loop.
+  std::vector<uint8_t>& scratch() { return scratch_; }
+
+  // Live links, and stack sockets not yet closed (those shutting down
+  // included); for tests and statistics.
+  std::size_t linkCount() const { return links_.size(); }
+  std::size_t socketCount() const { return sockets_.size(); }
+  bool timerRunning() const { return timerRunning_; }
+
+ private:
+  struct SocketEntry {
+    uintptr_t connData = 0;
+    std::weak_ptr<SctpStackEvents> owner;
+    bool closing = false;
+  };
+
+  // The stack's callbacks.
+  static int onOutput(void* address, void* buffer, std::size_t length, uint8_t tos, uint8_t setDf);
+  static void onUpcall(struct socket* handle, void* arg, int flags);
+  static void onDebugText(const char* format, ...);
+
+  void deliverOutput(uintptr_t connData, const uint8_t* data, std::size_t size);
+  void drainEvents();
+  void continueClosing(struct socket* handle);
+  void abortSocket(struct socket* handle);
+  void ensureTimer();
+  void onTimer();
+
+  std::shared_ptr<Reactor> reactor_;
+  LifetimeToken token_ = makeLifetimeToken();
+  std::map<uintptr_t, SctpUdpOutput*> links_;
+  uintptr_t nextConnData_ = 1;
+  std::map<struct socket*, SocketEntry> sockets_;
+  // Depth of stack callbacks on the loop thread: input waits while inside.
+  int inCallback_ = 0;
+
+  // Filled by upcalls, drained by one posted task.
+  std::mutex eventsMutex_;
+  std::vector<struct socket*> pendingEvents_;
+  bool drainPosted_ = false;
+
+  bool timerRunning_ = false;
+  Time lastTick_;
+  std::vector<uint8_t> scratch_;
+};
+
+}  // namespace quorvel

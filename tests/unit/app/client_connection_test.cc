@@ -1,0 +1,150 @@
+#include "app/client_connection.h"
+
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/http_fakes.h"
+#include "tests/support/log_capture.h"
+#include "tests/unit/sctp/sctp_fixture.h"
+
+namespace quorvel {
+namespace ferrule {
+namespace {
+
+using testing::Completion;
+using testing::FakeClientResponse;
+using testing::FakeHttpClient;
+using testing::LogCapture;
+using testing::p2p;
+
+// A client connection on the device's end of a real SCTP link over fake ICE
+// sessions; the test plays the remote client on the other end and the target
+// host behind the fake HTTP client.
+class ClientConnectionTest : public testing::SctpFixture {
+ protected:
+  ClientConnectionTest() {
+    capture = LogCapture::install();
+    connection = std::make_shared<ClientConnection>(reactor, deviceLink, bufferPool, http, "camera.local",
+                                                    [this](ClientConnection* closed) {
+                                                      EXPECT_EQ(closed, connection.get());
+                                                      ++closes;
+                                                    });
+    connection->start();
+  }
+  // What is still queued for the relays holds buffers of this pool: it runs
+  // before the pool goes.
+  ~ClientConnectionTest() override {
+    *alive = false;
+    connection.reset();
+    run(100);
+  }
+
+  // A client connection from `port` that has been accepted.
+  std::shared_ptr<AsyncSocket> open(uint16_t port) {
+    Completion connected;
+    std::shared_ptr<AsyncSocket> socket = connectFrom(port, connected);
+    run(100);
+    EXPECT_EQ(connected.error, 0);
+    return socket;
+  }
+
+  // The target answers the last request with `body`, in pieces, as fast as
+  // the relay takes them.
+  void answer(const std::string& body, std::size_t piece = 10000) {
+    std::shared_ptr<FakeClientResponse> response = http->last().respond(200, "OK");
+    for (std::size_t at = 0; at < body.size(); at += piece) {
+      response->put(body.substr(at, piece));
+      for (int i = 0; i < 1000 && response->source.isBlocked(); ++i) run(1);
+    }
+    response->end();
+    http->last().complete();
+  }
+
+  std::shared_ptr<BufferPool> bufferPool = std::make_shared<BufferPool>(512, 0, 0);
+  std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
+  std::shared_ptr<LogCapture> capture;
+  int closes = 0;
+  std::shared_ptr<ClientConnection> connection;
+};
+
+TEST_F(ClientConnectionTest, RelaysAVideoRequestOverSctp) {
+  std::shared_ptr<AsyncSocket> stream = open(5000);
+  EXPECT_EQ(connection->streamCount(), 1u);
+  EXPECT_FALSE(connection->idleTimerRunning());
+  Completion sent;
+  sendText(*stream, "id=7&q=hd", sent);
+  run(50);
+  ASSERT_EQ(http->requests.size(), 1u);
+  EXPECT_EQ(http->last().path, "/video.vdo?id=7&q=hd");
+
+  std::string body(300000, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i % 251);
+  answer(body);
+  // The whole body, then the end of the stream.
+  EXPECT_EQ(readAll(*stream, body.size() + 1), body);
+  run(10);
+  EXPECT_EQ(connection->streamCount(), 0u);
+  EXPECT_TRUE(connection->idleTimerRunning());
+}
+
+TEST_F(ClientConnectionTest, ConnectionsOnOneSessionEachGetARelay) {
+  std::shared_ptr<AsyncSocket> first = open(5000);
+  std::shared_ptr<AsyncSocket> second = open(5001);
+  EXPECT_EQ(connection->streamCount(), 2u);
+  Completion sent1, sent2;
+  sendText(*first, "a=1", sent1);
+  sendText(*second, "b=2", sent2);
+  run(50);
+  ASSERT_EQ(http->requests.size(), 2u);
+  EXPECT_EQ(http->requests[0]->path, "/video.vdo?a=1");
+  EXPECT_EQ(http->requests[1]->path, "/video.vdo?b=2");
+
+  first->close();
+  run(100);
+  EXPECT_EQ(connection->streamCount(), 1u);
+  EXPECT_FALSE(connection->idleTimerRunning());
+  EXPECT_FALSE(capture->contains("All connections closed, starting idle timer"));
+  second->close();
+  run(100);
+  EXPECT_EQ(connection->streamCount(), 0u);
+  EXPECT_TRUE(capture->contains("All connections closed, starting idle timer"));
+}
+
+TEST_F(ClientConnectionTest, ClosesAfter30sWhenNoConnectionEverComes) {
+  reactor->advance(Duration::seconds(29));
+  EXPECT_EQ(closes, 0);
+  reactor->advance(Duration::seconds(2));
+  EXPECT_EQ(closes, 1);
+  EXPECT_EQ(capture->count("No incoming connection for 30s, closing"), 1u);
+}
+
+TEST_F(ClientConnectionTest, AConnectionWithinThePeriodCancelsTheIdleClose) {
+  reactor->advance(Duration::seconds(29));
+  std::shared_ptr<AsyncSocket> stream = open(5000);
+  reactor->advance(Duration::seconds(60));
+  EXPECT_EQ(closes, 0);
+  stream->close();
+  run(100);
+  reactor->advance(Duration::seconds(29));
+  std::shared_ptr<AsyncSocket> again = open(5001);
+  reactor->advance(Duration::seconds(60));
+  EXPECT_EQ(closes, 0);
+  EXPECT_FALSE(capture->contains("No incoming connection for 30s, closing"));
+}
+
+TEST_F(ClientConnectionTest, GoingAwayClosesTheLinkAndTheIceSession) {
+  std::shared_ptr<AsyncSocket> stream = open(5000);
+  connection.reset();
+  EXPECT_TRUE(sessions.device->closed);
+  Completion got;
+  std::string text;
+  receiveText(*stream, 100, got, text);
+  run(100);
+  EXPECT_FALSE(got.done);  // nothing reaches the client any more
+}
+
+}  // namespace
+}  // namespace ferrule
+}  // namespace quorvel

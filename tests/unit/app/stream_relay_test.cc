@@ -1,0 +1,166 @@
+#include "app/stream_relay.h"
+
+#include <cerrno>
+#include <memory>
+#include <set>
+#include <string>
+
+#include <boost/asio/error.hpp>
+#include <gtest/gtest.h>
+
+#include "tests/support/http_fakes.h"
+#include "tests/support/manual_reactor.h"
+#include "tests/unit/http/fake_network.h"
+
+namespace quorvel {
+namespace ferrule {
+namespace {
+
+using testing::FakeClientRequest;
+using testing::FakeClientResponse;
+using testing::FakeHttpClient;
+using testing::FakeSocket;
+using testing::ManualReactor;
+
+// A stream relay on a fake connection (the test plays the remote client) and
+// a fake HTTP client (the test plays the target host).
+class StreamRelayTest : public ::testing::Test {
+ public:
+  StreamRelayTest()
+      : reactor(std::make_shared<ManualReactor>()),
+        socket(std::make_shared<FakeSocket>(reactor, &refused)),
+        http(std::make_shared<FakeHttpClient>()),
+        relay(std::make_shared<StreamRelay>(socket, pool, http, "camera.local", [this](StreamRelay* closed) {
+          EXPECT_EQ(closed, relay.get());
+          ++closes;
+        })) {
+    relay->start();
+  }
+
+  // The client's query arrives.
+  void query(const std::string& text) {
+    ASSERT_TRUE(socket->receiving());
+    socket->deliver(text);
+    reactor->runDue();
+  }
+
+  FakeClientRequest& target() { return http->last(); }
+
+  std::set<std::string> refused;
+  std::shared_ptr<BufferPool> pool = std::make_shared<BufferPool>(512, 0, 0);
+  std::shared_ptr<ManualReactor> reactor;
+  std::shared_ptr<FakeSocket> socket;
+  std::shared_ptr<FakeHttpClient> http;
+  int closes = 0;
+  std::shared_ptr<StreamRelay> relay;
+};
+
+TEST_F(StreamRelayTest, QueryBecomesAGetOfTheVideoOnTheTarget) {
+  query("camera=2&res=640x480");
+  ASSERT_EQ(http->requests.size(), 1u);
+  EXPECT_EQ(target().method, "GET");
+  EXPECT_EQ(target().scheme, "http");
+  EXPECT_EQ(target().hostValue, "camera.local");
+  EXPECT_EQ(target().connectHost, "camera.local");
+  EXPECT_EQ(target().path, "/video.vdo?camera=2&res=640x480");
+  EXPECT_EQ(target().sends, 1);
+  EXPECT_EQ(target().sentBody, "");
+}
+
+TEST_F(StreamRelayTest, OnlyBodyBytesGoBackOneSendAtATime) {
+  query("id=1");
+  std::shared_ptr<FakeClientResponse> response =
+      target().respond(200, "OK", {{"Content-Type", "video/x-test"}, {"Content-Length", "9"}});
+  response->put("abc");
+  response->put("def");
+  EXPECT_FALSE(response->put("ghi"));  // the relay holds the target back
+  EXPECT_EQ(socket->sends, 1);
+  EXPECT_EQ(socket->sent, "abc");
+  reactor->runDue();
+  EXPECT_EQ(socket->sent, "abcdefghi");
+  EXPECT_EQ(socket->sends, 3);
+  response->end();
+  target().complete();
+  reactor->runDue();
+  EXPECT_EQ(closes, 1);
+  EXPECT_TRUE(socket->closed);
+  EXPECT_EQ(target().cancels, 0);
+}
+
+TEST_F(StreamRelayTest, TheBodyStillQueuedWhenTheRequestFinishesIsSent) {
+  query("id=1");
+  std::shared_ptr<FakeClientResponse> response = target().respond(200, "OK");
+  response->put("first");
+  response->put("last");
+  response->end();
+  target().complete();
+  EXPECT_EQ(closes, 0);
+  reactor->runDue();
+  EXPECT_EQ(socket->sent, "firstlast");
+  EXPECT_EQ(closes, 1);
+}
+
+TEST_F(StreamRelayTest, EmptyBodyEndsTheStream) {
+  query("id=1");
+  target().respond(200, "OK")->end();
+  EXPECT_EQ(closes, 1);
+  EXPECT_EQ(socket->sends, 0);
+  EXPECT_TRUE(socket->closed);
+}
+
+TEST_F(StreamRelayTest, DataDuringAResponseIsIgnored) {
+  query("id=1");
+  query("id=2");
+  EXPECT_EQ(http->requests.size(), 1u);
+  EXPECT_TRUE(socket->receiving());
+  EXPECT_EQ(closes, 0);
+}
+
+TEST_F(StreamRelayTest, EachWayOfEndingClosesOnceAndStopsTheTarget) {
+  const struct {
+    const char* name;
+    void (*end)(StreamRelayTest& t);
+    int cancels;  // of the target request
+  } cases[] = {
+      {"client goes", [](StreamRelayTest& t) { t.socket->deliverClose(); }, 1},
+      {"client fails", [](StreamRelayTest& t) { t.socket->close(); }, 1},
+      {"target fails",
+       [](StreamRelayTest& t) { t.target().complete(boost::asio::error::connection_refused); }, 0},
+      {"send fails",
+       [](StreamRelayTest& t) {
+         t.socket->failSends = true;
+         t.target().response->put("x");
+         t.target().response->put("y");
+       },
+       1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    socket = std::make_shared<FakeSocket>(reactor, &refused);
+    closes = 0;
+    relay = std::make_shared<StreamRelay>(socket, pool, http, "camera.local", [this](StreamRelay*) { ++closes; });
+    relay->start();
+    query("id=1");
+    target().respond(200, "OK");
+    c.end(*this);
+    reactor->runDue();
+    target().complete();  // late news from the target changes nothing
+    reactor->runDue();
+    EXPECT_EQ(closes, 1);
+    EXPECT_EQ(target().cancels, c.cancels);
+    EXPECT_TRUE(socket->closed);
+  }
+}
+
+TEST_F(StreamRelayTest, DestroyingStopsTheTargetWithoutTheCallback) {
+  query("id=1");
+  FakeClientRequest& request = target();
+  relay.reset();
+  EXPECT_EQ(request.cancels, 1);
+  EXPECT_TRUE(socket->closed);
+  EXPECT_EQ(closes, 0);
+}
+
+}  // namespace
+}  // namespace ferrule
+}  // namespace quorvel
