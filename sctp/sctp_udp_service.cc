@@ -24,6 +24,8 @@ const log::Log StackLog("usrsctp");
 SctpUdpService* instance = nullptr;
 
 constexpr Duration TimerPeriod = Duration::milliseconds(10);
+constexpr Duration QuietTimerPeriod = Duration::milliseconds(250);
+constexpr Duration QuietAfter = Duration::seconds(1);
 
 // Stack settings, applied once right after init (sysctls only reach sockets
 // made afterwards).
@@ -34,6 +36,9 @@ constexpr Duration TimerPeriod = Duration::milliseconds(10);
 //   default 200 ms stalls a sender whose window is nearly used up).
 // - RTO 200 ms .. 10 s starting at 1 s, heartbeats every 10 s (the ICE
 //   session's keepalives need no help), ECN off (no ECN over UDP).
+// - An association gives up after 5 unanswered retransmissions in a row
+//   (the default 10 keeps a vanished client's relay for about a minute);
+//   with the RTO backing off from 200 ms that is still over 10 s of silence.
 // - 16 streams each way: every stream costs memory per association.
 void applyStackSettings() {
   usrsctp_sysctl_set_sctp_ecn_enable(0);
@@ -47,6 +52,8 @@ void applyStackSettings() {
   usrsctp_sysctl_set_sctp_rto_initial_default(1000);
   usrsctp_sysctl_set_sctp_rto_max_default(10000);
   usrsctp_sysctl_set_sctp_init_rto_max_default(10000);
+  usrsctp_sysctl_set_sctp_assoc_rtx_max_default(5);
+  usrsctp_sysctl_set_sctp_path_rtx_max_default(5);
   usrsctp_sysctl_set_sctp_nr_outgoing_streams_default(16);
 }
 
@@ -130,6 +137,7 @@ void SctpUdpService::input(uintptr_t connData, const uint8_t* data, std::size_t 
     reactor_->post(token_, [this, connData, copy] { input(connData, copy->data(), copy->size()); });
     return;
   }
+  noteActivity();
   usrsctp_conninput(reinterpret_cast<void*>(connData), data, size, 0);
 }
 
@@ -213,6 +221,7 @@ int SctpUdpService::onOutput(void* address, void* buffer, std::size_t length, ui
 void SctpUdpService::deliverOutput(uintptr_t connData, const uint8_t* data, std::size_t size) {
   auto link = links_.find(connData);
   if (link == links_.end()) return;
+  noteActivity();
   ++inCallback_;
   link->second->output(data, size);
   --inCallback_;
@@ -263,24 +272,30 @@ void SctpUdpService::drainEvents() {
 // ---- timers
 
 void SctpUdpService::ensureTimer() {
-  if (timerRunning_) return;
-  timerRunning_ = true;
-  lastTick_ = reactor_->timeProvider()->now();
-  reactor_->scheduleAfter(token_, TimerPeriod, [this] { onTimer(); });
+  if (timerTask_.isStarted()) return;
+  lastTick_ = lastActivity_ = reactor_->timeProvider()->now();
+  slowTicks_ = false;
+  reactor_->scheduleAfter(token_, TimerPeriod, timerTask_.start());
+}
+
+void SctpUdpService::noteActivity() {
+  lastActivity_ = reactor_->timeProvider()->now();
+  if (!slowTicks_ || !timerTask_.isStarted()) return;
+  slowTicks_ = false;
+  timerTask_.cancel();
+  reactor_->scheduleAfter(token_, TimerPeriod, timerTask_.start());
 }
 
 void SctpUdpService::onTimer() {
   const Time now = reactor_->timeProvider()->now();
-  const int64_t elapsedMs = (now - lastTick_).count() / 1000;
+  const int64_t elapsedMs = static_cast<int64_t>((now - lastTick_).count() / 1000);
   if (elapsedMs > 0) {
     lastTick_ += Duration::milliseconds(elapsedMs);
     usrsctp_handle_timers(static_cast<uint32_t>(elapsedMs));
   }
-  if (links_.empty() && sockets_.empty()) {
-    timerRunning_ = false;
-    return;
-  }
-  reactor_->scheduleAfter(token_, TimerPeriod, [this] { onTimer(); });
+  if (links_.empty() && sockets_.empty()) return;
+  slowTicks_ = now - lastActivity_ >= QuietAfter;
+  reactor_->scheduleAfter(token_, slowTicks_ ? QuietTimerPeriod : TimerPeriod, timerTask_.start());
 }
 
 }  // namespace quorvel

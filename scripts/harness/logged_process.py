@@ -22,6 +22,7 @@ class LoggedProcess:
         self.ended = False
         self.cond = threading.Condition()
         self.echo = echo
+        self.echo_lock = threading.Lock()
         self.log = open(log or os.path.join(work_dir, name + ".log"), "a")
         self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                      stderr=subprocess.STDOUT, text=True, env=dict(os.environ, **(env or {})),
@@ -33,15 +34,35 @@ class LoggedProcess:
         for line in self.proc.stdout:
             self.log.write(line)
             self.log.flush()
-            if self.echo:
-                sys.stdout.write(line)
-                sys.stdout.flush()
-            with self.cond:
-                self.lines.append(line.rstrip("\n"))
-                self.cond.notify_all()
+            # Its own lock: hold_echo() and resume_echo() see each line
+            # either echoed or kept, never both, and a stalled standard
+            # output does not block wait_for().
+            with self.echo_lock:
+                if self.echo:
+                    sys.stdout.write(line)
+                    sys.stdout.flush()
+                with self.cond:
+                    self.lines.append(line.rstrip("\n"))
+                    self.cond.notify_all()
         with self.cond:
             self.ended = True
             self.cond.notify_all()
+
+    def hold_echo(self):
+        """Stops echoing (e.g. while another program draws on the terminal);
+        returns what resume_echo() needs to print the lines held back."""
+        with self.echo_lock:
+            self.echo = False
+            return self.mark()
+
+    def resume_echo(self, held):
+        with self.echo_lock:
+            with self.cond:
+                lines = self.lines[held:]
+            for line in lines:
+                sys.stdout.write(line + "\n")
+            sys.stdout.flush()
+            self.echo = True
 
     def mark(self):
         with self.cond:

@@ -21,6 +21,7 @@
 #include "tools/p2pclient/options.h"
 #include "tools/p2pclient/sctp_stack.h"
 #include "tools/p2pclient/session_post.h"
+#include "tools/p2pclient/video_server.h"
 #include "tools/p2pclient/video_transfer.h"
 
 namespace {
@@ -137,10 +138,14 @@ int run(const Options& options) {
   }
   const long long answerMs = millisecondsSince(askStart);
 
-  // The stand-in's stack takes the client's first packets, which may come
-  // before this side has seen the pair selected.
+  // The stand-in's stack and listener take the client's first packets,
+  // which may come before this side has seen the pair selected.
   std::unique_ptr<SctpStack> serving;
-  if (!options.serveFile.empty()) serving = std::make_unique<SctpStack>(context.get(), agent);
+  std::unique_ptr<VideoServer> server;
+  if (!options.serveFile.empty()) {
+    serving = std::make_unique<SctpStack>(context.get(), agent);
+    server = listenForVideo(*serving, options);
+  }
 
   const auto connectStart = Clock::now();
   agent.setRemote(remote);
@@ -163,7 +168,7 @@ int run(const Options& options) {
 
   if (!options.query.empty()) return downloadVideo(agent, context.get(), options, report);
   if (serving) {
-    serveVideo(agent, *serving, options);
+    serveVideo(agent, *serving, std::move(server), options);
     return ExitSuccess;
   }
 

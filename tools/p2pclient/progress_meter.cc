@@ -43,6 +43,8 @@ void ProgressMeter::update(std::uint64_t bytes) {
     rate_ = (bytes - windowBytes_) / secondsBetween(windowStart_, now);
     windowStart_ = now;
     windowBytes_ = bytes;
+  } else if (windowStart_ == start_) {
+    rate_ = bytes / secondsBetween(start_, now);  // the first window: the average so far
   }
   const long long elapsed = static_cast<long long>(secondsBetween(start_, now));
   std::fprintf(stderr, "\r%10s  %10s/s  %lld:%02lld:%02lld\033[K", byteText(static_cast<double>(bytes)).c_str(),

@@ -142,12 +142,19 @@ int downloadVideo(IceAgent& agent, GMainContext* context, const Options& options
   return status;
 }
 
-void serveVideo(IceAgent& agent, SctpStack& stack, const Options& options) {
-  VideoServer server(stack, options.serveFile, [](const std::string& line) { std::cout << line << std::endl; });
-  server.start();
-  stack.setActivity([&server] { server.service(); });
+std::unique_ptr<VideoServer> listenForVideo(SctpStack& stack, const Options& options) {
+  auto server = std::make_unique<VideoServer>(stack, options.serveFile,
+                                              [](const std::string& line) { std::cout << line << std::endl; });
+  server->start();
+  VideoServer* serving = server.get();
+  stack.setActivity([serving] { serving->service(); });
+  return server;
+}
+
+void serveVideo(IceAgent& agent, SctpStack& stack, std::unique_ptr<VideoServer> server, const Options& options) {
   agent.runUntil([] { return false; }, options.hold);
   stack.setActivity(nullptr);
+  server.reset();
   closeStack(agent, stack);
 }
 

@@ -16,9 +16,9 @@ nginx's "/video.vdo" answers by query:
 
 Needs root. Namespaces, their /etc/netns entries and every process are gone
 afterwards, also when a case fails."""
-import hashlib
 import os
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -32,6 +32,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "scripts"))
 from harness import certs  # noqa: E402
 from harness import topology  # noqa: E402
 from harness.coturn import Coturn  # noqa: E402
+from harness.digest import file_sha256  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.nginx import Nginx  # noqa: E402
 from harness.p2p_client import client_argv, run_client  # noqa: E402
@@ -66,21 +67,13 @@ SCTP_FAILURES = r"\[ferrule\] (Stream disconnected|SCTP send error)"
 ALL_CLOSED = r"\[ferrule\] All connections closed, starting idle timer"
 
 
-def sha256(path):
-    digest = hashlib.sha256()
-    with open(path, "rb") as f:
-        for block in iter(lambda: f.read(1 << 20), b""):
-            digest.update(block)
-    return digest.hexdigest()
-
-
 def make_sample(work):
     path = os.path.join(work, "sample.bin")
     with open(path, "wb") as f:
         for _ in range(SAMPLE_SIZE // (1 << 20)):
             f.write(os.urandom(1 << 20))
         f.write(os.urandom(SAMPLE_SIZE % (1 << 20)))
-    return path, sha256(path)
+    return path, file_sha256(path)
 
 
 class Device:
@@ -127,8 +120,10 @@ class Device:
         registration = os.path.join(work, "ferrule.info")
         with open(registration, "w") as f:
             f.write("DeviceRelayKey = %s\n" % KEY)
+        # FERRULE_WRAPPER: a command line ferrule is started through (qemu-ppc).
+        wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
         self.ferrule = self._logged("ferrule", device.command(
-            FERRULE, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN, "-f", registration,
+            *wrapper, FERRULE, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN, "-f", registration,
             "-t", self.nginx.authority(), "-l", "5", "-l", "icesessionlink:6"),
             env={"SSL_CERT_FILE": os.path.join(work, "good-ca.pem")})
         self.ferrule.wait_for(r"\[revhttp\] Registration succeeded")
@@ -186,7 +181,7 @@ class VideoOverSctp(unittest.TestCase):
     def assert_sample(self, result, path):
         self.assert_complete(result)
         self.assertEqual(result.downloads[0]["bytes"], SAMPLE_SIZE, result)
-        self.assertEqual(sha256(path), SAMPLE[1])
+        self.assertEqual(file_sha256(path), SAMPLE[1])
 
     # ---- the video arrives
 
@@ -217,7 +212,7 @@ class VideoOverSctp(unittest.TestCase):
         self.assert_complete(result, count=2)
         self.assertEqual(sorted(download["port"] for download in result.downloads), [5000, 5001], result)
         for index in (1, 2):
-            self.assertEqual(sha256("%s.%d" % (path, index)), SAMPLE[1])
+            self.assertEqual(file_sha256("%s.%d" % (path, index)), SAMPLE[1])
         device.ferrule.wait_for(r"\[ferrule\] Got new SCTP connection from ", count=2)
         # Both ran at once: the second arrived before the first had ended.
         lines = device.ferrule.lines

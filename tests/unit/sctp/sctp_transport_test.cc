@@ -239,8 +239,8 @@ TEST_F(Closing, LosingTheIceSessionEndsTheAssociation) {
   // does not pass here, so an idle side would not notice.
   sendText(*accepted, pattern(100000), deviceSent);
   sendText(*client, "query", clientSent);
-  reactor->advance(Duration::seconds(300));
-  // Each side gives up after its retransmissions.
+  reactor->advance(Duration::seconds(30));
+  // Each side gives up after 5 retransmissions, within half a minute.
   ASSERT_TRUE(deviceGot.done);
   EXPECT_NE(deviceGot.error, 0);
   ASSERT_TRUE(clientGot.done);
@@ -279,6 +279,24 @@ TEST_F(Timers, RunOnlyWhileALinkOrSocketExists) {
   run(20);
   EXPECT_FALSE(service->timerRunning());
   EXPECT_EQ(reactor->pending(), 0u);
+}
+
+TEST_F(Timers, SlowDownWhenQuietAndSpeedUpWithTheNextPacket) {
+  associate();
+  reactor->advance(Duration::seconds(2));  // heartbeats come every 10 s
+  const Time now = reactor->clock().now();
+  EXPECT_GT(reactor->nextDue() - now, Duration::milliseconds(10));
+  EXPECT_LE(reactor->nextDue() - now, Duration::milliseconds(250));
+  Completion sent;
+  sendText(*client, "query", sent);
+  EXPECT_EQ(reactor->nextDue(), now);  // the packet on its way
+  run(0);
+  EXPECT_LE(reactor->nextDue() - now, Duration::milliseconds(10));
+  Completion got;
+  std::string text;
+  receiveText(*accepted, 100, got, text);
+  run(0);
+  EXPECT_EQ(text, "query");
 }
 
 using PeerInput = SctpFixture;
