@@ -304,12 +304,20 @@ TEST_F(ForwarderTest, CleanUpIsDeferred) {
   EXPECT_EQ(forwarder->pendingCount(), 0u);
 }
 
-TEST_F(ForwarderTest, SecondFinishChangesNothing) {
-  auto request = forward("GET / HTTP/1.1\r\n");
+// A request ends once, however many ends its target reports.
+TEST_F(ForwarderTest, SecondEndChangesNothing) {
+  auto failed = forward("GET /a HTTP/1.1\r\n");
+  target().complete(boost::asio::error::connection_refused);
+  target().complete(boost::asio::error::connection_refused);
+  EXPECT_EQ(failed->responses, 1);
+  EXPECT_EQ(target().cancels, 1);
+  EXPECT_EQ(reactor->runDue(), 1);  // one clean-up
+
+  auto answered = forward("GET /b HTTP/1.1\r\n");
   target().respond(204, "No Content");
   target().complete();
-  EXPECT_EQ(request->responses, 1);
-  reactor->runDue();
+  EXPECT_EQ(answered->responses, 1);
+  EXPECT_EQ(reactor->runDue(), 1);
   EXPECT_EQ(forwarder->pendingCount(), 0u);
 }
 

@@ -91,6 +91,15 @@ TEST(SocketAddressTest, ComparisonRules) {
   EXPECT_NE(a, b);
   EXPECT_TRUE(SocketAddress(AF_INET6, "2001:db8::1", 79) < a);
   EXPECT_TRUE(SocketAddress(AF_INET6, "2001:db7::9", 99) < a);
+  // The same link-local address on two interfaces: the scope tells them apart.
+  sockaddr_in6 scoped{};
+  scoped.sin6_family = AF_INET6;
+  scoped.sin6_scope_id = 1;
+  const SocketAddress first(reinterpret_cast<const sockaddr*>(&scoped), sizeof scoped);
+  scoped.sin6_scope_id = 2;
+  const SocketAddress second(reinterpret_cast<const sockaddr*>(&scoped), sizeof scoped);
+  EXPECT_TRUE(first < second);
+  EXPECT_FALSE(second < first);
 
   const SocketAddress p80(AF_INET, "10.0.0.1", 80);
   const SocketAddress p81(AF_INET, "10.0.0.1", 81);
