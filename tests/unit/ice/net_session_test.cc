@@ -178,6 +178,21 @@ TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
   EXPECT_EQ(SocketAddress(AF_INET, "10.0.0.2", 40000), local.candidates[2]->base);
 }
 
+TEST_F(NetSessionTest, PairsOnlyRemoteCandidatesThatCanBeReached) {
+  resolver_->addresses.clear();
+  networkInfo_->add("eth0", AF_INET6, "2001:db8::2");
+  const auto session = makeSession({remote(SocketAddress(AF_INET6, "fe80::9", 1)),
+                                    remote(SocketAddress(AF_INET6, "2001:db8::9", 2)),
+                                    remote(SocketAddress(AF_INET, "198.51.100.9", 0)), remote(Peer)});
+  start(session);
+  reactor_->advance(Duration::milliseconds(10));
+  std::vector<std::string> pairs;
+  for (const CandidatePairPtr& pair : session->checkList()) pairs.push_back(pair->toString());
+  EXPECT_EQ((std::vector<std::string>{"[10.0.0.2:40000, 198.51.100.2:6000]",
+                                      "[[2001:db8::2]:40001, [2001:db8::9]:2]"}),
+            pairs);
+}
+
 TEST_F(NetSessionTest, GatheringEndsInBoundedTimeWhateverTheServerDoes) {
   const struct {
     const char* name;
