@@ -27,7 +27,7 @@ namespace quorvel {
 // by the relay poll: each use has its own number, and whatever is bound to a
 // use does nothing once that use is over. Log: "revhttp", lines beginning
 // with the relay URL the request came from.
-class RelayExchange : public ExchangeLink, public std::enable_shared_from_this<RelayExchange> {
+class RelayExchange final : public ExchangeLink, public std::enable_shared_from_this<RelayExchange> {
  public:
   // Called once per use, when it is over; the exchange may be reused after
   // this turn of the loop.
