@@ -64,8 +64,10 @@ class Device:
     """One network with the relay side, and ferrule with nginx and the odd
     target on the device."""
 
-    def __init__(self, shape, work, binaries, sample):
+    def __init__(self, shape, work, binaries, sample, ferrule_options=()):
+        """ferrule_options: more of ferrule's options (e.g. log levels)."""
         self.work = work
+        self.ferrule_options = list(ferrule_options)
         self.binaries = binaries
         self.sample = sample
         self.processes = []
@@ -109,7 +111,8 @@ class Device:
         wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
         self.ferrule = self._logged("ferrule", device.command(
             *wrapper, self.binaries.ferrule, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN, "-f", registration,
-            "-t", self.nginx.authority(), "-l", "5", "-l", "icesessionlink:6"),
+            "-t", self.nginx.authority(), "-l", "5", "-l", "icesessionlink:6",
+            *self.ferrule_options),
             env={"SSL_CERT_FILE": os.path.join(work, "good-ca.pem")})
         self.ferrule.wait_for(r"\[revhttp\] Registration succeeded")
 
