@@ -22,7 +22,6 @@ it.
 
 Defaults: the build/ binaries, 5 repetitions. Needs root."""
 import argparse
-import datetime
 import os
 import re
 import shutil
