@@ -35,7 +35,7 @@ sys.path.insert(0, os.path.join(ROOT, "scripts"))
 from harness import topology  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.p2p_client import run_client  # noqa: E402
-from harness.video_device import DEVICE_URL, DOMAIN, Binaries, Device, make_sample  # noqa: E402
+from harness.video_device import DEVICE_URL, DOMAIN, binaries_from, Device, make_sample  # noqa: E402
 
 SHAPES = (("flat", topology.flat), ("device behind NAT", topology.device_behind_nat),
           ("both behind NATs", topology.both_behind_nat))
@@ -183,13 +183,10 @@ def main():
     parser.add_argument("--reps", type=int, default=5)
     parser.add_argument("binaries", nargs="*", help="FERRULE DEVRELAY P2PCLIENT")
     args = parser.parse_args()
-    build = os.path.join(ROOT, "build")
-    binaries = args.binaries or [os.path.join(build, "app", "ferrule"),
-                                 os.path.join(build, "tools", "devrelay", "ferrule-devrelay"),
-                                 os.path.join(build, "tools", "p2pclient", "ferrule-p2pclient")]
-    if len(binaries) != 3:
-        parser.error("give all three binaries or none")
-    binaries = Binaries(*(os.path.abspath(path) for path in binaries))
+    try:
+        binaries = binaries_from(args.binaries, ROOT)
+    except ValueError as error:
+        parser.error(str(error))
     work = tempfile.mkdtemp(prefix="ferrule-bench-ice-")
     try:
         sample = make_sample(work, size=1000)

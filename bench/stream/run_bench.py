@@ -34,7 +34,7 @@ from harness import topology  # noqa: E402
 from harness.logged_process import LoggedProcess  # noqa: E402
 from harness.p2p_client import run_client  # noqa: E402
 from harness.proc_figures import cpu_seconds, reset_peak_rss, status_field, wakeups  # noqa: E402
-from harness.video_device import DEVICE_URL, DOMAIN, Binaries, Device, make_sample  # noqa: E402
+from harness.video_device import DEVICE_URL, DOMAIN, binaries_from, Device, make_sample  # noqa: E402
 
 STAND_IN_PORT = 8002
 
@@ -115,11 +115,10 @@ def main():
     parser.add_argument("--slow", action="store_true", help="also the peak RSS with a 1 MiB/s reader")
     parser.add_argument("binaries", nargs="*", help="FERRULE DEVRELAY P2PCLIENT")
     args = parser.parse_args()
-    build = os.path.join(ROOT, "build")
-    binaries = args.binaries or [os.path.join(build, "app", "ferrule"),
-                                 os.path.join(build, "tools", "devrelay", "ferrule-devrelay"),
-                                 os.path.join(build, "tools", "p2pclient", "ferrule-p2pclient")]
-    binaries = Binaries(*(os.path.abspath(path) for path in binaries))
+    try:
+        binaries = binaries_from(args.binaries, ROOT)
+    except ValueError as error:
+        parser.error(str(error))
     work = tempfile.mkdtemp(prefix="ferrule-bench-stream-")
     device = None
     try:

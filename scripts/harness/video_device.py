@@ -28,6 +28,17 @@ from harness.p2p_client import client_argv, run_client
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 Binaries = collections.namedtuple("Binaries", "ferrule devrelay p2pclient")
+
+
+def binaries_from(paths, root):
+    """The three programs given on a command line, or else the ones in root's build/."""
+    build = os.path.join(root, "build")
+    paths = paths or [os.path.join(build, "app", "ferrule"),
+                      os.path.join(build, "tools", "devrelay", "ferrule-devrelay"),
+                      os.path.join(build, "tools", "p2pclient", "ferrule-p2pclient")]
+    if len(paths) != 3:
+        raise ValueError("give all three programs (FERRULE DEVRELAY P2PCLIENT) or none")
+    return Binaries(*(os.path.abspath(path) for path in paths))
 DOMAIN = "relay.test"
 KEY = "dev1"
 NAMES = [DOMAIN, "%s.%s" % (KEY, DOMAIN), "stun." + DOMAIN]
