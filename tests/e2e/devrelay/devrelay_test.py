@@ -62,6 +62,12 @@ class HttpConnection:
         self.file.close()
         self.sock.close()
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
     def send(self, data):
         self.sock.sendall(data)
 
@@ -124,6 +130,12 @@ class Device:
     def close(self):
         self.conn.close()
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
     def register(self):
         body = ("drk=" + self.key).encode()
         raw, status, _, fields, _ = self.conn.exchange(self.conn.request_head(
@@ -152,8 +164,7 @@ class Device:
     def reply(url, pieces, content_type="message/http"):
         """POSTs the pieces as a chunked body to an absolute http URL; returns the status."""
         match = re.fullmatch(r"http://([^:/]+):(\d+)(/.*)", url)
-        conn = HttpConnection(int(match.group(2)), match.group(1))
-        try:
+        with HttpConnection(int(match.group(2)), match.group(1)) as conn:
             conn.send(conn.request_head("POST", match.group(3), [
                 ("Content-Type", content_type), ("Transfer-Encoding", "chunked")]))
             for piece in pieces:
@@ -163,8 +174,6 @@ class Device:
             raw, status, _, fields = conn.read_head()
             conn.read_body(status, fields)
             return status
-        finally:
-            conn.close()
 
 
 def in_thread(function, *args):
@@ -206,8 +215,7 @@ def strip_interim(head):
 
 class Protocol(unittest.TestCase):
     def test_registration_and_empty_poll_are_byte_exact(self):
-        device = Device("proto1")
-        try:
+        with Device("proto1") as device:
             raw = device.register()
             session = re.fullmatch(r"/rhttp/relay/proto1/(\d+)", device.relay_path).group(1)
             self.assertEqual(raw, ('HTTP/1.1 201 Created\r\nLink: </rhttp/relay/proto1/%s>; rel="first"\r\n'
@@ -218,22 +226,16 @@ class Protocol(unittest.TestCase):
                                    % session).encode())
             self.assertEqual(body, b"")
             RELAY.wait_for(r"Nothing for device proto1 within 1\.0 s, answering 204", start=started)
-        finally:
-            device.close()
 
     def test_path_prefix_is_kept_and_key_is_case_insensitive(self):
-        conn = HttpConnection(RELAY.tls_port, "Proto2.relay.test", tls=True)
-        try:
+        with HttpConnection(RELAY.tls_port, "Proto2.relay.test", tls=True) as conn:
             raw, status, _, fields, _ = conn.exchange(conn.request_head(
                 "POST", "/devices/rhttp/register", [("Content-Length", 10)]) + b"drk=Proto2")
             self.assertEqual(status, 201)
             self.assertRegex(links(fields)[0], r'^</devices/rhttp/relay/proto2/\d+>; rel="first"$')
-        finally:
-            conn.close()
 
     def test_bad_registrations(self):
-        conn = HttpConnection(RELAY.tls_port, "x.relay.test", tls=True)
-        try:
+        with HttpConnection(RELAY.tls_port, "x.relay.test", tls=True) as conn:
             for body in (b"key=abc", b"drk=", b"drk=a b", b"drk=" + b"a" * 64):
                 raw, status, _, _, _ = conn.exchange(conn.request_head(
                     "POST", "/rhttp/register", [("Content-Length", len(body))]) + body)
@@ -242,12 +244,9 @@ class Protocol(unittest.TestCase):
             self.assertEqual(status, 405)
             raw, status, _, _, _ = conn.exchange(conn.request_head("GET", "/elsewhere"))
             self.assertEqual(status, 404)
-        finally:
-            conn.close()
 
     def test_superseded_session_gets_404(self):
-        first, second = Device("proto3"), Device("proto3")
-        try:
+        with Device("proto3") as first, Device("proto3") as second:
             first.register()
             waiting = in_thread(first.poll)
             time.sleep(0.2)
@@ -258,15 +257,11 @@ class Protocol(unittest.TestCase):
             self.assertEqual(status, 404, raw)
             raw, status, _, _ = second.poll()
             self.assertEqual(status, 204, raw)
-        finally:
-            first.close()
-            second.close()
 
 
 class Relaying(unittest.TestCase):
     def test_get_is_relayed_and_answered_byte_exact(self):
-        device = Device("get1")
-        try:
+        with Device("get1") as device:
             device.register()
             outside = curl_async("get1", "/page?x=1&y=2", "-H", "X-Probe: one")
             message, reply_url, fields = device.poll_request()
@@ -290,12 +285,9 @@ class Relaying(unittest.TestCase):
             status, head, body = outside()
             self.assertEqual(status, 200)
             self.assertEqual(head + body, answer)
-        finally:
-            device.close()
 
     def test_outside_connection_is_kept_alive(self):
-        device = Device("alive1")
-        try:
+        with Device("alive1") as device:
             device.register()
             host = "alive1.relay.test:%d" % RELAY.outside_port
             outside = in_thread(lambda: subprocess.run(
@@ -308,16 +300,13 @@ class Relaying(unittest.TestCase):
                 Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n%d" % number])
             # The second transfer reused the first one's connection.
             self.assertEqual(outside(), b"1[200 1]2[200 0]")
-        finally:
-            device.close()
 
     def test_post_with_length_and_expect_continue(self):
         data = os.urandom(2 * 1024 * 1024 + 7)
         path = os.path.join(WORK, "upload")
         with open(path, "wb") as upload:
             upload.write(data)
-        device = Device("post1")
-        try:
+        with Device("post1") as device:
             device.register()
             outside = curl_async("post1", "/upload", "-H", "Expect: 100-continue", "--data-binary", "@" + path)
             message, reply_url, _ = device.poll_request()
@@ -330,12 +319,10 @@ class Relaying(unittest.TestCase):
             status, head, _ = outside()
             self.assertEqual(status, 201)
             self.assertEqual(strip_interim(head), b"HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n")
-        finally:
-            device.close()
 
     def test_two_devices_at_once(self):
-        devices = [Device("twin1"), Device("twin2")]
-        try:
+        with Device("twin1") as twin1, Device("twin2") as twin2:
+            devices = [twin1, twin2]
             for device in devices:
                 device.register()
             outsides = [curl_async(device.key, "/who") for device in devices]
@@ -348,9 +335,6 @@ class Relaying(unittest.TestCase):
             servers = [in_thread(serve, device) for device in devices]
             self.assertEqual([server() for server in servers], [200, 200])
             self.assertEqual([outside()[2] for outside in outsides], [b"twin1", b"twin2"])
-        finally:
-            for device in devices:
-                device.close()
 
 
 class Failures(unittest.TestCase):
@@ -361,31 +345,24 @@ class Failures(unittest.TestCase):
         RELAY.wait_for(r'no device registered as "nosuchdevice", answering 502')
 
     def test_request_never_fetched_gets_504(self):
-        device = Device("slow1")
-        try:
+        with Device("slow1") as device:
             device.register()  # and never polls
             started = RELAY.mark()
             status, _, body = curl("slow1", "/")
             self.assertEqual(status, 504)
             RELAY.wait_for(r"device slow1 did not fetch it within 2\.5 s, answering 504", start=started)
-        finally:
-            device.close()
 
     def test_request_never_answered_gets_504_and_late_reply_404(self):
-        device = Device("slow2")
-        try:
+        with Device("slow2") as device:
             device.register()
             outside = curl_async("slow2", "/")
             _, reply_url, _ = device.poll_request()
             status, _, _ = outside()
             self.assertEqual(status, 504)
             self.assertEqual(Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"]), 404)
-        finally:
-            device.close()
 
     def test_malformed_answer_gets_502(self):
-        device = Device("bad1")
-        try:
+        with Device("bad1") as device:
             device.register()
             outside = curl_async("bad1", "/")
             _, reply_url, _ = device.poll_request()
@@ -397,12 +374,9 @@ class Failures(unittest.TestCase):
             self.assertEqual(Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\n\r\n"], content_type="text/plain"), 415)
             status, _, _ = outside()
             self.assertEqual(status, 502)
-        finally:
-            device.close()
 
     def test_client_that_gives_up_is_withdrawn_from_the_queue(self):
-        device = Device("gone1")
-        try:
+        with Device("gone1") as device:
             device.register()
             started = RELAY.mark()
             status, _, _ = curl("gone1", "/", "--max-time", "0.5")
@@ -410,8 +384,6 @@ class Failures(unittest.TestCase):
             RELAY.wait_for(r"Request \S+: outside client \S+ went away while it was queued", start=started)
             raw, status, _, _ = device.poll()
             self.assertEqual(status, 204, raw)
-        finally:
-            device.close()
 
     def test_device_that_drops_its_poll_is_noticed(self):
         device = Device("drop1")
@@ -426,8 +398,8 @@ class Failures(unittest.TestCase):
 class Options(unittest.TestCase):
     def test_queue_limit_and_reply_host(self):
         relay = start_relay("-q", "1", "-H", "replies.example")
-        device = Device("opt1", relay)
-        try:
+        self.addCleanup(relay.stop, signal.SIGTERM)  # once more after a failure: harmless
+        with Device("opt1", relay) as device:
             device.register()
             first = curl_async("opt1", "/1", port=relay.outside_port)
             relay.wait_for(r"Request \S+ queued for device opt1 \(1 waiting\)")
@@ -438,9 +410,7 @@ class Options(unittest.TestCase):
             self.assertRegex(reply_url, r"^http://replies\.example:%d/rhttp/reply/" % relay.plain_port)
             Device.reply(reply_url, [b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"])
             self.assertEqual(first()[0], 200)
-        finally:
-            device.close()
-            self.assertEqual(relay.stop(signal.SIGTERM), 0)
+        self.assertEqual(relay.stop(signal.SIGTERM), 0)
 
 
 class CommandLine(unittest.TestCase):
