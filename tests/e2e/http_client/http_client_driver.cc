@@ -1,7 +1,7 @@
 // Runs requests through NetHttpClient against a real server and prints one
 // JSON line per request (status, error code, body size and CRC-32, framing
 // fields, times) and a summary line (peak RSS, pool buffers). Log lines go to
-// standard error. Used by the end-to-end tests and the benchmark.
+// standard error.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -28,20 +28,17 @@ namespace {
 struct Options {
   std::vector<std::string> urls;  // request i goes to urls[i % count]
   std::string method = "GET";
-  std::vector<std::pair<std::string, std::string>> headers;
   bool close = false;
   unsigned parallel = 1;
   unsigned repeat = 1;
-  unsigned limit = 0;
   double rate = 0;  // bytes per second the consumer takes; 0: as fast as it comes
   int level = log::Notice;
-  bool quiet = false;  // no line per request
 };
 
 [[noreturn]] void usage() {
   std::fprintf(stderr,
-               "usage: http_client_driver [-m METHOD] [-H 'Name: value']... [--close]\n"
-               "       [-p PARALLEL] [-n REPEAT] [--limit N] [--rate BYTES_PER_S] [-l LEVEL] [-q] URL...\n");
+               "usage: http_client_driver [-m METHOD] [--close] [-p PARALLEL] [-n REPEAT]\n"
+               "       [--rate BYTES_PER_S] [-l LEVEL] URL...\n");
   std::exit(2);
 }
 
@@ -55,27 +52,16 @@ Options parse(int argc, char** argv) {
     };
     if (a == "-m") {
       o.method = next();
-    } else if (a == "-H") {
-      const std::string h = next();
-      const std::size_t colon = h.find(':');
-      if (colon == std::string::npos) usage();
-      std::size_t v = colon + 1;
-      while (v < h.size() && h[v] == ' ') ++v;
-      o.headers.emplace_back(h.substr(0, colon), h.substr(v));
     } else if (a == "--close") {
       o.close = true;
     } else if (a == "-p") {
       o.parallel = std::stoul(next());
     } else if (a == "-n") {
       o.repeat = std::stoul(next());
-    } else if (a == "--limit") {
-      o.limit = std::stoul(next());
     } else if (a == "--rate") {
       o.rate = std::stod(next());
     } else if (a == "-l") {
       o.level = std::stoi(next());
-    } else if (a == "-q") {
-      o.quiet = true;
     } else if (!a.empty() && a[0] != '-') {
       o.urls.push_back(a);
     } else {
@@ -135,7 +121,7 @@ struct Exchange : std::enable_shared_from_this<Exchange> {
   std::shared_ptr<WebClientResponse> response;
   std::shared_ptr<BodySink> sink = std::make_shared<BodySink>(1);
   uint32_t status = 0;
-  std::string te, cl, connection;
+  std::string cl, connection;
   std::size_t bytes = 0;
   uint32_t crc = 0;
   bool ended = false;
@@ -161,7 +147,7 @@ class Driver {
     resolver = std::make_shared<NetNameResolver>(reactor);
     client = std::make_shared<NetHttpClient>(reactor, pool, std::make_shared<AsioSocketFactory>(reactor),
                                              std::make_shared<AsioSslSocketFactory>(reactor, false), resolver,
-                                             o.limit);
+                                             0);
     start = now();
   }
 
@@ -170,9 +156,8 @@ class Driver {
   int run() {
     startRound();
     reactor->run();
-    std::printf("{\"summary\": 1, \"failed\": %u, \"max_rss_kb\": %ld, \"rss_kb\": %ld, \"pool_buffers\": %u, "
-                "\"elapsed\": %.3f}\n",
-                failed, statusField("VmHWM:"), statusField("VmRSS:"), pool->totalBuffers(), now() - start);
+    std::printf("{\"summary\": 1, \"failed\": %u, \"max_rss_kb\": %ld, \"pool_buffers\": %u}\n", failed,
+                statusField("VmHWM:"), pool->totalBuffers());
     return failed ? 1 : 0;
   }
 
@@ -190,15 +175,12 @@ class Driver {
 
   void finished(Exchange& e) {
     if (e.code) ++failed;
-    if (!o.quiet) {
-      std::printf(
-          "{\"i\": %u, \"status\": %u, \"code\": %d, \"text\": \"%s\", \"bytes\": %zu, \"crc\": %u, \"ended\": %s, "
-          "\"te\": \"%s\", \"cl\": \"%s\", \"connection\": \"%s\", \"head_at\": %.3f, \"end_at\": %.3f}\n",
-          e.index, e.status, e.code.value(), jsonEscape(e.code.message()).c_str(), e.bytes, e.crc,
-          e.ended ? "true" : "false", jsonEscape(e.te).c_str(), jsonEscape(e.cl).c_str(),
-          jsonEscape(e.connection).c_str(), e.headAt, e.endAt);
-      std::fflush(stdout);
-    }
+    std::printf(
+        "{\"i\": %u, \"status\": %u, \"code\": %d, \"text\": \"%s\", \"bytes\": %zu, \"crc\": %u, \"ended\": %s, "
+        "\"cl\": \"%s\", \"connection\": \"%s\", \"head_at\": %.3f, \"end_at\": %.3f}\n",
+        e.index, e.status, e.code.value(), jsonEscape(e.code.message()).c_str(), e.bytes, e.crc,
+        e.ended ? "true" : "false", jsonEscape(e.cl).c_str(), jsonEscape(e.connection).c_str(), e.headAt, e.endAt);
+    std::fflush(stdout);
     if (--remaining > 0) return;
     // Not from inside the request's own callback.
     reactor->post(token, [this]() {
@@ -239,7 +221,6 @@ void Exchange::start() {
   request->setErrorHandler([self](const boost::system::error_code& c) {
     if (auto e = self.lock()) e->onEnd(c);
   });
-  for (const auto& h : o.headers) request->headers().addField(h.first, h.second);
   if (o.close) request->setCloseConnection();
   request->send(nullptr, 0);
 }
@@ -249,9 +230,7 @@ void Exchange::onResponse(const std::shared_ptr<WebClientResponse>& r) {
   headAt = driver->now() - driver->start;
   const MessageHeaders& h = r->headers();
   status = h.statusCode();
-  auto field = h.find(HttpHeader::TransferEncoding);
-  if (field != h.end()) te = field->value.str();
-  field = h.find(HttpHeader::ContentLength);
+  auto field = h.find(HttpHeader::ContentLength);
   if (field != h.end()) cl = field->value.str();
   field = h.find(HttpHeader::Connection);
   if (field != h.end()) connection = field->value.str();
