@@ -1,22 +1,15 @@
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -40,100 +33,20 @@ using testing::TlsTestServer;
 // and 127.0.0.1: valid, from the unknown CA, and long expired. `openssl x509`
 // cannot date a certificate in the past; `openssl ca` takes explicit dates.
 const char* const MakeCertificates = R"(set -e
-cat > req.cnf <<'EOF'
-[req]
-distinguished_name = dn
-prompt = no
-[dn]
-CN = unused
-[ca_ext]
-basicConstraints = critical,CA:TRUE
-keyUsage = critical,keyCertSign,cRLSign
-subjectKeyIdentifier = hash
-EOF
-cat > server.ext <<'EOF'
-basicConstraints = CA:FALSE
-subjectAltName = DNS:localhost,IP:127.0.0.1
-extendedKeyUsage = serverAuth
-EOF
-cat > ca.cnf <<'EOF'
-[ca]
-default_ca = test
-[test]
-database = index.txt
-new_certs_dir = .
-serial = serial
-certificate = ca.pem
-private_key = ca.key
-default_md = sha256
-policy = any
-unique_subject = no
-x509_extensions = server
-[any]
-commonName = supplied
-[server]
-basicConstraints = CA:FALSE
-subjectAltName = DNS:localhost,IP:127.0.0.1
-extendedKeyUsage = serverAuth
-EOF
 key="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
-openssl req -x509 $key -config req.cnf -extensions ca_ext -subj "/CN=Test CA" -days 2 -keyout ca.key -out ca.pem
-openssl req -x509 $key -config req.cnf -extensions ca_ext -subj "/CN=Other CA" -days 2 -keyout other.key -out other.pem
-openssl req -new $key -config req.cnf -subj "/CN=localhost" -keyout server.key -out server.csr
+ca="-x509 -days 2 -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign"
+openssl req $key $ca -subj "/CN=Test CA" -keyout ca.key -out ca.pem
+openssl req $key $ca -subj "/CN=Other CA" -keyout other.key -out other.pem
+openssl req -new $key -subj "/CN=localhost" -keyout server.key -out server.csr
+printf 'basicConstraints=CA:FALSE\nsubjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth\n' > server.ext
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 -extfile server.ext -out trusted.pem
 openssl x509 -req -in server.csr -CA other.pem -CAkey other.key -set_serial 3 -days 2 -extfile server.ext -out unknown.pem
+printf '[ca]\ndefault_ca=test\n[test]\ndatabase=index.txt\nnew_certs_dir=.\nserial=serial\npolicy=any\n[any]\ncommonName=supplied\n' > ca.cnf
 : > index.txt
 echo 04 > serial
-openssl ca -batch -config ca.cnf -notext -startdate 20200101000000Z -enddate 20200201000000Z -in server.csr -out expired.pem
+openssl ca -batch -config ca.cnf -cert ca.pem -keyfile ca.key -md sha256 -extfile server.ext -notext \
+  -startdate 20200101000000Z -enddate 20200201000000Z -in server.csr -out expired.pem
 )";
-
-// `openssl s_server` as an independent peer on a port of its choosing; it
-// sends each line it receives back reversed and serves one connection.
-class OpensslServer {
- public:
-  OpensslServer(const std::string& dir, const std::string& certificate) : output_(dir + "/s_server.out") {
-    pid_ = fork();
-    if (pid_ == 0) {
-      const int out = open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int in = open("/dev/null", O_RDONLY);
-      dup2(in, 0);
-      dup2(out, 1);
-      dup2(out, 2);
-      execlp("timeout", "timeout", "10", "openssl", "s_server", "-accept", "127.0.0.1:0", "-cert",
-             (dir + "/" + certificate).c_str(), "-key", (dir + "/server.key").c_str(), "-rev", "-ign_eof",
-             "-naccept", "1", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-  }
-
-  ~OpensslServer() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-
-  // The port from its "ACCEPT 127.0.0.1:<port>" line, 0 if none comes
-  // within a few seconds.
-  unsigned short port() const {
-    const std::string marker = "ACCEPT 127.0.0.1:";
-    for (int attempt = 0; attempt < 500; ++attempt) {
-      std::stringstream text;
-      text << std::ifstream(output_).rdbuf();
-      const std::string seen = text.str();
-      const auto at = seen.find(marker);
-      if (at != std::string::npos && seen.find('\n', at) != std::string::npos) {
-        return static_cast<unsigned short>(std::stoi(seen.substr(at + marker.size())));
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return 0;
-  }
-
- private:
-  std::string output_;
-  pid_t pid_ = -1;
-};
 
 class AsioSslSocketTest : public testing::SocketLoopFixture {
  protected:
@@ -271,17 +184,6 @@ TEST_F(AsioSslSocketTest, TrustedServerExchangesBytesBothWays) {
     EXPECT_EQ(server.serverName(), host == "localhost" ? "localhost" : "");
     EXPECT_EQ(server.applicationBytes(), request.size());
   }
-}
-
-TEST_F(AsioSslSocketTest, TalksToOpensslServer) {
-  OpensslServer server(dir_, "trusted.pem");
-  const unsigned short port = server.port();
-  ASSERT_NE(port, 0) << "s_server did not start";
-  auto client = clientFor("localhost");
-  ASSERT_EQ(connect(*client, SocketAddress(AF_INET, SocketAddress::Loopback, port)), 0);
-  client->send(chainOf("ping\n"), {});
-  EXPECT_EQ(receiveUpTo(*client, 5), "gnip\n");
-  client->close();
 }
 
 TEST_F(AsioSslSocketTest, VerificationFailuresAreReportedAndNothingIsSent) {
