@@ -62,7 +62,9 @@ TEST_F(LogTest, FormattingErrorsWriteTheFormatText) {
   ASSERT_EQ(capture_->lines().size(), 3u);
   EXPECT_EQ(capture_->lines()[0].level, log::Warning);
   const char* const expected[] = {"two %s and %s", "none %s", "broken %"};
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(capture_->lines()[i].message, expected[i] + std::string(" (log formatting error)"));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(capture_->lines()[i].message, expected[i] + std::string(" (log formatting error)"));
+  }
 }
 
 class ThrowingWriter : public LogWriter {

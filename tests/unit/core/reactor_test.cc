@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "core/cancelable_task.h"
@@ -13,6 +14,9 @@
 
 namespace quorvel {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 class AsioReactorTest : public ::testing::Test {
  protected:
@@ -124,12 +128,7 @@ TEST(CancelableTask, StartTwiceThrows) {
   int unused = 0;
   CancelableTask task([&unused] { ++unused; });
   auto first = task.start();
-  try {
-    task.start();
-    FAIL() << "expected a logic error";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "CancelableTask already started");
-  }
+  EXPECT_THAT([&] { task.start(); }, ThrowsMessage<std::logic_error>(StrEq("CancelableTask already started")));
 }
 
 TEST(CancelableTask, CancelledProxyDoesNothingAndTaskRestarts) {

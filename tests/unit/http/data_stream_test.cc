@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "core/errors.h"
@@ -9,6 +10,9 @@
 
 namespace quorvel {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 using Sink = DataSinkImpl<std::string>;
 using Source = DataSourceImpl<std::string>;
@@ -84,12 +88,7 @@ TEST(DataStream, ExpiredHandlesCannotBeConnected) {
     gone = sink;
   }
   Source source;
-  try {
-    source.connect(gone);
-    FAIL() << "no throw";
-  } catch (const BadCallError& e) {
-    EXPECT_STREQ(e.what(), "Can't connect expired handle");
-  }
+  EXPECT_THAT([&] { source.connect(gone); }, ThrowsMessage<BadCallError>(StrEq("Can't connect expired handle")));
   EXPECT_THROW(feedSink(gone), BadCallError);
   EXPECT_FALSE(source.isConnected());
 }

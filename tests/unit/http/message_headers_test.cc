@@ -3,12 +3,16 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "http/message_headers.h"
 
 namespace quorvel {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
@@ -104,12 +108,8 @@ TEST(MessageHeadersBuild, StartLineOverTheBlockIsInvalid) {
   MessageHeaders tooLong = MessageHeaders::response(200, std::string(498, 'r'), HttpVersion::V11);
   EXPECT_FALSE(tooLong.isValid());
   EXPECT_FALSE(MessageHeaders::request("GET", std::string(498, '/'), HttpVersion::V11).isValid());
-  try {
-    tooLong.addField("A", "b");
-    FAIL() << "no throw";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "Can't add a field to invalid MessageHeaders");
-  }
+  EXPECT_THAT([&] { tooLong.addField("A", "b"); },
+              ThrowsMessage<std::logic_error>(StrEq("Can't add a field to invalid MessageHeaders")));
 }
 
 TEST(MessageHeadersBuild, AddFieldGrowsInBlocksAndKeepsViews) {

@@ -1,5 +1,6 @@
 #include "http/net_http_client.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -17,6 +18,9 @@
 
 namespace quorvel {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 using testing::FakeResolver;
 using testing::FakeSocket;
@@ -123,12 +127,8 @@ TEST(HttpClientError, CodesHaveTheirTexts) {
 }
 
 TEST_F(NetHttpClientTest, HttpsWithoutSslFactoryThrows) {
-  try {
-    client->createRequest("GET", "https", "example", "example", "/");
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ("HTTPS connections not supported", e.what());
-  }
+  EXPECT_THAT([&] { client->createRequest("GET", "https", "example", "example", "/"); },
+              ThrowsMessage<std::runtime_error>(StrEq("HTTPS connections not supported")));
 }
 
 TEST_F(NetHttpClientTest, ConnectHostGivesNameAndService) {

@@ -1,6 +1,7 @@
 #include <stdexcept>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "http/message_headers.h"
@@ -11,17 +12,16 @@
 namespace quorvel {
 namespace {
 
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
 TEST(StringSection, SubstrAtEndIsEmptyAndPastEndThrows) {
   const StringSection text("abc");
   EXPECT_TRUE(text.substr(3).empty());
   EXPECT_EQ(text.substr(1, 100).str(), "bc");
   EXPECT_EQ(text.substr(1, 1).str(), "b");
-  try {
-    text.substr(4);
-    FAIL() << "no throw";
-  } catch (const std::out_of_range& e) {
-    EXPECT_STREQ(e.what(), "StringSection::substr pos out of range");
-  }
+  EXPECT_THAT([&] { text.substr(4); },
+              ThrowsMessage<std::out_of_range>(StrEq("StringSection::substr pos out of range")));
 }
 
 TEST(StringSection, FindsAndTrims) {
@@ -100,20 +100,12 @@ TEST(PercentEncoding, DecodesEscapesAndKeepsPlus) {
   EXPECT_EQ(PercentEncoding::decode("a%20b+c%2f%2F"), "a b+c//");
   EXPECT_EQ(PercentEncoding::decode("%00"), std::string(1, '\0'));
   for (const std::string bad : {"%", "ab%4", "%4"}) {
-    try {
-      PercentEncoding::decode(bad);
-      ADD_FAILURE() << bad;
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "Unexpected end of input in percent-encoded text") << bad;
-    }
+    EXPECT_THAT([&] { PercentEncoding::decode(bad); },
+                ThrowsMessage<std::runtime_error>(StrEq("Unexpected end of input in percent-encoded text"))) << bad;
   }
   for (const std::string bad : {"%G1", "%1G", "x%-1"}) {
-    try {
-      PercentEncoding::decode(bad);
-      ADD_FAILURE() << bad;
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "Bad hex character in percent-encoded text") << bad;
-    }
+    EXPECT_THAT([&] { PercentEncoding::decode(bad); },
+                ThrowsMessage<std::runtime_error>(StrEq("Bad hex character in percent-encoded text"))) << bad;
   }
 }
 

@@ -41,7 +41,8 @@ openssl req -new $key -subj "/CN=localhost" -keyout server.key -out server.csr
 printf 'basicConstraints=CA:FALSE\nsubjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth\n' > server.ext
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 -extfile server.ext -out trusted.pem
 openssl x509 -req -in server.csr -CA other.pem -CAkey other.key -set_serial 3 -days 2 -extfile server.ext -out unknown.pem
-printf '[ca]\ndefault_ca=test\n[test]\ndatabase=index.txt\nnew_certs_dir=.\nserial=serial\npolicy=any\n[any]\ncommonName=supplied\n' > ca.cnf
+printf '[ca]\ndefault_ca=test\n[test]\ndatabase=index.txt\nnew_certs_dir=.\nserial=serial\n' > ca.cnf
+printf 'policy=any\n[any]\ncommonName=supplied\n' >> ca.cnf
 : > index.txt
 echo 04 > serial
 openssl ca -batch -config ca.cnf -cert ca.pem -keyfile ca.key -md sha256 -extfile server.ext -notext \

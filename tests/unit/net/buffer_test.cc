@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "net/buffer_chain_ptr.h"
@@ -13,6 +14,9 @@
 
 namespace quorvel {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 // Buffers of 4 bytes so that every boundary is a few bytes away.
 class ChainTest : public ::testing::Test {
@@ -81,11 +85,7 @@ TEST_F(ChainTest, TrimFrontByCount) {
 
   EXPECT_THROW(chain.trimFront(5, removed), std::invalid_argument);
   EXPECT_EQ(text(chain), "ghij");
-  try {
-    chain.trimFront(5);
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "Trim count too big");
-  }
+  EXPECT_THAT([&] { chain.trimFront(5); }, ThrowsMessage<std::invalid_argument>(StrEq("Trim count too big")));
 
   chain.trimFront(4, removed);
   EXPECT_TRUE(chain.empty());
@@ -126,12 +126,8 @@ TEST_F(ChainTest, TruncateKeepsOffsetsAndDetachesTail) {
   EXPECT_EQ(chain.size(), 0u);
   EXPECT_EQ(chain.begin(), chain.end());
   chain.releaseBuffers();
-  try {
-    chain.truncate(0, tail);
-    ADD_FAILURE() << "empty chain truncated";
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "Can't increase BufferChain size");
-  }
+  EXPECT_THAT([&] { chain.truncate(0, tail); },
+              ThrowsMessage<std::invalid_argument>(StrEq("Can't increase BufferChain size")));
   tail.releaseBuffers();
 }
 
@@ -200,12 +196,8 @@ TEST_F(ChainTest, WritesFillBuffersAndStopAtTheEnd) {
   EXPECT_EQ(text(chain), "0123456789");
 
   BufferChain fresh = pool_.allocate(10);
-  try {
-    copyToChain(data.data(), data.data() + 11, fresh.begin());
-    ADD_FAILURE() << "wrote past the end";
-  } catch (const std::out_of_range& e) {
-    EXPECT_STREQ(e.what(), "BufferChain write out of range");
-  }
+  EXPECT_THAT([&] { copyToChain(data.data(), data.data() + 11, fresh.begin()); },
+              ThrowsMessage<std::out_of_range>(StrEq("BufferChain write out of range")));
   EXPECT_EQ(text(fresh), "0123456789");  // what fitted stays written
 
   const std::vector<int> values = {'w', 'x', 'y', 'z', 'q'};
@@ -258,18 +250,10 @@ TEST_F(ChainTest, ScopedChainsMarkHeldAndRelease) {
 }
 
 TEST(BufferPoolTest, RejectsBadConstruction) {
-  try {
-    BufferPool pool(0, 0, 0);
-    ADD_FAILURE();
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "Partition size cannot be zero");
-  }
-  try {
-    BufferPool pool(8, 10, 5);
-    ADD_FAILURE();
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "initialPartitions > maxPartitions");
-  }
+  EXPECT_THAT([&] { BufferPool pool(0, 0, 0); },
+              ThrowsMessage<std::invalid_argument>(StrEq("Partition size cannot be zero")));
+  EXPECT_THAT([&] { BufferPool pool(8, 10, 5); },
+              ThrowsMessage<std::invalid_argument>(StrEq("initialPartitions > maxPartitions")));
 }
 
 TEST(BufferPoolTest, GrowsInDoublingStepsAndLogs) {

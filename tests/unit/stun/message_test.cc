@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "core/byte_order.h"
@@ -12,6 +13,9 @@
 namespace quorvel {
 namespace stun {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 const TransactionId Id = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
 
@@ -59,12 +63,8 @@ TEST(MessageTest, ConstructionWritesTheHeader) {
   EXPECT_EQ(m.messageClass(), Message::SuccessResponse);
   EXPECT_EQ(m.method(), Message::MethodBinding);
 
-  try {
-    Message(Message::Request, 1, Id.data(), Id.data() + 11);
-    FAIL() << "no exception";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "Transaction ID is wrong size");
-  }
+  EXPECT_THAT([&] { Message(Message::Request, 1, Id.data(), Id.data() + 11); },
+              ThrowsMessage<std::logic_error>(StrEq("Transaction ID is wrong size")));
 }
 
 TEST(MessageTest, AttributesArePaddedAndCounted) {
@@ -96,12 +96,8 @@ TEST(MessageTest, AttributesArePaddedAndCounted) {
   ASSERT_TRUE(m.addIntegerAttribute(0x7000, 6, 0xAABBCCDDu));
   EXPECT_EQ(text(m.findAttribute(0x7000)->value), std::string("\0\0\xAA\xBB\xCC\xDD", 6));
   EXPECT_NO_THROW(m.addIntegerAttribute(0x7001, 16, 1));
-  try {
-    m.addIntegerAttribute(0x7002, 17, 1);
-    FAIL() << "no exception";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "Integer length too big");
-  }
+  EXPECT_THAT([&] { m.addIntegerAttribute(0x7002, 17, 1); },
+              ThrowsMessage<std::logic_error>(StrEq("Integer length too big")));
 }
 
 TEST(MessageTest, OnlyTheFirstOfEqualTypesIsSeen) {
@@ -244,12 +240,8 @@ TEST(ErrorCodeTest, WriteReadAndLimits) {
   EXPECT_EQ(text(reason), "Role Conflict");
 
   for (int bad : {299, 700, -400}) {
-    try {
-      m.addErrorCode(bad, "x");
-      FAIL() << bad;
-    } catch (const std::invalid_argument& e) {
-      EXPECT_STREQ(e.what(), "Invalid error code");
-    }
+    EXPECT_THAT([&] { m.addErrorCode(bad, "x"); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Invalid error code"))) << bad;
   }
   Message longReason(Message::ErrorResponse, 1, Id);
   longReason.addErrorCode(300, std::string(100, 'r'));

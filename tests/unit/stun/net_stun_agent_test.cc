@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "net/buffer_pool.h"
@@ -16,6 +17,9 @@
 namespace quorvel {
 namespace stun {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 using testing::LogCapture;
 using testing::ManualReactor;
@@ -126,12 +130,8 @@ TEST_F(AgentTest, OnlyRequestsStartTransactions) {
   auto agent = makeAgent(Duration());
   TransactionId id{};
   auto indication = std::make_shared<Message>(Message::Indication, 1, id);
-  try {
-    agent->sendRequest(indication, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {});
-    FAIL() << "no exception";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "sendRequest: Not a request");
-  }
+  EXPECT_THAT([&] { agent->sendRequest(indication, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {}); },
+              ThrowsMessage<std::logic_error>(StrEq("sendRequest: Not a request")));
   EXPECT_THROW(agent->sendRequest(nullptr, socket_, server_, Duration(), Duration(), "", {}), std::logic_error);
   EXPECT_EQ(agent->pendingCount(), 0u);
   EXPECT_TRUE(socket_->sent.empty());

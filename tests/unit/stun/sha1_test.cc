@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "stun/crc32.h"
@@ -15,6 +16,9 @@
 namespace quorvel {
 namespace stun {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 std::string hex(const uint8_t* begin, const uint8_t* end) {
   static const char digits[] = "0123456789abcdef";
@@ -75,12 +79,8 @@ TEST(Sha1Test, DigestOfDigestAndFinalizedRefusal) {
             sha1Hex(std::string(reinterpret_cast<const char*>(first.digestBegin()), 20)));
 
   const uint8_t byte = 0;
-  try {
-    second.add(&byte, &byte + 1);
-    FAIL() << "no exception";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "Can't add new data to finalized hash");
-  }
+  EXPECT_THAT([&] { second.add(&byte, &byte + 1); },
+              ThrowsMessage<std::logic_error>(StrEq("Can't add new data to finalized hash")));
   EXPECT_THROW(second.add(&byte, &byte), std::logic_error);
   EXPECT_THROW(second.finalize(), std::logic_error);
 }
@@ -99,12 +99,7 @@ TEST(HmacSha1Test, Rfc2202Vectors) {
 
 TEST(HmacSha1Test, KeysOverOneBlockAreRefused) {
   EXPECT_NO_THROW(hmacHex(std::string(64, 'k'), "m"));
-  try {
-    hmacHex(std::string(65, 'k'), "m");
-    FAIL() << "no exception";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "HMAC key too long");
-  }
+  EXPECT_THAT([&] { hmacHex(std::string(65, 'k'), "m"); }, ThrowsMessage<std::logic_error>(StrEq("HMAC key too long")));
 }
 
 TEST(HmacSha1Test, AgreesWithOpenSsl) {
