@@ -6,23 +6,12 @@
 #include <gtest/gtest.h>
 
 #include "net/buffer_pool.h"
+#include "tests/support/switchable_allocator.h"
 #include "tests/unit/http/chain_text.h"
 
 namespace quorvel {
 namespace testing {
 namespace {
-
-// Can be told to run dry; otherwise hands out the pool's small buffers.
-class DryingAllocator : public BufferChainAllocator {
- public:
-  explicit DryingAllocator(BufferPool& pool) : pool_(pool) {}
-  BufferChain allocate(std::size_t size) override { return dry ? BufferChain() : pool_.allocate(size); }
-  std::size_t bufferSize() const override { return pool_.bufferSize(); }
-  bool dry = false;
-
- private:
-  BufferPool& pool_;
-};
 
 class ChunkFraming : public ::testing::Test {
  protected:
@@ -39,18 +28,18 @@ class ChunkFraming : public ::testing::Test {
     return false;
   }
 
-  BufferPool pool{8, 0, 0};
-  DryingAllocator allocator{pool};
+  std::shared_ptr<BufferPool> pool = std::make_shared<BufferPool>(8, 0, 0);
+  SwitchableAllocator allocator{pool};
   ChunkFramer framer;
 };
 
 TEST_F(ChunkFraming, ChunksCloseInFrontOfTheNextSizeLineAndTheEnd) {
-  EXPECT_EQ(framed(framer.frame(allocator, chainOf(pool, "hello world, longer"))), "13\r\nhello world, longer");
-  EXPECT_EQ(framed(framer.frame(allocator, chainOf(pool, "abc"))), "\r\n3\r\nabc");
+  EXPECT_EQ(framed(framer.frame(allocator, chainOf(*pool, "hello world, longer"))), "13\r\nhello world, longer");
+  EXPECT_EQ(framed(framer.frame(allocator, chainOf(*pool, "abc"))), "\r\n3\r\nabc");
   // Shared data goes after a size line of its own.
   EXPECT_EQ(framed(framer.sizeLine(allocator, 0x1F)), "\r\n1F\r\n");
   EXPECT_EQ(framed(framer.end(allocator)), "\r\n0\r\n\r\n");
-  EXPECT_EQ(pool.freeBuffers(), pool.totalBuffers());
+  EXPECT_EQ(pool->freeBuffers(), pool->totalBuffers());
 }
 
 TEST_F(ChunkFraming, ABodyWithoutChunksIsTheEndMarkerAlone) {
@@ -67,38 +56,38 @@ TEST_F(ChunkFraming, ABodyWithoutChunksIsTheEndMarkerAlone) {
 }
 
 TEST_F(ChunkFraming, DataIsLinkedNotCopied) {
-  BufferChain data = chainOf(pool, "0123456789abcdefXYZ");
+  BufferChain data = chainOf(*pool, "0123456789abcdefXYZ");
   Buffer* const first = data.first();
   Buffer* const last = data.last();
-  const unsigned before = pool.totalBuffers() - pool.freeBuffers();
+  const unsigned before = pool->totalBuffers() - pool->freeBuffers();
   BufferChain chain = framer.frame(allocator, data);
   EXPECT_TRUE(contains(chain, first));
   EXPECT_EQ(chain.last(), last);
   // One small buffer for the size line, nothing else.
-  EXPECT_EQ(pool.totalBuffers() - pool.freeBuffers(), before + 1);
+  EXPECT_EQ(pool->totalBuffers() - pool->freeBuffers(), before + 1);
   EXPECT_EQ(framed(chain), "13\r\n0123456789abcdefXYZ");
 }
 
 TEST_F(ChunkFraming, AnExhaustedAllocatorReleasesTheDataAndKeepsTheState) {
-  framer.frame(allocator, chainOf(pool, "ab")).releaseBuffers();
+  framer.frame(allocator, chainOf(*pool, "ab")).releaseBuffers();
   allocator.dry = true;
-  EXPECT_TRUE(framer.frame(allocator, chainOf(pool, "cd")).empty());
+  EXPECT_TRUE(framer.frame(allocator, chainOf(*pool, "cd")).empty());
   EXPECT_TRUE(framer.end(allocator).empty());
-  EXPECT_EQ(pool.freeBuffers(), pool.totalBuffers());
+  EXPECT_EQ(pool->freeBuffers(), pool->totalBuffers());
   allocator.dry = false;
   // The first chunk's closing line is still owed.
   EXPECT_EQ(framed(framer.end(allocator)), "\r\n0\r\n\r\n");
 }
 
 TEST_F(ChunkFraming, APieceIsTakenWhenUnsharedAndCopiedWhenShared) {
-  BufferChainPtr alone(chainOf(pool, "mine"));
+  BufferChainPtr alone(chainOf(*pool, "mine"));
   Buffer* const first = alone.chain().first();
   BufferChain taken = takeOrCopy(allocator, alone);
   EXPECT_EQ(taken.first(), first);
   EXPECT_TRUE(alone.chain().empty());
   taken.releaseBuffers();
 
-  BufferChainPtr shared(chainOf(pool, "ours"));
+  BufferChainPtr shared(chainOf(*pool, "ours"));
   BufferChainPtr other = shared;
   BufferChain copy = takeOrCopy(allocator, shared);
   EXPECT_NE(copy.first(), other.chain().first());

@@ -226,11 +226,5 @@ TEST(LocalNetworkInfoTest, ListsLoopbackWithItsFlag) {
   }
 }
 
-TEST(LocalNetworkInfoTest, ErrorCarriesItsNumber) {
-  const NetInfoError error("Failed to get interface addresses (24)", 24);
-  EXPECT_EQ(error.error(), 24);
-  EXPECT_STREQ(error.what(), "Failed to get interface addresses (24)");
-}
-
 }  // namespace
 }  // namespace quorvel
