@@ -3,7 +3,6 @@
 http_client_driver program (one JSON line per request, log on stderr)."""
 import json
 import os
-import socket
 import subprocess
 import sys
 import unittest
@@ -102,15 +101,6 @@ class Exchanges(unittest.TestCase):
         self.assertEqual(2, log.count("Response requested connection close"))
         self.assertEqual(2, log.count("Created new connection"))
         self.assertIn("close=1", log)
-
-    def test_localhost_tries_each_address(self):
-        # nginx listens on 127.0.0.1 only: ::1 is refused first.
-        results, _, log = drive("-l", "6", "http://localhost:%d/small.bin" % SERVER.port)
-        self.assertEqual((200, 0), (results[0]["status"], results[0]["code"]))
-        if socket.has_ipv6 and "[::1]" in log:
-            self.assertRegex(log, r"Connection to \[::1\]:%d failed\n" % SERVER.port)
-            self.assertIn("Connect error 111: Connection refused", log)
-        self.assertIn("Connection to 127.0.0.1:%d succeeded" % SERVER.port, log)
 
     def test_33rd_request_waits_for_a_free_connection(self):
         before = len(SERVER.access_log())

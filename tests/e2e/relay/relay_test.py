@@ -307,11 +307,8 @@ class UntrustedRelay(unittest.TestCase):
         write_registration("untrusted.info", "untrusted1")
         ferrule = start_ferrule("ferrule-untrusted", "untrusted.info", 7443)
         try:
-            failures = ferrule.wait_for(r"NOTICE \[revhttp\] Registration request failed with code \d+$", count=3,
-                                        timeout=15)
-            times = [stamp(line) for line in failures]
-            self.assertAlmostEqual(times[1] - times[0], 1, delta=0.5)
-            self.assertAlmostEqual(times[2] - times[1], 2, delta=0.5)
+            # The back-off between attempts is the restart case's.
+            ferrule.wait_for(r"NOTICE \[revhttp\] Registration request failed with code \d+$", count=2, timeout=15)
             ferrule.wait_for(r"WARNING \[asiossl\] TLS handshake with untrusted1\.relay\.test \(127\.0\.0\.1:7443\) "
                              r"failed: certificate verify failed")
             self.assertEqual(ferrule.matching(r"Registration succeeded"), [])
