@@ -32,7 +32,37 @@ class AsioSocketTest : public testing::SocketLoopFixture {
     return socket;
   }
 
+  // A listener on a free loopback port; its one connection is read to the
+  // end into `received`, then the loop stops.
+  std::shared_ptr<AsyncListener> collectingListener(std::string& received) {
+    auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
+    listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+    listener->listen(1);
+    inbound_ = BufferChainPtr(pool_.allocate(4096));
+    listener->accept([this, &received, where = listener->localAddress()](int error, std::shared_ptr<AsyncSocket> s) {
+      ASSERT_EQ(error, 0);
+      EXPECT_EQ(s->localAddress(), where);
+      served_ = s;
+      readInto(received);
+    });
+    return listener;
+  }
+
+  void readInto(std::string& received) {
+    served_->receive(inbound_, [this, &received](int error, std::size_t bytes) {
+      if (error != 0 || bytes == 0) {  // the client closed its side
+        served_->close();
+        stop();
+        return;
+      }
+      received += firstBytes(inbound_, bytes);
+      readInto(received);
+    });
+  }
+
   AsioSocketFactory factory_{reactor_};
+  std::shared_ptr<AsyncSocket> served_;
+  BufferChainPtr inbound_;
 };
 
 TEST_F(AsioSocketTest, FactoryRejectsWhatItCannotMake) {
@@ -56,31 +86,10 @@ TEST_F(AsioSocketTest, FactoryRejectsWhatItCannotMake) {
 }
 
 TEST_F(AsioSocketTest, TcpConnectSendAndReceiveThroughAListener) {
-  auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
-  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
-  listener->listen(4);
+  std::string received;
+  auto listener = collectingListener(received);
   const SocketAddress where = listener->localAddress();
   ASSERT_NE(where.port(), 0);
-
-  std::shared_ptr<AsyncSocket> served;
-  BufferChainPtr inbound = BufferChainPtr(pool_.allocate(64));
-  std::string received;
-  std::function<void(int, std::size_t)> onServerRead = [&](int error, std::size_t bytes) {
-    ASSERT_EQ(error, 0);
-    if (bytes == 0) {  // the client closed its side
-      served->close();
-      stop();
-      return;
-    }
-    received += firstBytes(inbound, bytes);
-    served->receive(inbound, onServerRead);
-  };
-  listener->accept([&](int error, std::shared_ptr<AsyncSocket> socket) {
-    ASSERT_EQ(error, 0);
-    served = socket;
-    EXPECT_EQ(served->localAddress(), where);
-    served->receive(inbound, onServerRead);
-  });
 
   auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
   int connectError = -1;
@@ -190,24 +199,8 @@ TEST_F(AsioSocketTest, ReleasedSocketStillCompletesWhatIsPending) {
 }
 
 TEST_F(AsioSocketTest, ReleasedStreamSocketFinishesItsSend) {
-  auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
-  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
-  listener->listen(1);
-  std::shared_ptr<AsyncSocket> served;
-  BufferChainPtr inbound(pool_.allocate(4096));
-  std::size_t total = 0;
-  std::function<void(int, std::size_t)> onRead = [&](int error, std::size_t bytes) {
-    if (error != 0 || bytes == 0) {
-      stop();
-      return;
-    }
-    total += bytes;
-    served->receive(inbound, onRead);
-  };
-  listener->accept([&](int, std::shared_ptr<AsyncSocket> socket) {
-    served = socket;
-    served->receive(inbound, onRead);
-  });
+  std::string received;
+  auto listener = collectingListener(received);
   auto target = std::make_shared<Target>();
   const std::string big(256 * 1024, 'z');  // more than the socket buffers take at once
   auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
@@ -222,8 +215,7 @@ TEST_F(AsioSocketTest, ReleasedStreamSocketFinishesItsSend) {
   run();
   EXPECT_EQ(target->calls, 1);
   EXPECT_EQ(target->bytes, big.size());
-  EXPECT_EQ(total, big.size());
-  served->close();
+  EXPECT_EQ(received, big);
   listener->close();
 }
 
