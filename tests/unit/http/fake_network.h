@@ -15,22 +15,31 @@
 #include "net/async_socket.h"
 #include "net/buffer_chain.h"
 #include "net/name_resolver.h"
+#include "net/socket_error.h"
 
 namespace quorvel {
 namespace testing {
 
-// A stream socket whose peer is the test: what the client sends piles up in
-// `sent`, and the test answers a pending receive with deliver(). Completions
-// are posted to the reactor like a real socket's.
+// A socket whose peer is the test. Stream: what the code sends piles up in
+// `sent`, and the test answers a pending receive with deliver(). Datagram:
+// every sendTo is kept in `datagrams` with its time. Completions are posted
+// to the reactor like a real socket's.
 class FakeSocket : public AsyncSocket {
  public:
-  FakeSocket(std::shared_ptr<Reactor> reactor, std::set<std::string>* refused)
-      : reactor_(std::move(reactor)), refused_(refused) {}
+  struct Datagram {
+    Time at;
+    std::vector<uint8_t> bytes;
+    SocketAddress to;
+  };
+
+  explicit FakeSocket(std::shared_ptr<Reactor> reactor, std::set<std::string>* refused = nullptr,
+                      SocketAddress local = SocketAddress())
+      : reactor_(std::move(reactor)), refused_(refused), local_(local) {}
 
   void bind(const SocketAddress&) override {}
   void connect(const SocketAddress& address, const ConnectCallback& callback) override {
     connectedTo = address;
-    const int error = refused_->count(address.toString()) ? ECONNREFUSED : 0;
+    const int error = refused_ && refused_->count(address.toString()) ? ECONNREFUSED : 0;
     reactor_->post(token_, [callback, error]() { callback(error); });
   }
   void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
@@ -38,10 +47,15 @@ class FakeSocket : public AsyncSocket {
     copyFromChain(buffers.chain().begin(), buffers.chain().end(), reinterpret_cast<uint8_t*>(&text[0]));
     sent += text;
     ++sends;
-    const int error = failSends ? EPIPE : 0;
-    reactor_->post(token_, [callback, error, n = text.size()]() { callback(error, error ? 0 : n); });
+    complete(callback, text.size());
   }
-  void sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) override {}
+  void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) override {
+    if (throwOnSend) throw SocketError("sendTo failed", EPERM);
+    std::vector<uint8_t> bytes(buffers.chain().size());
+    copyFromChain(buffers.chain().begin(), buffers.chain().end(), bytes.data());
+    datagrams.push_back({reactor_->timeProvider()->now(), bytes, to});
+    complete(callback, bytes.size());
+  }
   void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override {
     pendingBuffers_ = buffers;
     pendingReceive_ = callback;
@@ -53,7 +67,7 @@ class FakeSocket : public AsyncSocket {
     options[{level, name}] = number;
   }
   void getOption(int, int, void*, std::size_t&) override {}
-  SocketAddress localAddress() const override { return SocketAddress(); }
+  SocketAddress localAddress() const override { return local_; }
   SocketAddress remoteAddress() const override { return connectedTo; }
   void close() override {
     closed = true;
@@ -73,10 +87,17 @@ class FakeSocket : public AsyncSocket {
   std::map<std::pair<int, int>, int> options;  // (level, name) -> the int set
   std::string sent;
   int sends = 0;
+  std::vector<Datagram> datagrams;
   bool closed = false;
-  bool failSends = false;
+  bool failSends = false;  // sends complete with EPIPE
+  bool throwOnSend = false;
 
  private:
+  void complete(const TransferCallback& callback, std::size_t size) {
+    const int error = failSends ? EPIPE : 0;
+    reactor_->post(token_, [callback, error, size]() { callback(error, error ? 0 : size); });
+  }
+
   void finishReceive(int error, std::size_t bytes) {
     if (!pendingReceive_) return;
     TransferCallback callback = std::move(pendingReceive_);
@@ -87,6 +108,7 @@ class FakeSocket : public AsyncSocket {
 
   std::shared_ptr<Reactor> reactor_;
   std::set<std::string>* refused_;
+  SocketAddress local_;
   BufferChainPtr pendingBuffers_;
   TransferCallback pendingReceive_;
   LifetimeToken token_ = makeLifetimeToken();

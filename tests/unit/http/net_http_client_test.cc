@@ -10,8 +10,8 @@
 #include <stdexcept>
 
 #include "chain_text.h"
-#include "fake_network.h"
 #include "net/buffer_pool.h"
+#include "tests/unit/http/fake_network.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
 #include "tests/support/switchable_allocator.h"

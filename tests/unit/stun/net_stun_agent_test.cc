@@ -9,10 +9,10 @@
 #include <gtest/gtest.h>
 
 #include "net/buffer_pool.h"
-#include "net/socket_error.h"
 #include "stun/integrity.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
+#include "tests/unit/http/fake_network.h"
 
 namespace quorvel {
 namespace stun {
@@ -21,51 +21,9 @@ namespace {
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 
+using testing::FakeSocket;
 using testing::LogCapture;
 using testing::ManualReactor;
-
-// Records every datagram; completions run on the next turn of the reactor,
-// as a real socket's would.
-class FakeSocket : public AsyncSocket {
- public:
-  struct Sent {
-    Time at;
-    std::vector<uint8_t> bytes;
-    SocketAddress to;
-  };
-
-  FakeSocket(ManualReactor& reactor, SocketAddress local) : reactor_(reactor), local_(local) {}
-
-  void bind(const SocketAddress&) override {}
-  void connect(const SocketAddress&, const ConnectCallback&) override {}
-  void send(const BufferChainPtr&, const TransferCallback&) override {}
-  void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) override {
-    if (throwOnSend) throw SocketError("sendTo failed", EPERM);
-    const BufferChain& chain = buffers.chain();
-    std::vector<uint8_t> bytes(chain.size());
-    copyFromChain(chain.begin(), chain.end(), bytes.data());
-    sent.push_back({reactor_.clock().now(), bytes, to});
-    const int error = completionError;
-    const std::size_t size = bytes.size();
-    reactor_.post(token_, [callback, error, size]() { callback(error, error ? 0 : size); });
-  }
-  void receive(const BufferChainPtr&, const TransferCallback&) override {}
-  void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) override {}
-  void setOption(int, int, const void*, std::size_t) override {}
-  void getOption(int, int, void*, std::size_t&) override {}
-  SocketAddress localAddress() const override { return local_; }
-  SocketAddress remoteAddress() const override { return SocketAddress(); }
-  void close() override {}
-
-  std::vector<Sent> sent;
-  int completionError = 0;
-  bool throwOnSend = false;
-
- private:
-  ManualReactor& reactor_;
-  SocketAddress local_;
-  LifetimeToken token_ = makeLifetimeToken();
-};
 
 struct Outcome {
   int calls = 0;
@@ -114,14 +72,14 @@ class AgentTest : public ::testing::Test {
 
   static std::vector<int64_t> sendTimesMs(const FakeSocket& socket, Time start) {
     std::vector<int64_t> times;
-    for (const FakeSocket::Sent& s : socket.sent) times.push_back((s.at - start).count() / 1000);
+    for (const FakeSocket::Datagram& s : socket.datagrams) times.push_back((s.at - start).count() / 1000);
     return times;
   }
 
   std::shared_ptr<ManualReactor> reactor_ = std::make_shared<ManualReactor>();
   std::shared_ptr<BufferPool> pool_ = std::make_shared<BufferPool>(512, 0, 0);
   std::shared_ptr<FakeSocket> socket_ =
-      std::make_shared<FakeSocket>(*reactor_, SocketAddress(2, "127.0.0.1", 5000));
+      std::make_shared<FakeSocket>(reactor_, nullptr, SocketAddress(2, "127.0.0.1", 5000));
   const SocketAddress server_{2, "127.0.0.1", 3478};
   std::shared_ptr<LogCapture> capture_;
 };
@@ -134,7 +92,7 @@ TEST_F(AgentTest, OnlyRequestsStartTransactions) {
               ThrowsMessage<std::logic_error>(StrEq("sendRequest: Not a request")));
   EXPECT_THROW(agent->sendRequest(nullptr, socket_, server_, Duration(), Duration(), "", {}), std::logic_error);
   EXPECT_EQ(agent->pendingCount(), 0u);
-  EXPECT_TRUE(socket_->sent.empty());
+  EXPECT_TRUE(socket_->datagrams.empty());
 }
 
 TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
@@ -148,7 +106,7 @@ TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
   reactor_->advance(Duration::seconds(5));
 
   EXPECT_EQ(sendTimesMs(*socket_, start), (std::vector<int64_t>{0, 100, 300, 700, 1500}));
-  for (const FakeSocket::Sent& s : socket_->sent) {
+  for (const FakeSocket::Datagram& s : socket_->datagrams) {
     EXPECT_EQ(s.bytes, message->bytes());
     EXPECT_EQ(s.to, server_);
   }
@@ -170,7 +128,7 @@ TEST_F(AgentTest, ZeroRtoSendsOnceAndWaits) {
   Outcome outcome;
   agent->sendRequest(request(1), socket_, server_, Duration(), Duration::milliseconds(500), "", recordInto(outcome));
   reactor_->advance(Duration::seconds(1));
-  EXPECT_EQ(socket_->sent.size(), 1u);
+  EXPECT_EQ(socket_->datagrams.size(), 1u);
   EXPECT_EQ(outcome.error, ETIMEDOUT);
 }
 
@@ -192,7 +150,7 @@ TEST_F(AgentTest, MatchesResponsesByIdAndChecksIntegrityWhenKeyed) {
   EXPECT_EQ(agent->pendingCount(), 1u);
 
   reactor_->advance(Duration::milliseconds(300));  // retransmissions went on meanwhile
-  EXPECT_EQ(socket_->sent.size(), 3u);
+  EXPECT_EQ(socket_->datagrams.size(), 3u);
 
   const SocketAddress from(2, "127.0.0.1", 3479);
   const std::vector<uint8_t> good = answer(*message, "secret", Message::ErrorResponse);
@@ -206,7 +164,7 @@ TEST_F(AgentTest, MatchesResponsesByIdAndChecksIntegrityWhenKeyed) {
   EXPECT_EQ(agent->pendingCount(), 0u);
 
   reactor_->advance(Duration::seconds(20));
-  EXPECT_EQ(socket_->sent.size(), 3u);
+  EXPECT_EQ(socket_->datagrams.size(), 3u);
   EXPECT_EQ(outcome.calls, 1);
   // A duplicate of the answer finds nothing any more.
   EXPECT_TRUE(agent->handleDatagram(socket_, from, good.data(), good.size(), true, {}));
@@ -284,7 +242,7 @@ TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
   EXPECT_EQ(times[1], 20);  // the second request waited for its slot
   for (std::size_t i = 1; i < times.size(); ++i) EXPECT_GE(times[i] - times[i - 1], 20) << "send " << i;
   std::size_t responses = 0;
-  for (const FakeSocket::Sent& s : socket_->sent) responses += s.bytes == response.bytes();
+  for (const FakeSocket::Datagram& s : socket_->datagrams) responses += s.bytes == response.bytes();
   EXPECT_EQ(responses, 10u);
   EXPECT_EQ(agent->pendingCount(), 0u);
 }
@@ -303,11 +261,11 @@ TEST_F(AgentTest, LostSocketEndsTheTransaction) {
 TEST_F(AgentTest, SendFailuresEndTheTransaction) {
   auto agent = makeAgent(Duration());
   Outcome failed, refused;
-  socket_->completionError = ENETUNREACH;
+  socket_->failSends = true;
   agent->sendRequest(request(1), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
                      recordInto(failed));
   reactor_->runDue();
-  EXPECT_EQ(failed.error, ENETUNREACH);
+  EXPECT_EQ(failed.error, EPIPE);
 
   socket_->throwOnSend = true;
   agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
@@ -326,7 +284,7 @@ TEST_F(AgentTest, CancelStopsWithoutCallingBack) {
   agent->cancel(handle);
   agent->cancel(handle + 100);
   reactor_->advance(Duration::seconds(2));
-  EXPECT_EQ(socket_->sent.size(), 1u);
+  EXPECT_EQ(socket_->datagrams.size(), 1u);
   EXPECT_EQ(outcome.calls, 0);
 }
 
