@@ -67,23 +67,20 @@ TEST(SampleMessagesTest, Request) {
   EXPECT_FALSE(checkCredentials(m, "evtj:h6vYY", Password));  // sent name is a prefix of this
 }
 
-TEST(SampleMessagesTest, Ipv4Response) {
-  EXPECT_TRUE(isStunMessage(SampleIpv4Response.data(), SampleIpv4Response.size(), true));
-  const Message m = parsed(SampleIpv4Response);
-  EXPECT_EQ(m.messageClass(), Message::SuccessResponse);
-  EXPECT_EQ(m.transactionId(), SampleId);
-  EXPECT_EQ(text(m.findAttribute(Message::Software)), "test vector");
-  EXPECT_EQ(m.getMappedAddress(), SocketAddress(2, "192.0.2.1", 32853));
-  EXPECT_TRUE(checkMessageIntegrity(m, Password));
-}
-
-TEST(SampleMessagesTest, Ipv6Response) {
-  EXPECT_TRUE(isStunMessage(SampleIpv6Response.data(), SampleIpv6Response.size(), true));
-  const Message m = parsed(SampleIpv6Response);
-  EXPECT_EQ(m.messageClass(), Message::SuccessResponse);
-  EXPECT_EQ(text(m.findAttribute(Message::Software)), "test vector");
-  EXPECT_EQ(m.getMappedAddress(), SocketAddress(10, "2001:db8:1234:5678:11:2233:4455:6677", 32853));
-  EXPECT_TRUE(checkMessageIntegrity(m, Password));
+TEST(SampleMessagesTest, Responses) {
+  const std::pair<const std::vector<uint8_t>*, SocketAddress> samples[] = {
+      {&SampleIpv4Response, SocketAddress(2, "192.0.2.1", 32853)},
+      {&SampleIpv6Response, SocketAddress(10, "2001:db8:1234:5678:11:2233:4455:6677", 32853)}};
+  for (const auto& sample : samples) {
+    const std::vector<uint8_t>& bytes = *sample.first;
+    EXPECT_TRUE(isStunMessage(bytes.data(), bytes.size(), true));
+    const Message m = parsed(bytes);
+    EXPECT_EQ(m.messageClass(), Message::SuccessResponse);
+    EXPECT_EQ(m.transactionId(), SampleId);
+    EXPECT_EQ(text(m.findAttribute(Message::Software)), "test vector");
+    EXPECT_EQ(m.getMappedAddress(), sample.second);
+    EXPECT_TRUE(checkMessageIntegrity(m, Password));
+  }
 }
 
 TEST(SampleMessagesTest, RebuildingTheIpv4ResponseGivesTheSameBytes) {
