@@ -105,12 +105,5 @@ TEST_F(HeadReaderTest, UnreadableContentLengthRunsToTheEndOfTheConnection) {
   EXPECT_TRUE(parser->isFinished());
 }
 
-TEST_F(HeadReaderTest, BodyRuleUsesTheRequestMethod) {
-  ResponseHeadReader reader(6);
-  feed(reader, Head);
-  EXPECT_TRUE(reader.hasBody("GET"));
-  EXPECT_FALSE(reader.hasBody("HEAD"));
-}
-
 }  // namespace
 }  // namespace quorvel
