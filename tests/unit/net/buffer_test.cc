@@ -249,11 +249,15 @@ TEST_F(ChainTest, ScopedChainsMarkHeldAndRelease) {
   EXPECT_TRUE(BufferChainPtr().release().empty());
 }
 
-TEST(BufferPoolTest, RejectsBadConstruction) {
+TEST(BufferPoolTest, ConstructionRules) {
   EXPECT_THAT([&] { BufferPool pool(0, 0, 0); },
               ThrowsMessage<std::invalid_argument>(StrEq("Partition size cannot be zero")));
   EXPECT_THAT([&] { BufferPool pool(8, 10, 5); },
               ThrowsMessage<std::invalid_argument>(StrEq("initialPartitions > maxPartitions")));
+  // A pool made at its full size up front: all there, and no more.
+  BufferPool full(8, 10, 10);
+  EXPECT_EQ(full.totalBuffers(), 10u);
+  EXPECT_TRUE(full.allocate(8 * 11).empty());
 }
 
 TEST(BufferPoolTest, GrowsInDoublingStepsAndLogs) {
