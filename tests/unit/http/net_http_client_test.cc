@@ -509,6 +509,15 @@ TEST_F(NetHttpClientTest, IdleConnectionClosedByServerIsDropped) {
 }
 
 TEST_F(NetHttpClientTest, CancelAndDropCallNoHandlerAndCloseTheConnection) {
+  // Cancelled while its host is being looked up: it never goes out.
+  Outcome early;
+  auto cancelled = start("GET", "/early", early);
+  cancelled->send(nullptr, 0);
+  cancelled->cancel();
+  run();
+  EXPECT_TRUE(factory->sockets.empty());
+  EXPECT_FALSE(early.code);
+
   Outcome outcome;
   auto request = get("/", outcome);
   request->cancel();

@@ -126,6 +126,12 @@ TEST(IntegrityTest, CredentialsThenFingerprintStillVerify) {
   EXPECT_FALSE(checkMessageIntegrity(noIntegrity, ""));
 
   EXPECT_THROW(addMessageIntegrity(m, std::string(65, 'k')), std::logic_error);
+
+  // No room left for the fingerprint: the caller must know it is missing.
+  Message full(Message::Request, Message::MethodBinding, SampleId);
+  ASSERT_TRUE(full.addStringAttribute(0x7000, std::string(0xFFFF - 8, 'x')));
+  EXPECT_FALSE(addFingerprint(full));
+  EXPECT_FALSE(isStunMessage(full.data(), full.size(), true));
 }
 
 TEST(ClassifierTest, HeaderChecks) {
