@@ -566,5 +566,26 @@ TEST_F(NetHttpClientTest, GetOnAKeptConnectionTheServerClosedGoesOnceMore) {
   EXPECT_EQ(2u, factory->sockets.size());
 }
 
+// Once only: when the retry lands on a second kept connection that the server
+// closes as well, the request fails rather than going round again.
+TEST_F(NetHttpClientTest, AGetIsRetriedOnlyOnce) {
+  Outcome a, b, c;
+  auto first = get("/a", a);
+  auto second = get("/b", b);
+  factory->sockets[0]->deliver(Ok5);
+  factory->sockets[1]->deliver(Ok5);
+  run();
+  ASSERT_EQ(2u, client->plainPool()->freeCount());
+  auto again = get("/c", c);
+  for (int i = 0; i < 2; ++i) {
+    for (auto& socket : factory->sockets) {
+      if (socket->receiving() && socket->sent.find("GET /c") != std::string::npos) socket->deliverClose();
+    }
+    run();
+  }
+  EXPECT_EQ(c.code, make_error_code(HttpClientError::ConnectionLost));
+  EXPECT_EQ(2u, factory->sockets.size());
+}
+
 }  // namespace
 }  // namespace quorvel
