@@ -52,7 +52,6 @@ class NetSessionTest : public ::testing::Test {
   NetSessionTest() {
     log::setLevel("icesession", log::Debug);
     networkInfo_->add("eth0", AF_INET, "10.0.0.2");
-    resolver_->addresses = {StunServer};
     network_.addResponder(StunServer, [this](const SocketAddress& from, const std::vector<uint8_t>& bytes) {
       ++stunRequests_;
       if (!stunAnswers_) return;
@@ -76,6 +75,14 @@ class NetSessionTest : public ::testing::Test {
 
   static CandidatePtr remote(const SocketAddress& address, uint32_t priority = 2130706431u) {
     return std::make_shared<Candidate>(CandidateType::Host, address, priority, "r1");
+  }
+
+  // A session with the peer as its one remote candidate, the peer playing.
+  std::shared_ptr<NetSession> startWith(ScriptedPeer& peer, const SocketAddress& candidate = Peer) {
+    const auto session = makeSession({remote(candidate)});
+    play(peer, session);
+    start(session);
+    return session;
   }
 
   void start(const std::shared_ptr<NetSession>& session) {
@@ -179,7 +186,6 @@ TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
 }
 
 TEST_F(NetSessionTest, PairsOnlyRemoteCandidatesThatCanBeReached) {
-  resolver_->addresses.clear();
   networkInfo_->add("eth0", AF_INET6, "2001:db8::2");
   const auto session = makeSession({remote(SocketAddress(AF_INET6, "fe80::9", 1)),
                                     remote(SocketAddress(AF_INET6, "2001:db8::9", 2)),
@@ -237,8 +243,7 @@ TEST_F(NetSessionTest, ChecksArePacedAndRetransmittedAtTheRto) {
       {10, {0, 200}, {180, 380}},
   };
   for (const auto& row : table) {
-    resolver_->addresses.clear();
-    network_.log.clear();
+      network_.log.clear();
     std::vector<CandidatePtr> remotes;
     for (uint16_t i = 0; i < row.pairs; ++i) remotes.push_back(remote(SocketAddress(AF_INET, "198.51.100.9", 7000 + i)));
     const auto session = makeSession(remotes);
@@ -267,7 +272,6 @@ TEST_F(NetSessionTest, ChecksArePacedAndRetransmittedAtTheRto) {
 }
 
 TEST_F(NetSessionTest, SilentPeerFailsInBoundedTimeAndReleasesEverything) {
-  resolver_->addresses.clear();
   const auto session = makeSession({remote(Peer), remote(SocketAddress(AF_INET, "198.51.100.3", 6001))});
   start(session);
   const Time begin = reactor_->clock().now();
@@ -285,7 +289,6 @@ TEST_F(NetSessionTest, SilentPeerFailsInBoundedTimeAndReleasesEverything) {
 }
 
 TEST_F(NetSessionTest, EstablishesWithAPeerAndCarriesDatagramsBothWays) {
-  resolver_->addresses.clear();
   ScriptedPeer peer;
   const auto session = makeSession({remote(Peer)});
   play(peer, session);
@@ -332,13 +335,8 @@ TEST_F(NetSessionTest, EstablishesWithAPeerAndCarriesDatagramsBothWays) {
 }
 
 TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
-  resolver_->addresses.clear();
-  ScriptedPeer peer;
-  peer.answer = false;
-  peer.checkBack = false;
-  const auto session = makeSession({remote(SocketAddress(AF_INET, "198.51.100.50", 1))});
-  play(peer, session);
-  start(session);
+  ScriptedPeer peer{Peer, false, false};
+  const auto session = startWith(peer, SocketAddress(AF_INET, "198.51.100.50", 1));
   reactor_->advance(Duration::milliseconds(5));
   const SocketAddress local(AF_INET, "10.0.0.2", 40000);
   const SessionDescription& mine = session->localDescription();
@@ -348,24 +346,19 @@ TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
     network_.send(Peer, local, message.data(), message.size());
     reactor_->advance(Duration::milliseconds(10));
   };
-  const auto fresh = [&]() { return Message(Message::Request, Message::MethodBinding, stun::makeTransactionId(*random_)); };
 
-  Message bare = fresh();
-  stun::addFingerprint(bare);
-  Message noIntegrity = fresh();
-  noIntegrity.addStringAttribute(Message::Username, mine.userFragment + ":" + PeerFragment);
-  stun::addFingerprint(noIntegrity);
-  Message wrongKey = fresh();
-  stun::addCredentials(wrongKey, mine.userFragment + ":" + PeerFragment, "not the password");
-  stun::addFingerprint(wrongKey);
-  Message wrongUser = fresh();
-  stun::addCredentials(wrongUser, "someone:else", mine.password);
-  stun::addFingerprint(wrongUser);
-  Message otherMethod(Message::Request, 2, stun::makeTransactionId(*random_));
-  stun::addCredentials(otherMethod, mine.userFragment + ":" + PeerFragment, mine.password);
-  stun::addFingerprint(otherMethod);
-  Message noFingerprint = fresh();
-  stun::addCredentials(noFingerprint, mine.userFragment + ":" + PeerFragment, mine.password);
+  const std::string user = mine.userFragment + ":" + PeerFragment;
+  // A Binding request (or another method) with what is asked of it.
+  const auto make = [&](const std::string& name, const std::string& key, bool fingerprint, int method = Message::MethodBinding) {
+    Message message(Message::Request, method, stun::makeTransactionId(*random_));
+    if (!key.empty()) stun::addCredentials(message, name, key);
+    if (key.empty() && !name.empty()) message.addStringAttribute(Message::Username, name);
+    if (fingerprint) stun::addFingerprint(message);
+    return message;
+  };
+  const Message bare = make("", "", true), noIntegrity = make(user, "", true), wrongKey = make(user, "not it", true),
+                wrongUser = make("someone:else", mine.password, true), otherMethod = make(user, mine.password, true, 2),
+                noFingerprint = make(user, mine.password, false);
 
   const struct {
     const char* name;
@@ -422,7 +415,6 @@ TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
 }
 
 TEST_F(NetSessionTest, RoleConflictsFollowTheTieBreakers) {
-  resolver_->addresses.clear();
   const struct {
     const char* name;
     bool peerControlling;
@@ -435,12 +427,8 @@ TEST_F(NetSessionTest, RoleConflictsFollowTheTieBreakers) {
       {"peer controlled", false, true, 0, true},
   };
   for (const auto& row : table) {
-    ScriptedPeer peer;
-    peer.answer = false;
-    peer.checkBack = false;
-    const auto session = makeSession({remote(SocketAddress(AF_INET, "198.51.100.50", 1))});
-    play(peer, session);
-    start(session);
+    ScriptedPeer peer{Peer, false, false};
+    const auto session = startWith(peer, SocketAddress(AF_INET, "198.51.100.50", 1));
     reactor_->advance(Duration::milliseconds(5));
     const uint64_t theirs = row.peerTieBreakerLarger ? ~uint64_t{0} : 0;
     sendCheck(Peer, session->checkList().pairs()[0]->local->address, session->localDescription(),
@@ -455,12 +443,9 @@ TEST_F(NetSessionTest, RoleConflictsFollowTheTieBreakers) {
 }
 
 TEST_F(NetSessionTest, InTheControlledRoleThePeerNominates) {
-  resolver_->addresses.clear();
   ScriptedPeer peer;
   peer.checkBack = false;
-  const auto session = makeSession({remote(Peer)});
-  play(peer, session);
-  start(session);
+  const auto session = startWith(peer);
   reactor_->advance(Duration::milliseconds(2));
   const SocketAddress local(AF_INET, "10.0.0.2", 40000);
   // A controlling peer with the larger tie-breaker: the device gives way
@@ -479,7 +464,6 @@ TEST_F(NetSessionTest, InTheControlledRoleThePeerNominates) {
 }
 
 TEST_F(NetSessionTest, ARoleConflictAnswerSwitchesRoleAndChecksAgain) {
-  resolver_->addresses.clear();
   int checks = 0;
   bool controlledSeen = false;
   const auto session = makeSession({remote(Peer)});
@@ -499,7 +483,6 @@ TEST_F(NetSessionTest, ARoleConflictAnswerSwitchesRoleAndChecksAgain) {
 }
 
 TEST_F(NetSessionTest, AnswerFromTheWrongAddressFailsTheCheck) {
-  resolver_->addresses.clear();
   ScriptedPeer peer;
   peer.checkBack = false;
   peer.answerFrom = SocketAddress(AF_INET, "198.51.100.2", 6001);
@@ -516,12 +499,9 @@ TEST_F(NetSessionTest, AnswerFromTheWrongAddressFailsTheCheck) {
 }
 
 TEST_F(NetSessionTest, AnUnknownMappedAddressBecomesAPeerReflexiveLocalCandidate) {
-  resolver_->addresses.clear();
   ScriptedPeer peer;
   peer.mapped = SocketAddress(AF_INET, "203.0.113.77", 61000);
-  const auto session = makeSession({remote(Peer)});
-  play(peer, session);
-  start(session);
+  const auto session = startWith(peer);
   reactor_->advance(Duration::milliseconds(300));
   ASSERT_EQ(Session::Event::Established, events_.back());
   EXPECT_EQ(peer.mapped, session->localAddress());
@@ -531,6 +511,7 @@ TEST_F(NetSessionTest, AnUnknownMappedAddressBecomesAPeerReflexiveLocalCandidate
 }
 
 TEST_F(NetSessionTest, CloseWhileGatheringOrCheckingReleasesEverything) {
+  resolver_->addresses = {StunServer};
   for (int64_t at : {0, 3, 30, 2000}) {
     stunAnswers_ = at != 3;
     events_.clear();
