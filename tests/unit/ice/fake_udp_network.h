@@ -18,8 +18,8 @@ namespace testing {
 
 class FakeUdpSocket;
 
-// Datagrams between fake sockets on virtual time, with a one-way delay, an
-// optional drop rule and full-cone NAT mappings (private address with port
+// Datagrams between fake sockets on virtual time, with a one-way delay and
+// full-cone NAT mappings (private address with port
 // -> public address with port), so that reflexive candidates come out.
 class FakeUdpNetwork {
  public:
@@ -34,8 +34,6 @@ class FakeUdpNetwork {
 
   ManualReactor& reactor() { return reactor_; }
   Duration delay = Duration::milliseconds(1);
-  // Return true to drop (sender's own address, destination).
-  std::function<bool(const SocketAddress& from, const SocketAddress& to)> drop;
   // Every datagram that left a socket, as the receiver would see it.
   std::vector<Datagram> log;
 
@@ -157,7 +155,6 @@ inline void FakeUdpNetwork::send(const SocketAddress& from, const SocketAddress&
   const auto out = outbound_.find(from.toString());
   const SocketAddress seenFrom = out == outbound_.end() ? from : out->second;
   log.push_back({reactor_.clock().now(), seenFrom, to, std::vector<uint8_t>(data, data + size)});
-  if (drop && drop(from, to)) return;
   const auto in = inbound_.find(to.toString());
   const std::string target = (in == inbound_.end() ? to : in->second).toString();
   std::vector<uint8_t> bytes(data, data + size);

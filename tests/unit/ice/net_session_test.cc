@@ -486,10 +486,8 @@ TEST_F(NetSessionTest, AnswerFromTheWrongAddressFailsTheCheck) {
   ScriptedPeer peer;
   peer.checkBack = false;
   peer.answerFrom = SocketAddress(AF_INET, "198.51.100.2", 6001);
-  const auto session = makeSession({remote(Peer)});
-  play(peer, session);
   const auto capture = testing::LogCapture::install();
-  start(session);
+  const auto session = startWith(peer);
   reactor_->advance(Duration::milliseconds(100));
   EXPECT_TRUE(capture->contains(
       "Check failed because addresses don't match: sent 10.0.0.2:40000 -> 198.51.100.2:6000 "
