@@ -1,11 +1,23 @@
 #!/usr/bin/env python3
-"""Video over SCTP end to end: ferrule-p2pclient opens an ICE session with
-ferrule through the dev relay, associates SCTP on the pair and sends a video
-query; ferrule fetches "/video.vdo?" + query from nginx (its target, in the
-device's namespace) and streams the body back.
+"""ferrule's peer-to-peer path end to end, against libnice: ferrule-p2pclient
+posts its candidates to "/sg/sessions" through ferrule-devrelay, ferrule
+answers with its own and runs the checks as the controlling side, libnice as
+the controlled one. The device (ferrule, nginx as its target) and the relay
+side (dev relay, coturn as the STUN server) are harness.video_device's, on a
+network of namespaces of one of the shapes of harness.topology:
+    flat             one dual-stack LAN; host pairs win
+    device_behind_nat  ferrule behind a masquerading router, the client public
+    both_behind_nat  each behind its own NAT with address- and port-dependent
+                     filtering; only hole-punched reflexive pairs work
 
-The device and its answers to "/video.vdo?" queries are harness.video_device's;
-"file=sample.bin" is a 100 MB random sample made once per run.
+IceSessions: on each shape, ferrule's candidate lines, "ICE session
+established", and that libnice selected the pair ferrule nominated, seen
+through the NATs. Refusals and silent peers are the unit tests' and
+ferrule-p2pclient's cases.
+
+VideoOverSctp: the client associates SCTP on the pair and sends a video
+query; ferrule fetches "/video.vdo?" + query from nginx and streams the body
+back. "file=sample.bin" is a 100 MB random sample made once per run.
 
     p2p_test.py FERRULE DEVRELAY P2PCLIENT [unittest arguments]
 
@@ -30,7 +42,11 @@ from harness.proc_figures import reset_peak_rss, status_field  # noqa: E402
 from harness.video_device import (DEVICE_URL, DOMAIN, SAMPLE_SIZE, Binaries, Device,  # noqa: E402
                                    make_sample)
 
-BINARIES = SAMPLE = None  # set by main(); SAMPLE is (path, sha256), made once per run
+BINARIES = SAMPLE_WORK = None  # set by main()
+SAMPLE = None  # (path, sha256), made once per run by sample()
+
+# One address with port as ferrule and the client print it: a.b.c.d:p or [v6]:p
+ADDRESS = r"(?:\d+\.\d+\.\d+\.\d+|\[[0-9a-f:]+\]):\d+"
 
 # A stream relay that ended because of its SCTP side.
 SCTP_FAILURES = r"\[ferrule\] (Stream disconnected|SCTP send error)"
@@ -38,8 +54,14 @@ SCTP_FAILURES = r"\[ferrule\] (Stream disconnected|SCTP send error)"
 ALL_CLOSED = r"\[ferrule\] All connections closed, starting idle timer"
 
 
+def sample():
+    global SAMPLE
+    if SAMPLE is None:
+        SAMPLE = make_sample(SAMPLE_WORK)
+    return SAMPLE
 
-class VideoOverSctp(unittest.TestCase):
+
+class DeviceCase(unittest.TestCase):
     def setUp(self):
         self.work = tempfile.mkdtemp(prefix="ferrule-p2p-")
         self.device = None
@@ -52,10 +74,113 @@ class VideoOverSctp(unittest.TestCase):
         else:
             shutil.rmtree(self.work, ignore_errors=True)
 
-    def start(self, shape=topology.flat):
-        self.device = Device(shape, self.work, BINARIES, SAMPLE)
+    def start(self, shape=topology.flat, files=None, ferrule_options=()):
+        """files: what nginx serves under "file=" (default: the sample)."""
+        self.device = Device(shape, self.work, BINARIES, files or sample(), ferrule_options=ferrule_options)
         return self.device
 
+
+class IceSessions(DeviceCase):
+    def start(self, shape):
+        empty = os.path.join(self.work, "empty.bin")
+        open(empty, "w").close()
+        return super().start(shape, (empty, ""), ("-l", "6"))
+
+    def connect(self):
+        """Runs the client to its end; returns its ClientResult."""
+        return run_client(BINARIES.p2pclient, DEVICE_URL, command=self.device.net.client.command, stun=DOMAIN,
+                          extra=("--send", "3", "--hold", "1"))
+
+    # ---- what ferrule logged
+
+    def ferrule_pair(self):
+        """(local, remote) of "ICE session established: %s <-> %s"."""
+        line = self.device.ferrule.wait_for(r"ICE session established: ", timeout=30)[0]
+        match = re.search(r"ICE session established: (%s) <-> (%s)$" % (ADDRESS, ADDRESS), line)
+        self.assertIsNotNone(match, line)
+        return match.group(1), match.group(2)
+
+    def local_candidates(self):
+        return [re.search(r"Adding local candidate (\S+) with preference \d+$", line).group(1)
+                for line in self.device.ferrule.matching(r"Adding local candidate \S+ with preference \d+$")]
+
+    def reflexive_candidates(self):
+        """{server-reflexive address: its base}"""
+        found = {}
+        for line in self.device.ferrule.matching(r"Adding server reflexive candidate \S+ with base \S+$"):
+            match = re.search(r"Adding server reflexive candidate (\S+) with base (\S+)$", line)
+            found[match.group(1)] = match.group(2)
+        return found
+
+    def public_faces(self, local):
+        """Where packets from ferrule's local address appear to come from:
+        itself, the server-reflexive candidates based on it, and the mapped
+        addresses of its successful checks."""
+        faces = {local} | {address for address, base in self.reflexive_candidates().items() if base == local}
+        for line in self.device.ferrule.matching(r"Check succeeded: \[%s, " % re.escape(local)):
+            faces.add(line.rsplit("mapped address is ", 1)[1].strip())
+        return faces
+
+    def assert_same_pair(self, client):
+        """libnice selected the pair ferrule nominated: ferrule's remote is
+        where the client's packets come from, the client's remote is a
+        public face of ferrule's local address."""
+        self.assertEqual(client.status, 0, client)
+        local, remote = self.ferrule_pair()
+        self.device.ferrule.wait_for(r"Sending final check for nominated pair \[%s, %s\]"
+                                      % (re.escape(local), re.escape(remote)), timeout=1)
+        self.assertEqual(remote, client.pair["local"], client)
+        self.assertIn(client.pair["remote"], self.public_faces(local), client)
+        return local, remote
+
+    def address_part(self, address):
+        return address.rsplit(":", 1)[0].strip("[]")
+
+    def base_of(self, local):
+        """The host address under ferrule's local candidate."""
+        return self.reflexive_candidates().get(local, local)
+
+    # ---- the three networks
+
+    def test_flat_dual_stack_host_pair(self):
+        session = self.start(topology.flat)
+        client = self.connect()
+        local, remote = self.assert_same_pair(client)
+        self.assertEqual((client.pair["local-type"], client.pair["remote-type"]), ("host", "host"), client)
+        self.assertIn(self.address_part(local), session.net.device_addresses)
+        self.assertIn(self.address_part(remote), session.net.client_addresses)
+        # Both families gathered, nothing else (no loopback, no link-local).
+        gathered = sorted({self.address_part(candidate) for candidate in self.local_candidates()})
+        self.assertEqual(gathered, sorted(session.net.device_addresses))
+        self.assertEqual(client.datagrams["sent"], 3, client)
+        session.ferrule.wait_for(r"Finished gathering candidates", timeout=1)
+
+    def test_device_behind_nat(self):
+        self.start(topology.device_behind_nat)
+        client = self.connect()
+        local, remote = self.assert_same_pair(client)
+        reflexive = self.reflexive_candidates()
+        self.assertTrue(any(self.address_part(address) == "198.19.0.2" and self.address_part(base) == "198.18.1.2"
+                            for address, base in reflexive.items()), reflexive)
+        # ferrule names the pair by its public face, which is what libnice saw.
+        self.assertEqual(self.address_part(local), "198.19.0.2")
+        self.assertEqual(self.address_part(self.base_of(local)), "198.18.1.2")
+        self.assertEqual(remote, "198.19.0.3:" + client.pair["local"].rsplit(":", 1)[1])
+        self.assertEqual(client.pair["local-type"], "host", client)
+        self.assertIn(client.pair["remote-type"], ("srflx", "prflx"), client)
+
+    def test_both_behind_nat_hole_punched(self):
+        self.start(topology.both_behind_nat)
+        client = self.connect()
+        local, remote = self.assert_same_pair(client)
+        self.assertEqual(self.address_part(local), "198.19.0.2")  # the device's NAT
+        self.assertEqual(self.address_part(self.base_of(local)), "198.18.1.2")
+        self.assertEqual(self.address_part(remote), "198.19.0.4")  # the client's NAT
+        self.assertIn(client.pair["local-type"], ("srflx", "prflx"), client)
+        self.assertIn(client.pair["remote-type"], ("srflx", "prflx"), client)
+
+
+class VideoOverSctp(DeviceCase):
     def assert_complete(self, result, count=1):
         self.assertEqual(result.status, 0, result)
         self.assertEqual([download["end"] for download in result.downloads], ["complete"] * count, result)
@@ -68,7 +193,7 @@ class VideoOverSctp(unittest.TestCase):
     def assert_sample(self, result, path):
         self.assert_complete(result)
         self.assertEqual(result.downloads[0]["bytes"], SAMPLE_SIZE, result)
-        self.assertEqual(file_sha256(path), SAMPLE[1])
+        self.assertEqual(file_sha256(path), sample()[1])
 
     # ---- the video arrives
 
@@ -102,7 +227,7 @@ class VideoOverSctp(unittest.TestCase):
         self.assert_complete(result, count=2)
         self.assertEqual(sorted(download["port"] for download in result.downloads), [5000, 5001], result)
         for index in (1, 2):
-            self.assertEqual(file_sha256("%s.%d" % (path, index)), SAMPLE[1])
+            self.assertEqual(file_sha256("%s.%d" % (path, index)), sample()[1])
         device.ferrule.wait_for(r"\[ferrule\] Got new SCTP connection from ", count=2)
         # Both ran at once: the second arrived before the first had ended.
         lines = device.ferrule.lines
@@ -219,16 +344,15 @@ class VideoOverSctp(unittest.TestCase):
 
 
 def main():
-    global BINARIES, SAMPLE
+    global BINARIES, SAMPLE_WORK
     if len(sys.argv) < 4:
         sys.exit("usage: p2p_test.py FERRULE DEVRELAY P2PCLIENT [unittest arguments]")
     BINARIES = Binaries(*(os.path.abspath(path) for path in sys.argv[1:4]))
-    sample_work = tempfile.mkdtemp(prefix="ferrule-p2p-sample-")
+    SAMPLE_WORK = tempfile.mkdtemp(prefix="ferrule-p2p-sample-")
     try:
-        SAMPLE = make_sample(sample_work)
         program = unittest.main(argv=[sys.argv[0]] + sys.argv[4:], verbosity=2, exit=False)
     finally:
-        shutil.rmtree(sample_work, ignore_errors=True)
+        shutil.rmtree(SAMPLE_WORK, ignore_errors=True)
     sys.exit(0 if program.result.wasSuccessful() else 1)
 
 
