@@ -39,7 +39,6 @@ class FakeIceSession : public ice::Session {
   void setDatagramHandler(const DatagramHandler& handler) override { handler_ = handler; }
   bool sendDatagram(const uint8_t* data, std::size_t size) override {
     if (closed) return false;
-    ++sent;
     lastSent.assign(data, data + size);
     if (dropping) return true;  // lost on the way
     auto bytes = std::make_shared<std::vector<uint8_t>>(data, data + size);
@@ -57,7 +56,6 @@ class FakeIceSession : public ice::Session {
 
   // As if this datagram had arrived from the peer.
   void receive(const uint8_t* data, std::size_t size) {
-    ++received;
     if (!closed && handler_) handler_(data, size);
   }
   bool hasHandler() const { return static_cast<bool>(handler_); }
@@ -68,8 +66,6 @@ class FakeIceSession : public ice::Session {
   bool closed = false;
   int closes = 0;
   bool dropping = false;  // the path is cut: datagrams vanish
-  int sent = 0;
-  int received = 0;
   std::vector<uint8_t> lastSent;
 
  private:
