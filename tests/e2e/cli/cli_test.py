@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Runs the built daemon: its exit statuses and output streams for the command
-line (the texts themselves are checked by the unit tests), log settings, SIGINT."""
+"""Runs the built daemon: its usage, exit statuses and output streams for the
+command line (the messages are the unit tests'), log settings, SIGINT."""
 import os
 import re
 import signal
@@ -10,6 +10,7 @@ import time
 import unittest
 
 BINARY = None
+USAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "unit", "app", "usage.txt")
 LOG_LINE = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [A-Z]+ ")
 
 
@@ -21,7 +22,8 @@ class CommandLine(unittest.TestCase):
     def test_statuses_and_streams(self):
         usage = run("-h")
         self.assertEqual((usage.returncode, usage.stderr), (0, ""))
-        self.assertTrue(usage.stdout.startswith("ferrule [options]\n"), usage.stdout)
+        with open(USAGE) as f:
+            self.assertEqual(usage.stdout, f.read())
         for args, message in [([], "Please specify a relay URL base\n\n"), (["-r"], "-r: Please specify a relay URL base\n"),
                               (["-q", "-h"], "Unknown argument: -q\n\n")]:
             result = run(*args)

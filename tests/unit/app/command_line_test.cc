@@ -1,5 +1,6 @@
 #include "app/command_line.h"
 
+#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -33,19 +34,9 @@ Parsed parse(std::vector<const char*> args) {
 }
 
 TEST(CommandLine, UsageText) {
-  EXPECT_EQ(usage(),
-            "ferrule [options]\n"
-            "\n"
-            "Options:\n"
-            "  -r <urlbase>       Relay URL base (e.g. \"relay.example.com\", \n"
-            "                     \"relay.example.com/devices\")\n"
-            "  -s <stunserver>    STUN server hostname\n"
-            "  -f <filename>      Registration info filename (default devicereg.info)\n"
-            "  -t <targethost>    Target for relayed HTTP requests (default localhost)\n"
-            "  -l <logspec>       Log level setting [logname:](1-6). This may be specified\n"
-            "                     multiple times to configure different levels for different\n"
-            "                     logs.\n"
-            "\n");
+  std::ostringstream expected;
+  expected << std::ifstream(FERRULE_APP_TEST_DATA "/usage.txt").rdbuf();
+  EXPECT_EQ(usage(), expected.str());
 }
 
 TEST(CommandLine, DefaultsAndOverrides) {
