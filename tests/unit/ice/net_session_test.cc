@@ -161,7 +161,7 @@ TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
   resolver_->addresses = {StunServer, SocketAddress(AF_INET6, "2001:db8::100", 3478)};
   addStunServer(SocketAddress(AF_INET6, "2001:db8::100", 3478));  // no NAT: maps to the host address itself
   network_.addNat(SocketAddress(AF_INET, "10.0.0.2", 40000), SocketAddress(AF_INET, "203.0.113.5", 50000));
-  // Only remote candidates of a family gathered, not link-local, with a port.
+  // Remote candidates that cannot be reached (link-local, port 0) get no pair.
   const auto session = makeSession({remote(SocketAddress(AF_INET6, "fe80::9", 1)),
                                     remote(SocketAddress(AF_INET6, "2001:db8::9", 2)),
                                     remote(SocketAddress(AF_INET, "198.51.100.9", 0)), remote(Peer)});
