@@ -41,7 +41,7 @@ class CommandLine(unittest.TestCase):
         time.sleep(0.3)
         self.assertIsNone(process.poll(), "daemon ended before SIGINT")
         process.send_signal(signal.SIGINT)
-        stdout, stderr = process.communicate(timeout=5)
+        stdout, stderr = process.communicate(timeout=15)
         self.assertEqual((process.returncode, stderr), (0, ""))
         self.assertEqual([line for line in stdout.splitlines() if not LOG_LINE.match(line)],
                          ["Setting global log level to 7", "Setting log revhttp to level 6", "Setting global log level to 4"])
