@@ -50,6 +50,9 @@ class ConnectRequestHandlerTest : public ::testing::Test {
     log::setLevel("connreqhandler", log::Debug);
     handler_->setSessionEstablishedCallback([this](const ice::SessionPtr& s) { established_.push_back(s); });
   }
+  // Finished requests are let go of a little later, and their sessions hold
+  // the reactor that holds them until then.
+  ~ConnectRequestHandlerTest() override { reactor_->advance(Duration::seconds(1)); }
 
   static std::shared_ptr<FakeWebRequest> request(const std::string& method, const std::string& target,
                                                  bool withBody = false) {
