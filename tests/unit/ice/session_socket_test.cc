@@ -33,6 +33,19 @@ TEST(SessionSocket, GoesOnReceivingOnlyAfterErrorsThatConcernOneDatagram) {
   }
 }
 
+// A send the socket refuses is reported to the caller as not sent.
+TEST(SessionSocket, SendSaysWhenTheSocketRefuses) {
+  testing::ManualReactor reactor;
+  testing::FakeUdpNetwork network(reactor);
+  const auto socket = std::make_shared<testing::FakeUdpSocket>(network);
+  const auto session = std::make_shared<SessionSocket>(socket, SocketAddress(AF_INET, "10.0.0.2", 5000));
+  const SocketAddress peer(AF_INET, "198.51.100.2", 6000);
+  const uint8_t byte = 7;
+  EXPECT_TRUE(session->send(&byte, 1, peer));
+  socket->close();  // fails under the session: sends now throw
+  EXPECT_FALSE(session->send(&byte, 1, peer));
+}
+
 }  // namespace
 }  // namespace ice
 }  // namespace quorvel
