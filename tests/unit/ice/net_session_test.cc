@@ -324,6 +324,21 @@ TEST_F(NetSessionTest, EstablishesWithAPeerAndCarriesDatagramsBothWays) {
   EXPECT_FALSE(session->sendDatagram(reinterpret_cast<const uint8_t*>("x"), 1));
 }
 
+// A better pair still being checked holds the nomination back only briefly:
+// pairs that never work (private addresses across NATs) must not hold the
+// session for their whole check time.
+TEST_F(NetSessionTest, ASilentBetterPairDelaysTheNominationOnlyBriefly) {
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  const auto session = makeSession({remote(SocketAddress(AF_INET, "198.51.100.9", 7000)), remote(Peer, 1694498815u)});
+  play(peer, session);
+  start(session);
+  reactor_->advance(NominationWait + Duration::milliseconds(200));
+  ASSERT_EQ(Session::Event::Established, events_.back());
+  EXPECT_EQ(Peer, session->remoteAddress());
+  EXPECT_EQ(1, peer.useCandidates);
+}
+
 TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
   ScriptedPeer peer{Peer, false, false};
   const auto session = startWith(peer, SocketAddress(AF_INET, "198.51.100.50", 1));
