@@ -3,7 +3,8 @@
 // Two ICE sessions connected back to back in memory: a datagram one sends is
 // posted to the reactor and handed to the other's datagram handler, as if it
 // had crossed the selected pair. The test can cut the path, and sees every
-// datagram go by.
+// datagram go by. A session alone also plays one for its owner, which the
+// test drives through the event callback.
 
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include "core/lifetime.h"
 #include "core/reactor.h"
 #include "ice/session.h"
+#include "ice/session_description.h"
 
 namespace quorvel {
 namespace testing {
@@ -26,17 +28,17 @@ class FakeIceSession : public ice::Session {
 
   void connectTo(const std::shared_ptr<FakeIceSession>& peer) { peer_ = peer; }
 
-  void setRemoteDescription(const ice::SessionDescription&) override {}
-  void start(const EventCallback&) override {}
-  const ice::SessionDescription& localDescription() const override {
-    throw std::logic_error("FakeIceSession has no description");
+  void setRemoteDescription(const ice::SessionDescription& description) override { remote = description; }
+  void start(const EventCallback& callback) override {
+    if (failStart) throw std::logic_error("ICE session already started");
+    events = callback;
   }
+  const ice::SessionDescription& localDescription() const override { return local; }
   SocketAddress localAddress() const override { return local_; }
   SocketAddress remoteAddress() const override { return remote_; }
   void setDatagramHandler(const DatagramHandler& handler) override { handler_ = handler; }
   bool sendDatagram(const uint8_t* data, std::size_t size) override {
     if (closed) return false;
-    ++sent;
     lastSent.assign(data, data + size);
     if (dropping) return true;  // lost on the way
     auto bytes = std::make_shared<std::vector<uint8_t>>(data, data + size);
@@ -48,20 +50,22 @@ class FakeIceSession : public ice::Session {
   }
   void close() override {
     closed = true;
+    ++closes;
     handler_.clear();
   }
 
   // As if this datagram had arrived from the peer.
   void receive(const uint8_t* data, std::size_t size) {
-    ++received;
     if (!closed && handler_) handler_(data, size);
   }
   bool hasHandler() const { return static_cast<bool>(handler_); }
 
+  ice::SessionDescription local, remote;
+  EventCallback events;
+  bool failStart = false;
   bool closed = false;
+  int closes = 0;
   bool dropping = false;  // the path is cut: datagrams vanish
-  int sent = 0;
-  int received = 0;
   std::vector<uint8_t> lastSent;
 
  private:

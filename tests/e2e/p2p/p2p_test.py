@@ -1,11 +1,23 @@
 #!/usr/bin/env python3
-"""Video over SCTP end to end: ferrule-p2pclient opens an ICE session with
-ferrule through the dev relay, associates SCTP on the pair and sends a video
-query; ferrule fetches "/video.vdo?" + query from nginx (its target, in the
-device's namespace) and streams the body back.
+"""ferrule's peer-to-peer path end to end, against libnice: ferrule-p2pclient
+posts its candidates to "/sg/sessions" through ferrule-devrelay, ferrule
+answers with its own and runs the checks as the controlling side, libnice as
+the controlled one. The device (ferrule, nginx as its target) and the relay
+side (dev relay, coturn as the STUN server) are harness.video_device's, on a
+network of namespaces of one of the shapes of harness.topology:
+    flat             one dual-stack LAN; host pairs win
+    device_behind_nat  ferrule behind a masquerading router, the client public
+    both_behind_nat  each behind its own NAT with address- and port-dependent
+                     filtering; only hole-punched reflexive pairs work
 
-The device and its answers to "/video.vdo?" queries are harness.video_device's;
-"file=sample.bin" is a 100 MB random sample made once per run.
+IceSessions: on each shape, ferrule's candidate lines, "ICE session
+established", and that libnice selected the pair ferrule nominated, seen
+through the NATs. Refusals and silent peers are the unit tests' and
+ferrule-p2pclient's cases.
+
+VideoOverSctp: the client associates SCTP on the pair and sends a video
+query; ferrule fetches "/video.vdo?" + query from nginx and streams the body
+back. "file=sample.bin" is a 100 MB random sample made once per run.
 
     p2p_test.py FERRULE DEVRELAY P2PCLIENT [unittest arguments]
 
@@ -30,7 +42,11 @@ from harness.proc_figures import reset_peak_rss, status_field  # noqa: E402
 from harness.video_device import (DEVICE_URL, DOMAIN, SAMPLE_SIZE, Binaries, Device,  # noqa: E402
                                    make_sample)
 
-BINARIES = SAMPLE = None  # set by main(); SAMPLE is (path, sha256), made once per run
+BINARIES = SAMPLE_WORK = None  # set by main()
+SAMPLE = None  # (path, sha256), made once per run by sample()
+
+# One address with port as ferrule and the client print it: a.b.c.d:p or [v6]:p
+ADDRESS = r"(?:\d+\.\d+\.\d+\.\d+|\[[0-9a-f:]+\]):\d+"
 
 # A stream relay that ended because of its SCTP side.
 SCTP_FAILURES = r"\[ferrule\] (Stream disconnected|SCTP send error)"
@@ -38,8 +54,14 @@ SCTP_FAILURES = r"\[ferrule\] (Stream disconnected|SCTP send error)"
 ALL_CLOSED = r"\[ferrule\] All connections closed, starting idle timer"
 
 
+def sample():
+    global SAMPLE
+    if SAMPLE is None:
+        SAMPLE = make_sample(SAMPLE_WORK)
+    return SAMPLE
 
-class VideoOverSctp(unittest.TestCase):
+
+class DeviceCase(unittest.TestCase):
     def setUp(self):
         self.work = tempfile.mkdtemp(prefix="ferrule-p2p-")
         self.device = None
@@ -52,10 +74,113 @@ class VideoOverSctp(unittest.TestCase):
         else:
             shutil.rmtree(self.work, ignore_errors=True)
 
-    def start(self, shape=topology.flat):
-        self.device = Device(shape, self.work, BINARIES, SAMPLE)
+    def start(self, shape=topology.flat, files=None, ferrule_options=()):
+        """files: what nginx serves under "file=" (default: the sample)."""
+        self.device = Device(shape, self.work, BINARIES, files or sample(), ferrule_options=ferrule_options)
         return self.device
 
+
+class IceSessions(DeviceCase):
+    def start(self, shape):
+        empty = os.path.join(self.work, "empty.bin")
+        open(empty, "w").close()
+        return super().start(shape, (empty, ""), ("-l", "6"))
+
+    def connect(self):
+        """Runs the client to its end; returns its ClientResult."""
+        return run_client(BINARIES.p2pclient, DEVICE_URL, command=self.device.net.client.command, stun=DOMAIN,
+                          extra=("--send", "3", "--hold", "1"))
+
+    # ---- what ferrule logged
+
+    def ferrule_pair(self):
+        """(local, remote) of "ICE session established: %s <-> %s"."""
+        line = self.device.ferrule.wait_for(r"ICE session established: ", timeout=30)[0]
+        match = re.search(r"ICE session established: (%s) <-> (%s)$" % (ADDRESS, ADDRESS), line)
+        self.assertIsNotNone(match, line)
+        return match.group(1), match.group(2)
+
+    def local_candidates(self):
+        return [re.search(r"Adding local candidate (\S+) with preference \d+$", line).group(1)
+                for line in self.device.ferrule.matching(r"Adding local candidate \S+ with preference \d+$")]
+
+    def reflexive_candidates(self):
+        """{server-reflexive address: its base}"""
+        found = {}
+        for line in self.device.ferrule.matching(r"Adding server reflexive candidate \S+ with base \S+$"):
+            match = re.search(r"Adding server reflexive candidate (\S+) with base (\S+)$", line)
+            found[match.group(1)] = match.group(2)
+        return found
+
+    def public_faces(self, local):
+        """Where packets from ferrule's local address appear to come from:
+        itself, the server-reflexive candidates based on it, and the mapped
+        addresses of its successful checks."""
+        faces = {local} | {address for address, base in self.reflexive_candidates().items() if base == local}
+        for line in self.device.ferrule.matching(r"Check succeeded: \[%s, " % re.escape(local)):
+            faces.add(line.rsplit("mapped address is ", 1)[1].strip())
+        return faces
+
+    def assert_same_pair(self, client):
+        """libnice selected the pair ferrule nominated: ferrule's remote is
+        where the client's packets come from, the client's remote is a
+        public face of ferrule's local address."""
+        self.assertEqual(client.status, 0, client)
+        local, remote = self.ferrule_pair()
+        self.device.ferrule.wait_for(r"Sending final check for nominated pair \[%s, %s\]"
+                                      % (re.escape(local), re.escape(remote)), timeout=1)
+        self.assertEqual(remote, client.pair["local"], client)
+        self.assertIn(client.pair["remote"], self.public_faces(local), client)
+        return local, remote
+
+    def address_part(self, address):
+        return address.rsplit(":", 1)[0].strip("[]")
+
+    def base_of(self, local):
+        """The host address under ferrule's local candidate."""
+        return self.reflexive_candidates().get(local, local)
+
+    # ---- the three networks
+
+    def test_flat_dual_stack_host_pair(self):
+        session = self.start(topology.flat)
+        client = self.connect()
+        local, remote = self.assert_same_pair(client)
+        self.assertEqual((client.pair["local-type"], client.pair["remote-type"]), ("host", "host"), client)
+        self.assertIn(self.address_part(local), session.net.device_addresses)
+        self.assertIn(self.address_part(remote), session.net.client_addresses)
+        # Both families gathered, nothing else (no loopback, no link-local).
+        gathered = sorted({self.address_part(candidate) for candidate in self.local_candidates()})
+        self.assertEqual(gathered, sorted(session.net.device_addresses))
+        self.assertEqual(client.datagrams["sent"], 3, client)
+        session.ferrule.wait_for(r"Finished gathering candidates", timeout=1)
+
+    def test_device_behind_nat(self):
+        self.start(topology.device_behind_nat)
+        client = self.connect()
+        local, remote = self.assert_same_pair(client)
+        reflexive = self.reflexive_candidates()
+        self.assertTrue(any(self.address_part(address) == "198.19.0.2" and self.address_part(base) == "198.18.1.2"
+                            for address, base in reflexive.items()), reflexive)
+        # ferrule names the pair by its public face, which is what libnice saw.
+        self.assertEqual(self.address_part(local), "198.19.0.2")
+        self.assertEqual(self.address_part(self.base_of(local)), "198.18.1.2")
+        self.assertEqual(remote, "198.19.0.3:" + client.pair["local"].rsplit(":", 1)[1])
+        self.assertEqual(client.pair["local-type"], "host", client)
+        self.assertIn(client.pair["remote-type"], ("srflx", "prflx"), client)
+
+    def test_both_behind_nat_hole_punched(self):
+        self.start(topology.both_behind_nat)
+        client = self.connect()
+        local, remote = self.assert_same_pair(client)
+        self.assertEqual(self.address_part(local), "198.19.0.2")  # the device's NAT
+        self.assertEqual(self.address_part(self.base_of(local)), "198.18.1.2")
+        self.assertEqual(self.address_part(remote), "198.19.0.4")  # the client's NAT
+        self.assertIn(client.pair["local-type"], ("srflx", "prflx"), client)
+        self.assertIn(client.pair["remote-type"], ("srflx", "prflx"), client)
+
+
+class VideoOverSctp(DeviceCase):
     def assert_complete(self, result, count=1):
         self.assertEqual(result.status, 0, result)
         self.assertEqual([download["end"] for download in result.downloads], ["complete"] * count, result)
@@ -68,24 +193,27 @@ class VideoOverSctp(unittest.TestCase):
     def assert_sample(self, result, path):
         self.assert_complete(result)
         self.assertEqual(result.downloads[0]["bytes"], SAMPLE_SIZE, result)
-        self.assertEqual(file_sha256(path), SAMPLE[1])
+        self.assertEqual(file_sha256(path), sample()[1])
 
     # ---- the video arrives
 
-    def test_query_arrives_unchanged(self):
+    def test_short_answers_arrive_and_end_each_relay_cleanly(self):
         device = self.start()
-        result, path = device.download("cam=2&t=10%2C5")
-        self.assert_body(result, path, b"query=cam=2&t=10%2C5\n")
-        device.ferrule.wait_for(r"\[ferrule\] Processing video request: cam=2&t=10%2C5$")
-        device.ferrule.wait_for(r"\[ferrule\] Got video response: 200 OK$")
-        device.ferrule.wait_for(r"\[ferrule\] Got new SCTP connection from ")
-
-    def test_100_mb_byte_exact_flat(self):
-        device = self.start()
-        result, path = device.download("file=sample.bin")
-        self.assert_sample(result, path)
-        print("flat: %d bytes/s, first byte after %d ms" % (result.downloads[0]["bytes-per-s"],
-                                                           result.downloads[0]["first-byte-ms"]))
+        for query, body, status in [("cam=2&t=10%2C5", b"query=cam=2&t=10%2C5\n", "200 OK"),
+                                    ("status=404", b"no such video\n", "404 Not Found"), ("empty=1", b"", "200 OK")]:
+            mark = device.ferrule.mark()
+            result, path = device.download(query)
+            self.assert_body(result, path, body)
+            device.ferrule.wait_for(r"\[ferrule\] Processing video request: %s$" % re.escape(query), start=mark)
+            device.ferrule.wait_for(r"\[ferrule\] Got video response: %s$" % status, start=mark)
+            device.ferrule.wait_for(r"\[ferrule\] Response data stream is finished$", start=mark)
+        mark = device.ferrule.mark()
+        result, path = device.download("odd=early")
+        self.assert_complete(result)
+        self.assertLess(result.downloads[0]["bytes"], 10000000, result)
+        device.ferrule.wait_for(r"\[ferrule\] Video request error", start=mark)
+        device.ferrule.wait_for(ALL_CLOSED, start=mark)
+        self.assertEqual(device.ferrule.matching(SCTP_FAILURES), [])
 
     def test_100_mb_byte_exact_across_both_nats(self):
         device = self.start(topology.both_behind_nat)
@@ -99,7 +227,7 @@ class VideoOverSctp(unittest.TestCase):
         self.assert_complete(result, count=2)
         self.assertEqual(sorted(download["port"] for download in result.downloads), [5000, 5001], result)
         for index in (1, 2):
-            self.assertEqual(file_sha256("%s.%d" % (path, index)), SAMPLE[1])
+            self.assertEqual(file_sha256("%s.%d" % (path, index)), sample()[1])
         device.ferrule.wait_for(r"\[ferrule\] Got new SCTP connection from ", count=2)
         # Both ran at once: the second arrived before the first had ended.
         lines = device.ferrule.lines
@@ -109,64 +237,45 @@ class VideoOverSctp(unittest.TestCase):
 
     # ---- what the device ignores or survives
 
-    def test_second_query_during_a_transfer_is_ignored(self):
+    def test_second_query_and_garbage_datagrams_during_a_transfer_change_nothing(self):
         device = self.start()
         query = "file=sample.bin"
-        result, path = device.download(query, "--resend-query-at", "1M")
+        result, path = device.download(query, "--resend-query-at", "1M", "--garbage", "400", "--rate", "50M")
         self.assert_sample(result, path)
         device.ferrule.wait_for(r"\[ferrule\] Received unexpected data \(%d bytes\)$" % len(query))
         self.assertEqual(len(device.ferrule.matching(r"Processing video request")), 1)
-
-    def test_garbage_datagrams_on_the_pair_change_nothing(self):
-        device = self.start()
-        result, path = device.download("file=sample.bin", "--garbage", "400", "--rate", "50M")
-        self.assert_sample(result, path)
         self.assertEqual(device.ferrule.matching(SCTP_FAILURES), [])
-        self.assertIsNone(device.ferrule.proc.poll())
         # The device still serves the next client.
         again, _ = device.download("after=garbage")
         self.assert_complete(again)
 
-    # ---- how relays end
-
-    def test_empty_body(self):
+    def test_silent_target_ends_that_relay_only_and_a_slow_reader_keeps_the_daemon_small(self):
         device = self.start()
-        result, path = device.download("empty=1")
-        self.assert_complete(result)
-        self.assertEqual(os.path.getsize(path), 0)
-        device.ferrule.wait_for(r"\[ferrule\] Response data stream is finished$")
-
-    def test_target_404_and_early_close_end_that_relay_cleanly(self):
-        device = self.start()
-        result, path = device.download("status=404")
-        self.assert_body(result, path, b"no such video\n")
-        device.ferrule.wait_for(r"\[ferrule\] Got video response: 404 Not Found$")
-        mark = device.ferrule.mark()
-        result, path = device.download("odd=early")
-        self.assert_complete(result)
-        self.assertLess(result.downloads[0]["bytes"], 10000000, result)
-        device.ferrule.wait_for(r"\[ferrule\] Video request error", start=mark)
-        device.ferrule.wait_for(ALL_CLOSED, start=mark)
-        self.assertEqual(device.ferrule.matching(SCTP_FAILURES), [])
-
-    def test_silent_target_ends_that_relay_only(self):
-        device = self.start()
+        pid = device.ferrule.proc.pid
         silent = subprocess.Popen(device.client_argv("odd=silent", os.path.join(self.work, "silent"), timeout=120),
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         try:
             device.ferrule.wait_for(r"Processing video request: odd=silent", timeout=30)
+            reset_peak_rss(pid)
+            before = status_field(pid, "VmRSS")
             # Another client meanwhile is served in full.
-            result, path = device.download("file=sample.bin")
+            result, path = device.download("file=sample.bin", "--rate", "4M", timeout=30)
             self.assert_sample(result, path)
+            peak = status_field(pid, "VmHWM")
             out, err = silent.communicate(timeout=180)
         finally:
             if silent.poll() is None:
                 silent.kill()
                 silent.wait()
+        print("daemon RSS before %d kB, peak %d kB during 100 MB read at 4 MiB/s" % (before, peak))
+        # The body is held back in nginx, not in the daemon.
+        self.assertLess(peak - before, 24 * 1024)
         self.assertEqual(silent.returncode, 0, out + err)
         self.assertIn("bytes=0 ", out)
         self.assertIn("end=complete", out)
         device.ferrule.wait_for(r"\[ferrule\] Video request error")
+
+    # ---- how relays end
 
     def test_client_vanishing_mid_transfer_closes_the_relay_once(self):
         device = self.start()
@@ -233,32 +342,17 @@ class VideoOverSctp(unittest.TestCase):
             kinds[kind] = kinds.get(kind, 0) + 1
         return kinds
 
-    # ---- memory with a slow reader
-
-    def test_slow_client_keeps_the_daemon_small(self):
-        device = self.start()
-        pid = device.ferrule.proc.pid
-        reset_peak_rss(pid)
-        before = status_field(pid, "VmRSS")
-        result, path = device.download("file=sample.bin", "--rate", "4M", timeout=30)
-        self.assert_sample(result, path)
-        peak = status_field(pid, "VmHWM")
-        print("daemon RSS before %d kB, peak %d kB during 100 MB read at 4 MiB/s" % (before, peak))
-        # The body is held back in nginx, not in the daemon.
-        self.assertLess(peak - before, 24 * 1024)
-
 
 def main():
-    global BINARIES, SAMPLE
+    global BINARIES, SAMPLE_WORK
     if len(sys.argv) < 4:
         sys.exit("usage: p2p_test.py FERRULE DEVRELAY P2PCLIENT [unittest arguments]")
     BINARIES = Binaries(*(os.path.abspath(path) for path in sys.argv[1:4]))
-    sample_work = tempfile.mkdtemp(prefix="ferrule-p2p-sample-")
+    SAMPLE_WORK = tempfile.mkdtemp(prefix="ferrule-p2p-sample-")
     try:
-        SAMPLE = make_sample(sample_work)
         program = unittest.main(argv=[sys.argv[0]] + sys.argv[4:], verbosity=2, exit=False)
     finally:
-        shutil.rmtree(sample_work, ignore_errors=True)
+        shutil.rmtree(SAMPLE_WORK, ignore_errors=True)
     sys.exit(0 if program.result.wasSuccessful() else 1)
 
 

@@ -70,19 +70,12 @@ class CommandLine(unittest.TestCase):
             (["--bogus", "http://x"], 2, "unknown option --bogus"),
             (["-t"], 2, "needs a value"),
             (["-t", "0", "http://x"], 2, "bad time-out"),
-            (["-s", "host:0", "http://x"], 2, "bad STUN server"),
-            (["-a", "not-an-address", "http://x"], 2, "bad local address"),
-            (["--send", "-1", "http://x"], 2, "bad datagram count"),
             (["http://a", "http://b"], 2, "more than one device URL"),
-            (["--answer", "http://a"], 2, "--answer takes no device URL"),
             (["https://dev1.relay.test"], 2, "must begin with http://"),
-            (["-q", "", "http://x"], 2, "the query must not be empty"),
             (["--rate", "1M", "http://x"], 2, "need --query"),
             (["-q", "a", "--rate", "1X", "http://x"], 2, "bad rate '1X'"),
             (["-q", "a", "--connections", "2", "http://x"], 2, "--connections above 1 needs --output"),
-            (["-q", "a", "-o", "f", "--connections", "9", "http://x"], 2, "bad connection count"),
             (["--serve", "f", "http://x"], 2, "--serve needs --answer"),
-            (["--answer", "-q", "a"], 2, "--query is for the client"),
             (["http://dev1.relay.test:99999"], 2, "bad port"),
         ]
         for argv, status, message in cases:
@@ -192,13 +185,6 @@ class WithStandIn(unittest.TestCase):
             self.assertTrue(a.read() == b.read())
         self.device.wait_for(r"^served port=5000 query=cam=1 bytes=3000000 ", timeout=10)
 
-    def test_no_association(self):
-        self.start("--hold", "3")  # ICE only: nothing answers SCTP
-        result = self.connect("-q", "cam=1", "-o", os.path.join(self.work, "out"), "-t", "1")
-        self.assertEqual(result.status, 7, result)
-        self.assertIn("no SCTP association with the device within 1 s", result.stderr)
-        self.assertEqual(result.downloads[0]["end"], "failed", result)
-
     def test_stream_cut_short(self):
         self.work = tempfile.mkdtemp(prefix="p2pclient-")
         self.start("--serve", self.video(20000000), "--hold", "2")  # gone mid-transfer, aborting
@@ -207,8 +193,12 @@ class WithStandIn(unittest.TestCase):
         self.assertIn("the video stream was cut short after ", result.stderr)
         self.assertLess(result.downloads[0]["bytes"], 20000000, result)
 
-    def test_missing_datagrams(self):
-        self.start("--hold", "3")
+    def test_no_association_and_missing_datagrams(self):
+        self.start("--hold", "3")  # ICE only: nothing answers SCTP or sends datagrams
+        result = self.connect("-q", "cam=1", "-o", os.path.join(self.work, "out"), "-t", "1")
+        self.assertEqual(result.status, 7, result)
+        self.assertIn("no SCTP association with the device within 1 s", result.stderr)
+        self.assertEqual(result.downloads[0]["end"], "failed", result)
         result = self.connect("--send", "1", "--expect", "2", "-t", "1")
         self.assertEqual(result.status, 6, result)
         self.assertEqual(result.datagrams, {"sent": 1, "received": 0}, result)

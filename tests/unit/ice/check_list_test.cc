@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "ice/session_timing.h"
 #include "tests/support/log_capture.h"
 
 namespace quorvel {
@@ -32,14 +31,6 @@ TEST(PairPriority, ControllingSideDecidesGAndD) {
   EXPECT_EQ((0xFFFFFFFFull << 32) + 2 * 0xFFFFFFFFull, pairPriority(0xFFFFFFFFu, 0xFFFFFFFFu, false));
 }
 
-TEST(CandidatePair, FoundationAndTextForm) {
-  const CandidatePair pair(candidate(CandidateType::Host, "192.0.2.1", 5000, 10, "h1"),
-                           candidate(CandidateType::Host, "198.51.100.2", 6000, 20, "r7"), true);
-  EXPECT_EQ("h1/r7", pair.foundation);
-  EXPECT_EQ("[192.0.2.1:5000, 198.51.100.2:6000]", pair.toString());
-  EXPECT_EQ(CandidatePair::State::Frozen, pair.state);
-}
-
 TEST(CheckList, InsertsByPriorityAndKeepsArrivalOrderAmongEquals) {
   CheckList list;
   const CandidatePtr remote = candidate(CandidateType::Host, "198.51.100.2", 6000, 100, "r");
@@ -52,6 +43,8 @@ TEST(CheckList, InsertsByPriorityAndKeepsArrivalOrderAmongEquals) {
                                       "[192.0.2.1:1, 198.51.100.2:6000]", "[192.0.2.1:3, 198.51.100.2:6000]",
                                       "[192.0.2.1:4, 198.51.100.2:6000]"}),
             order(list));
+  EXPECT_EQ("b/r", list.pairs()[0]->foundation);
+  EXPECT_EQ(CandidatePair::State::Frozen, list.pairs()[0]->state);
 }
 
 TEST(CheckList, PruningReplacesReflexiveLocalsByTheirBaseAndDropsRepeats) {
@@ -109,14 +102,6 @@ TEST(CheckList, RoleChangeReordersAndLimitDropsTheLowest) {
   EXPECT_EQ(b, list.pairs()[0]);
   list.remove(b);
   EXPECT_TRUE(list.empty());
-}
-
-TEST(CheckRto, TwentyMillisecondsPerPairAtLeastOneHundred) {
-  const struct {
-    std::size_t pairs;
-    int64_t ms;
-  } table[] = {{0, 100}, {3, 100}, {5, 100}, {6, 120}, {10, 200}, {100, 2000}};
-  for (const auto& row : table) EXPECT_EQ(Duration::milliseconds(row.ms), checkRto(row.pairs)) << row.pairs;
 }
 
 }  // namespace

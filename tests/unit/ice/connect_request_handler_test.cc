@@ -1,12 +1,12 @@
 #include "ice/connect_request_handler.h"
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ice/session_description.h"
+#include "tests/support/fake_ice_session.h"
 #include "tests/support/http_fakes.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
@@ -15,6 +15,7 @@ namespace quorvel {
 namespace {
 
 using ice::Session;
+using testing::FakeIceSession;
 using testing::FakeWebRequest;
 
 const char* const Description =
@@ -22,32 +23,13 @@ const char* const Description =
     "candidate=2 1 UDP 1694498815 203.0.113.2 6001 typ srflx\n"
     "userfrag=peer\npassword=peerpasswordpeerpassword\n";
 
-class FakeSession : public Session {
- public:
-  void setRemoteDescription(const ice::SessionDescription& description) override { remote = description; }
-  void start(const EventCallback& callback) override {
-    if (throwOnStart) throw std::logic_error("ICE session already started");
-    this->callback = callback;
-  }
-  const ice::SessionDescription& localDescription() const override { return local; }
-  SocketAddress localAddress() const override { return SocketAddress(AF_INET, "10.0.0.2", 5000); }
-  SocketAddress remoteAddress() const override { return SocketAddress(AF_INET, "198.51.100.2", 6000); }
-  void setDatagramHandler(const DatagramHandler&) override {}
-  bool sendDatagram(const uint8_t*, std::size_t) override { return false; }
-  void close() override { ++closes; }
-
-  ice::SessionDescription remote;
-  ice::SessionDescription local;
-  EventCallback callback;
-  bool throwOnStart = false;
-  int closes = 0;
-};
-
 class FakeFactory : public ice::SessionFactory {
  public:
+  explicit FakeFactory(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {}
   ice::SessionPtr createSession() override {
-    auto session = std::make_shared<FakeSession>();
-    session->throwOnStart = throwOnStart;
+    auto session = std::make_shared<FakeIceSession>(reactor_, SocketAddress(AF_INET, "10.0.0.2", 5000),
+                                                    SocketAddress(AF_INET, "198.51.100.2", 6000));
+    session->failStart = failStart;
     session->local.candidates.push_back(std::make_shared<ice::Candidate>(
         ice::CandidateType::Host, SocketAddress(AF_INET, "10.0.0.2", 5000), 2130706177u, "h1"));
     session->local.userFragment = "devi";
@@ -55,8 +37,11 @@ class FakeFactory : public ice::SessionFactory {
     sessions.push_back(session);
     return session;
   }
-  std::vector<std::shared_ptr<FakeSession>> sessions;
-  bool throwOnStart = false;
+  std::vector<std::shared_ptr<FakeIceSession>> sessions;
+  bool failStart = false;
+
+ private:
+  std::shared_ptr<Reactor> reactor_;
 };
 
 class ConnectRequestHandlerTest : public ::testing::Test {
@@ -65,6 +50,9 @@ class ConnectRequestHandlerTest : public ::testing::Test {
     log::setLevel("connreqhandler", log::Debug);
     handler_->setSessionEstablishedCallback([this](const ice::SessionPtr& s) { established_.push_back(s); });
   }
+  // Finished requests are let go of a little later, and their sessions hold
+  // the reactor that holds them until then.
+  ~ConnectRequestHandlerTest() override { reactor_->advance(Duration::seconds(1)); }
 
   static std::shared_ptr<FakeWebRequest> request(const std::string& method, const std::string& target,
                                                  bool withBody = false) {
@@ -82,7 +70,7 @@ class ConnectRequestHandlerTest : public ::testing::Test {
   }
 
   std::shared_ptr<testing::ManualReactor> reactor_ = std::make_shared<testing::ManualReactor>();
-  std::shared_ptr<FakeFactory> factory_ = std::make_shared<FakeFactory>();
+  std::shared_ptr<FakeFactory> factory_ = std::make_shared<FakeFactory>(reactor_);
   std::shared_ptr<ConnectRequestHandler> handler_ =
       std::make_shared<ConnectRequestHandler>(reactor_, std::make_shared<ice::IceSessionManager>(factory_));
   std::vector<ice::SessionPtr> established_;
@@ -118,37 +106,49 @@ TEST_F(ConnectRequestHandlerTest, DispatchesByPathAndMethod) {
   }
 }
 
-TEST_F(ConnectRequestHandlerTest, AnswersWithTheDeviceDescriptionOnceGathered) {
+// One answer per request, sent once candidates are gathered; the session is
+// handed on once established and closed in every other end.
+TEST_F(ConnectRequestHandlerTest, AnswersOnceThenHandsOnOrClosesTheSession) {
+  using Event = Session::Event;
+  const struct {
+    const char* name;
+    std::vector<Event> events;
+    bool clientGone;
+    uint32_t code;  // 0: no answer
+    int closes;
+  } table[] = {
+      {"established", {Event::CandidatesGathered, Event::Established}, false, 201, 0},
+      {"failed after the answer", {Event::CandidatesGathered, Event::Failed}, false, 201, 1},
+      {"failed before the answer", {Event::Failed}, false, 500, 1},
+      {"client gone before the answer", {Event::CandidatesGathered}, true, 0, 1},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.name);
+    established_.clear();
+    const auto r = post(Description);
+    const auto session = factory_->sessions.back();
+    EXPECT_EQ(2u, session->remote.candidates.size());
+    EXPECT_EQ("peer", session->remote.userFragment);
+    EXPECT_EQ(0, r->responses);
+    r->active = !row.clientGone;
+    for (Event event : row.events) session->events(event);
+    ASSERT_EQ(row.code ? 1 : 0, r->responses);
+    if (row.code) EXPECT_EQ(row.code, r->response->headers().statusCode());
+    if (row.code == 201) {
+      EXPECT_EQ("candidate=h1 1 UDP 2130706177 10.0.0.2 5000 typ host\nuserfrag=devi\npassword=devicepassworddevicepas\n",
+                r->response->bodyText());
+      EXPECT_EQ((std::vector<std::string>{"text/plain"}), testing::fieldValues(r->response->headers(), "Content-Type"));
+    }
+    EXPECT_EQ(row.closes, session->closes);
+    EXPECT_EQ(row.events.back() == Event::Established ? std::vector<ice::SessionPtr>{session}
+                                                      : std::vector<ice::SessionPtr>{},
+              established_);
+    EXPECT_EQ(0u, handler_->pendingCount());
+  }
+  factory_->failStart = true;
   const auto r = post(Description);
-  ASSERT_EQ(1u, factory_->sessions.size());
-  const auto& session = factory_->sessions[0];
-  EXPECT_EQ(2u, session->remote.candidates.size());
-  EXPECT_EQ("peer", session->remote.userFragment);
-  EXPECT_EQ(0, r->responses);
-
-  session->callback(Session::Event::CandidatesGathered);
   ASSERT_EQ(1, r->responses);
-  EXPECT_EQ(201u, r->response->headers().statusCode());
-  EXPECT_EQ("candidate=h1 1 UDP 2130706177 10.0.0.2 5000 typ host\nuserfrag=devi\npassword=devicepassworddevicepas\n",
-            r->response->bodyText());
-  EXPECT_EQ((std::vector<std::string>{"text/plain"}), testing::fieldValues(r->response->headers(), "Content-Type"));
-
-  // A failure after the answer sends nothing more.
-  session->callback(Session::Event::Failed);
-  EXPECT_EQ(1, r->responses);
-  EXPECT_EQ(0u, handler_->pendingCount());
-  EXPECT_EQ(1, session->closes);
-  EXPECT_TRUE(established_.empty());
-}
-
-TEST_F(ConnectRequestHandlerTest, HandsEstablishedSessionsOn) {
-  post(Description, 1000);
-  const auto session = factory_->sessions.at(0);
-  session->callback(Session::Event::CandidatesGathered);
-  session->callback(Session::Event::Established);
-  ASSERT_EQ(1u, established_.size());
-  EXPECT_EQ(session, established_[0]);
-  EXPECT_EQ(0, session->closes);
+  EXPECT_EQ(500u, r->response->headers().statusCode());
   EXPECT_EQ(0u, handler_->pendingCount());
 }
 
@@ -167,29 +167,6 @@ TEST_F(ConnectRequestHandlerTest, RefusesWhatDoesNotParse) {
   EXPECT_EQ(0u, handler_->pendingCount());
 }
 
-TEST_F(ConnectRequestHandlerTest, EarlyFailuresAnswer500) {
-  const auto failed = post(Description);
-  factory_->sessions.at(0)->callback(Session::Event::Failed);
-  ASSERT_EQ(1, failed->responses);
-  EXPECT_EQ(500u, failed->response->headers().statusCode());
-  EXPECT_EQ(1, factory_->sessions[0]->closes);
-
-  factory_->throwOnStart = true;
-  const auto r = post(Description);
-  ASSERT_EQ(1, r->responses);
-  EXPECT_EQ(500u, r->response->headers().statusCode());
-  EXPECT_EQ(0u, handler_->pendingCount());
-}
-
-TEST_F(ConnectRequestHandlerTest, AClientGoneBeforeTheAnswerEndsTheSession) {
-  const auto r = post(Description);
-  r->active = false;
-  factory_->sessions.at(0)->callback(Session::Event::CandidatesGathered);
-  EXPECT_EQ(0, r->responses);
-  EXPECT_EQ(1, factory_->sessions[0]->closes);
-  EXPECT_EQ(0u, handler_->pendingCount());
-}
-
 TEST_F(ConnectRequestHandlerTest, LogLinesAndLevels) {
   const auto capture = testing::LogCapture::install();
   handler_->handle(request("GET", "/x"));
@@ -198,10 +175,10 @@ TEST_F(ConnectRequestHandlerTest, LogLinesAndLevels) {
   post("bad\n");
   post(Description);
   auto session = factory_->sessions.back();
-  session->callback(Session::Event::CandidatesGathered);
-  session->callback(Session::Event::Established);
+  session->events(Session::Event::CandidatesGathered);
+  session->events(Session::Event::Established);
   post(Description);
-  factory_->sessions.back()->callback(Session::Event::Failed);
+  factory_->sessions.back()->events(Session::Event::Failed);
 
   const std::vector<std::pair<int, std::string>> expected = {
       {log::Debug, "Request for /x is not for us"},

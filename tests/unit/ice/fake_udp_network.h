@@ -18,8 +18,8 @@ namespace testing {
 
 class FakeUdpSocket;
 
-// Datagrams between fake sockets on virtual time, with a one-way delay, an
-// optional drop rule and full-cone NAT mappings (private address with port
+// Datagrams between fake sockets on virtual time, with a one-way delay and
+// full-cone NAT mappings (private address with port
 // -> public address with port), so that reflexive candidates come out.
 class FakeUdpNetwork {
  public:
@@ -34,8 +34,6 @@ class FakeUdpNetwork {
 
   ManualReactor& reactor() { return reactor_; }
   Duration delay = Duration::milliseconds(1);
-  // Return true to drop (sender's own address, destination).
-  std::function<bool(const SocketAddress& from, const SocketAddress& to)> drop;
   // Every datagram that left a socket, as the receiver would see it.
   std::vector<Datagram> log;
 
@@ -68,10 +66,7 @@ class FakeUdpSocket : public AsyncSocket, public std::enable_shared_from_this<Fa
   explicit FakeUdpSocket(FakeUdpNetwork& network) : network_(network) {}
   ~FakeUdpSocket() override { close(); }
 
-  void bind(const SocketAddress& address) override {
-    if (failBind) throw SocketError("bind failed", EADDRNOTAVAIL);
-    network_.bind(this, address);
-  }
+  void bind(const SocketAddress& address) override { network_.bind(this, address); }
   void connect(const SocketAddress&, const ConnectCallback&) override {}
   void send(const BufferChainPtr&, const TransferCallback&) override {}
   void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) override {
@@ -86,8 +81,15 @@ class FakeUdpSocket : public AsyncSocket, public std::enable_shared_from_this<Fa
   }
   void receive(const BufferChainPtr&, const TransferCallback&) override {}
   void receiveFrom(const BufferChainPtr& buffers, const ReceiveFromCallback& callback) override {
+    ++receives;
     receiveBuffers_ = buffers;
     receiveCallback_ = callback;
+    if (receiveError) {
+      network_.reactor().scheduleAfter(token_, Duration::milliseconds(1), [this, callback]() {
+        receiveCallback_.clear();
+        callback(receiveError, 0, SocketAddress());
+      });
+    }
     deliverLater();
   }
   void setOption(int, int, const void*, std::size_t) override {}
@@ -111,7 +113,9 @@ class FakeUdpSocket : public AsyncSocket, public std::enable_shared_from_this<Fa
     deliverLater();
   }
   void setLocal(const SocketAddress& address) { local_ = address; }
-  bool failBind = false;
+  // Every receive fails with this error a millisecond later, when set.
+  int receiveError = 0;
+  int receives = 0;
 
  private:
   void deliverLater() {
@@ -151,7 +155,6 @@ inline void FakeUdpNetwork::send(const SocketAddress& from, const SocketAddress&
   const auto out = outbound_.find(from.toString());
   const SocketAddress seenFrom = out == outbound_.end() ? from : out->second;
   log.push_back({reactor_.clock().now(), seenFrom, to, std::vector<uint8_t>(data, data + size)});
-  if (drop && drop(from, to)) return;
   const auto in = inbound_.find(to.toString());
   const std::string target = (in == inbound_.end() ? to : in->second).toString();
   std::vector<uint8_t> bytes(data, data + size);
@@ -171,15 +174,9 @@ class FakeUdpFactory : public AsyncSocketFactory {
  public:
   explicit FakeUdpFactory(FakeUdpNetwork& network) : network_(network) {}
   std::shared_ptr<AsyncSocket> createSocket(int, int, int) override {
-    auto socket = std::make_shared<FakeUdpSocket>(network_);
-    socket->failBind = failBinds;
-    created.push_back(socket);
-    return socket;
+    return std::make_shared<FakeUdpSocket>(network_);
   }
   std::shared_ptr<AsyncListener> createListener(int, int, int) override { return nullptr; }
-
-  bool failBinds = false;
-  std::vector<std::weak_ptr<FakeUdpSocket>> created;
 
  private:
   FakeUdpNetwork& network_;
@@ -200,15 +197,13 @@ class FakeResolver : public NameResolver {
  public:
   explicit FakeResolver(ManualReactor& reactor) : reactor_(reactor) {}
   void resolve(const std::string& host, const std::string& service, const Callback& callback) override {
-    ++calls;
     if (silent) return;
     Result result{host, service, addresses};
-    reactor_.scheduleAfter(token_, delay, [callback, result]() { callback(result, !result.addresses.empty()); });
+    reactor_.scheduleAfter(token_, Duration::milliseconds(1),
+                           [callback, result]() { callback(result, !result.addresses.empty()); });
   }
   std::vector<SocketAddress> addresses;
   bool silent = false;
-  Duration delay = Duration::milliseconds(1);
-  int calls = 0;
 
  private:
   ManualReactor& reactor_;

@@ -38,41 +38,29 @@ TEST(CandidateType, TextBothWays) {
   EXPECT_FALSE(parseCandidateType("HOST", unused));
 }
 
-TEST(SessionDescriptionLine, AcceptsOrRefuses) {
+// Accepted ("" or "+1": one candidate more), refused ("refused") or the text
+// of the exception thrown.
+TEST(SessionDescriptionLine, AcceptsRefusesOrThrows) {
   const struct {
     const char* line;
-    bool accepted;
-    std::size_t candidates;
+    std::string outcome;
   } table[] = {
-      {"", true, 0},
-      {"   \r", true, 0},
-      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ host", true, 1},
-      {" candidate = 1 1 udp 2130706431 192.0.2.1 5000 typ host ", true, 1},
-      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ host raddr 0.0.0.0 rport 9", true, 1},
-      {"candidate=1 2 UDP 2130706431 192.0.2.1 5000 typ host", false, 0},
-      {"candidate=1 01 UDP 2130706431 192.0.2.1 5000 typ host", false, 0},
-      {"candidate=1 1 TCP 2130706431 192.0.2.1 5000 typ host", false, 0},
-      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ", false, 0},
-      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ ", false, 0},
-      {"candidate=1  1 UDP 2130706431 192.0.2.1 5000 typ host", false, 0},
-      {"candidate", false, 0},
-      {"userfrag=", false, 0},
-      {"password=  ", false, 0},
-      {"foo=bar", true, 0},
-      {"Candidate=whatever", true, 0},
-  };
-  for (const auto& row : table) {
-    SessionDescription description;
-    EXPECT_EQ(row.accepted, parseDescriptionLine(row.line, description)) << row.line;
-    EXPECT_EQ(row.candidates, description.candidates.size()) << row.line;
-  }
-}
-
-TEST(SessionDescriptionLine, BadFieldsThrowTheirTexts) {
-  const struct {
-    const char* line;
-    const char* text;
-  } table[] = {
+      {"", ""},
+      {"   \r", ""},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ host", "+1"},
+      {" candidate = 1 1 udp 2130706431 192.0.2.1 5000 typ host ", "+1"},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ host raddr 0.0.0.0 rport 9", "+1"},
+      {"candidate=1 2 UDP 2130706431 192.0.2.1 5000 typ host", "refused"},
+      {"candidate=1 01 UDP 2130706431 192.0.2.1 5000 typ host", "refused"},
+      {"candidate=1 1 TCP 2130706431 192.0.2.1 5000 typ host", "refused"},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ", "refused"},
+      {"candidate=1 1 UDP 2130706431 192.0.2.1 5000 typ ", "refused"},
+      {"candidate=1  1 UDP 2130706431 192.0.2.1 5000 typ host", "refused"},
+      {"candidate", "refused"},
+      {"userfrag=", "refused"},
+      {"password=  ", "refused"},
+      {"foo=bar", ""},
+      {"Candidate=whatever", ""},
       {"candidate=1 1 UDP x 192.0.2.1 5000 typ host", "Badly formatted number field"},
       {"candidate=1 1 UDP 1 192.0.2.1 50x0 typ host", "Badly formatted number field"},
       {"candidate=1 1 UDP 1 192.0.2.1 -1 typ host", "Badly formatted number field"},
@@ -82,12 +70,14 @@ TEST(SessionDescriptionLine, BadFieldsThrowTheirTexts) {
   };
   for (const auto& row : table) {
     SessionDescription description;
+    std::string outcome;
     try {
-      parseDescriptionLine(row.line, description);
-      ADD_FAILURE() << "no exception for " << row.line;
+      outcome = parseDescriptionLine(row.line, description) ? "" : "refused";
+      if (!description.candidates.empty()) outcome += "+1";
     } catch (const BadFormatError& e) {
-      EXPECT_STREQ(row.text, e.what()) << row.line;
+      outcome = e.what();
     }
+    EXPECT_EQ(row.outcome, outcome) << row.line;
   }
   SessionDescription description;
   EXPECT_THROW(parseDescriptionLine("candidate=1 1 UDP 1 192.0.2.999 5 typ host", description),
@@ -125,17 +115,11 @@ TEST(SessionDescription, PrintsExactlyAndParsesBack) {
       "password=0123456789abcdefghijkl\n",
       text);
 
+  // What the device reads back prints the same (the fuzz target holds this
+  // for any text).
   SessionDescription parsed;
   ASSERT_TRUE(parseDescription(text, parsed));
-  ASSERT_EQ(2u, parsed.candidates.size());
-  for (std::size_t i = 0; i < 2; ++i) {
-    EXPECT_EQ(description.candidates[i]->type, parsed.candidates[i]->type);
-    EXPECT_EQ(description.candidates[i]->address, parsed.candidates[i]->address);
-    EXPECT_EQ(description.candidates[i]->priority, parsed.candidates[i]->priority);
-    EXPECT_EQ(description.candidates[i]->foundation, parsed.candidates[i]->foundation);
-  }
-  EXPECT_EQ(description.userFragment, parsed.userFragment);
-  EXPECT_EQ(description.password, parsed.password);
+  EXPECT_EQ(text, printDescription(parsed));
 }
 
 TEST(SessionDescription, WholeTextStopsAtTheFirstMalformedLine) {

@@ -4,40 +4,15 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/manual_reactor.h"
+#include "tests/unit/ice/fake_udp_network.h"
 
 namespace quorvel {
 namespace ice {
 namespace {
 
-// Every receive fails with the same error, a millisecond later.
-class FailingSocket : public AsyncSocket {
- public:
-  FailingSocket(testing::ManualReactor& reactor, int error) : reactor_(reactor), error_(error) {}
-  void bind(const SocketAddress&) override {}
-  void connect(const SocketAddress&, const ConnectCallback&) override {}
-  void send(const BufferChainPtr&, const TransferCallback&) override {}
-  void sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) override {}
-  void receive(const BufferChainPtr&, const TransferCallback&) override {}
-  void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback& callback) override {
-    ++receives;
-    const int error = error_;
-    reactor_.scheduleAfter(token_, Duration::milliseconds(1), [callback, error]() { callback(error, 0, SocketAddress()); });
-  }
-  void setOption(int, int, const void*, std::size_t) override {}
-  void getOption(int, int, void*, std::size_t&) override {}
-  SocketAddress localAddress() const override { return SocketAddress(); }
-  SocketAddress remoteAddress() const override { return SocketAddress(); }
-  void close() override {}
-
-  int receives = 0;
-
- private:
-  testing::ManualReactor& reactor_;
-  const int error_;
-  LifetimeToken token_ = makeLifetimeToken();
-};
-
+// A session socket keeps going after an error that concerns one datagram or
+// destination (an ICMP port unreachable for a check, a full queue) and stops
+// at one that says the socket itself is broken.
 TEST(SessionSocket, GoesOnReceivingOnlyAfterErrorsThatConcernOneDatagram) {
   const struct {
     int error;
@@ -45,7 +20,9 @@ TEST(SessionSocket, GoesOnReceivingOnlyAfterErrorsThatConcernOneDatagram) {
   } table[] = {{ECONNREFUSED, true}, {EHOSTUNREACH, true}, {ENOBUFS, true}, {EBADF, false}, {EINVAL, false}};
   for (const auto& row : table) {
     testing::ManualReactor reactor;
-    const auto socket = std::make_shared<FailingSocket>(reactor, row.error);
+    testing::FakeUdpNetwork network(reactor);
+    const auto socket = std::make_shared<testing::FakeUdpSocket>(network);
+    socket->receiveError = row.error;
     const auto session = std::make_shared<SessionSocket>(socket, SocketAddress(AF_INET, "10.0.0.2", 5000));
     int datagrams = 0;
     session->startReceiving(
@@ -54,6 +31,19 @@ TEST(SessionSocket, GoesOnReceivingOnlyAfterErrorsThatConcernOneDatagram) {
     EXPECT_EQ(row.goesOn ? 6 : 1, socket->receives) << row.error;
     EXPECT_EQ(0, datagrams);
   }
+}
+
+// A send the socket refuses is reported to the caller as not sent.
+TEST(SessionSocket, SendSaysWhenTheSocketRefuses) {
+  testing::ManualReactor reactor;
+  testing::FakeUdpNetwork network(reactor);
+  const auto socket = std::make_shared<testing::FakeUdpSocket>(network);
+  const auto session = std::make_shared<SessionSocket>(socket, SocketAddress(AF_INET, "10.0.0.2", 5000));
+  const SocketAddress peer(AF_INET, "198.51.100.2", 6000);
+  const uint8_t byte = 7;
+  EXPECT_TRUE(session->send(&byte, 1, peer));
+  socket->close();  // fails under the session: sends now throw
+  EXPECT_FALSE(session->send(&byte, 1, peer));
 }
 
 }  // namespace

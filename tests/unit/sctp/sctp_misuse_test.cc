@@ -57,6 +57,16 @@ TEST_F(Misuse, IsRefusedWithItsOwnText) {
   EXPECT_EQ(thrownText([&] { client->send(chainOf("x"), ignore); }), "Unexpected send call");
 }
 
+// An accept the stack refuses is reported, not left waiting for ever.
+TEST_F(Misuse, AcceptBeforeListenFails) {
+  listener = deviceLink->createListener(SocketAddress::FamilySpecial, SOCK_STREAM, 0);
+  listener->bind(p2p(5000));
+  int error = 0;
+  listener->accept([&error](int e, std::shared_ptr<AsyncSocket>) { error = e; });
+  run(0);
+  EXPECT_EQ(error, EINVAL);
+}
+
 TEST_F(Misuse, LogLinesNameHandlesAndAddresses) {
   std::shared_ptr<LogCapture> capture = LogCapture::install();
   log::setLevel("icesessionlink", log::Debug);

@@ -22,25 +22,23 @@ std::string pattern(std::size_t size) {
 
 using Association = SctpFixture;
 
-TEST_F(Association, ClientConnectsAndDeviceAcceptsWithThePeersPort) {
-  associate();
-  EXPECT_EQ(accepted->remoteAddress(), p2p(5000));
-  EXPECT_EQ(accepted->localAddress(), p2p(5000));
-  EXPECT_EQ(client->remoteAddress(), p2p(5000));
-  EXPECT_EQ(listener->localAddress(), p2p(5000));
-}
-
 TEST_F(Association, AssociationsOnOneLinkAreToldApartByTheClientPort) {
   listen();
   Completion first, second;
   std::shared_ptr<AsyncSocket> a = connectFrom(5000, first);
-  std::shared_ptr<AsyncSocket> b = connectFrom(5001, second);
+  std::shared_ptr<AsyncSocket> b = connectFrom(0, second);
   std::shared_ptr<AsyncSocket> acceptedA = acceptOne();
   std::shared_ptr<AsyncSocket> acceptedB = acceptOne();
   ASSERT_TRUE(acceptedA && acceptedB);
   EXPECT_EQ(first.error, 0);
   EXPECT_EQ(second.error, 0);
-  EXPECT_NE(acceptedA->remoteAddress(), acceptedB->remoteAddress());
+  if (acceptedA->remoteAddress() != p2p(5000)) std::swap(acceptedA, acceptedB);
+  EXPECT_EQ(acceptedA->remoteAddress(), p2p(5000));
+  EXPECT_NE(b->localAddress().port(), 0);
+  EXPECT_EQ(acceptedB->remoteAddress(), b->localAddress());
+  EXPECT_EQ(acceptedA->localAddress(), p2p(5000));
+  EXPECT_EQ(a->remoteAddress(), p2p(5000));
+  EXPECT_EQ(listener->localAddress(), p2p(5000));
 
   Completion sentA, sentB, gotA, gotB;
   std::string textA, textB;
@@ -49,9 +47,8 @@ TEST_F(Association, AssociationsOnOneLinkAreToldApartByTheClientPort) {
   receiveText(*acceptedA, 100, gotA, textA);
   receiveText(*acceptedB, 100, gotB, textB);
   run(100);
-  const bool aFromPort5000 = acceptedA->remoteAddress() == p2p(5000);
-  EXPECT_EQ(textA, aFromPort5000 ? "to A" : "to B");
-  EXPECT_EQ(textB, aFromPort5000 ? "to B" : "to A");
+  EXPECT_EQ(textA, "to A");
+  EXPECT_EQ(textB, "to B");
 }
 
 TEST_F(Association, ConnectWithoutListenerFails) {
@@ -62,27 +59,12 @@ TEST_F(Association, ConnectWithoutListenerFails) {
   EXPECT_NE(connected.error, 0);
 }
 
-TEST_F(Association, PortZeroPicksAPortOfTheLink) {
-  listen();
-  Completion connected;
-  client = clientLink->createSocket(SocketAddress::FamilySpecial, SOCK_STREAM, 0);
-  client->connect(p2p(5000), [&connected](int error) {
-    connected.done = true;
-    connected.error = error;
-  });
-  accepted = acceptOne();
-  ASSERT_TRUE(accepted);
-  EXPECT_EQ(connected.error, 0);
-  EXPECT_NE(client->localAddress().port(), 0);
-  EXPECT_EQ(accepted->remoteAddress(), client->localAddress());
-}
-
 using StreamData = SctpFixture;
 
-TEST_F(StreamData, BothWaysOneMessagePerReceive) {
+TEST_F(StreamData, BothWaysOneMessagePerReceiveSplitWhenTheRoomIsSmaller) {
   associate();
-  Completion sent1, sent2, got1, got2;
-  std::string text1, text2;
+  Completion sent1, sent2, got1, got2, got3;
+  std::string text1, text2, text3;
   sendText(*client, "from=1&to=2", sent1);
   run(50);
   ASSERT_TRUE(sent1.done);
@@ -91,12 +73,13 @@ TEST_F(StreamData, BothWaysOneMessagePerReceive) {
   sendText(*client, "second", sent2);
   run(50);
   // Two messages are two receives even with room for both.
-  receiveText(*accepted, 1000, got1, text1);
+  receiveText(*accepted, 4, got1, text1);
   run(0);
-  EXPECT_EQ(text1, "from=1&to=2");
   receiveText(*accepted, 1000, got2, text2);
   run(0);
-  EXPECT_EQ(text2, "second");
+  receiveText(*accepted, 1000, got3, text3);
+  run(0);
+  EXPECT_EQ(text1 + "|" + text2 + "|" + text3, "from|=1&to=2|second");
 
   Completion reply, gotReply;
   std::string replyText;
@@ -148,20 +131,6 @@ TEST_F(StreamData, LargeSendsArriveByteExact) {
     EXPECT_EQ(sent.error, 0);
     EXPECT_EQ(sent.bytes, size);
   }
-}
-
-TEST_F(StreamData, ReceiveIntoSmallBuffersSplitsAMessage) {
-  associate();
-  Completion sent, got1, got2;
-  std::string text1, text2;
-  sendText(*client, "0123456789", sent);
-  run(50);
-  receiveText(*accepted, 4, got1, text1);
-  run(0);
-  receiveText(*accepted, 100, got2, text2);
-  run(0);
-  EXPECT_EQ(text1, "0123");
-  EXPECT_EQ(text2, "456789");
 }
 
 using FlowControl = SctpFixture;
@@ -297,38 +266,6 @@ TEST_F(Timers, SlowDownWhenQuietAndSpeedUpWithTheNextPacket) {
   receiveText(*accepted, 100, got, text);
   run(0);
   EXPECT_EQ(text, "query");
-}
-
-using PeerInput = SctpFixture;
-
-TEST_F(PeerInput, GarbageAndBadChecksumsChangeNothing) {
-  associate();
-  Completion sent;
-  sendText(*client, "ping", sent);
-  run(50);
-  std::vector<uint8_t> packet = sessions.client->lastSent;
-  ASSERT_GT(packet.size(), 12u);
-  packet.back() ^= 0x55;  // payload changed, checksum now wrong
-  const std::vector<std::vector<uint8_t>> inputs = {
-      {}, {0}, {0x13, 0x88, 0x13, 0x88}, std::vector<uint8_t>(1500, 0xff), packet,
-      std::vector<uint8_t>(packet.begin(), packet.begin() + 12)};
-  for (const auto& input : inputs) sessions.device->receive(input.data(), input.size());
-  run(50);
-  Completion got;
-  std::string text;
-  receiveText(*accepted, 100, got, text);
-  run(0);
-  EXPECT_EQ(text, "ping");
-  Completion again;
-  receiveText(*accepted, 100, again, text);
-  run(100);
-  EXPECT_FALSE(again.done);  // the bad copy was not delivered
-  Completion reply, gotReply;
-  std::string replyText;
-  sendText(*accepted, "pong", reply);
-  receiveText(*client, 100, gotReply, replyText);
-  run(50);
-  EXPECT_EQ(replyText, "pong");
 }
 
 }  // namespace
