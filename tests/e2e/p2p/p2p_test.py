@@ -215,6 +215,11 @@ class VideoOverSctp(DeviceCase):
         device.ferrule.wait_for(ALL_CLOSED, start=mark)
         self.assertEqual(device.ferrule.matching(SCTP_FAILURES), [])
 
+    def test_100_mb_byte_exact_flat(self):
+        device = self.start()
+        result, path = device.download("file=sample.bin")
+        self.assert_sample(result, path)
+
     def test_100_mb_byte_exact_across_both_nats(self):
         device = self.start(topology.both_behind_nat)
         result, path = device.download("file=sample.bin")
