@@ -138,7 +138,11 @@ void NetHttpClientRequest::startSending() {
   closeAfter_ = closeAfter_ || hasToken(headers_, HttpHeader::Connection, "close");
   // Kept for retryOnNewConnection(): only a reused connection can have been
   // closed under us, and only a repeatable request can be sent again.
-  const BufferChainPtr chain = sender_.takeHead(reused_ && (method_ == "GET" || method_ == "HEAD"));
+  const BufferChainPtr chain = sender_.takeHead(reused_ && (method_ == "GET" || method_ == "HEAD"), bodySink_.get());
+  if (!chain) {
+    failLater(HttpClientError::OutOfMemory);
+    return;
+  }
   std::weak_ptr<NetHttpClientRequest> self = weak();
   connection_->send(chain, [self, attempt = sender_.attempt()](int error, std::size_t bytes) {
     if (auto request = self.lock()) request->onSent(error, bytes, false, attempt);
