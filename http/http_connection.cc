@@ -20,10 +20,12 @@ constexpr int SocketStream = 1;  // SOCK_STREAM
 // read, so small buffers cap it lower.
 constexpr std::size_t ReadBytes = 32768;
 constexpr std::size_t MaxReadBuffers = 64;
+// A small response, head and body, fits in one read of the smallest size.
+constexpr std::size_t MinReadBytes = 16384;
 
-std::size_t readSizeFor(const BufferChainAllocator& allocator) {
+std::size_t readSizeFor(const BufferChainAllocator& allocator, std::size_t bytes) {
   const std::size_t bufferSize = std::max<std::size_t>(allocator.bufferSize(), 1);
-  const std::size_t buffers = std::clamp<std::size_t>(ReadBytes / bufferSize, 1, MaxReadBuffers);
+  const std::size_t buffers = std::clamp<std::size_t>(bytes / bufferSize, 1, MaxReadBuffers);
   return buffers * bufferSize;
 }
 
@@ -62,7 +64,9 @@ HttpConnection::HttpConnection(std::shared_ptr<Reactor> reactor, std::shared_ptr
       factory_(std::move(factory)),
       allocator_(std::move(allocator)),
       destination_(std::move(destination)),
-      readSize_(readSizeFor(*allocator_)) {}
+      minReadSize_(readSizeFor(*allocator_, MinReadBytes)),
+      maxReadSize_(readSizeFor(*allocator_, ReadBytes)),
+      readSize_(minReadSize_) {}
 
 HttpConnection::~HttpConnection() {
   if (socket_) socket_->close();
@@ -151,10 +155,17 @@ void HttpConnection::send(const BufferChainPtr& data, const SendCallback& callba
   socket_->send(data, callback);
 }
 
-// Idle connections read with the full size too: the next response lands in
-// that read, and a smaller one would cost extra reads for every response.
+// Idle connections read with the current size too: the next response lands
+// in that read.
 void HttpConnection::receive() {
   if (receiving_ || state_ != Connected) return;
+  if (spareBytes_ > readSize_) {
+    // Whole buffers, so the cut falls between two of them.
+    BufferChain extra;
+    spare_.truncate(readSize_, extra);
+    extra.releaseBuffers();
+    spareBytes_ = readSize_;
+  }
   if (spareBytes_ < readSize_) {
     BufferChain more = allocator_->allocate(readSize_ - spareBytes_);
     if (more.empty() && spare_.empty()) {
@@ -187,6 +198,11 @@ void HttpConnection::onReceive(int error, std::size_t bytes, BufferChainPtr buff
   if (state_ != Connected) {
     data.releaseBuffers();
     return;
+  }
+  if (!error && bytes == size) {
+    readSize_ = std::min(readSize_ * 2, maxReadSize_);
+  } else if (!error && bytes * 4 < size) {
+    readSize_ = std::max(readSize_ / 2, minReadSize_);
   }
   if (error || bytes == 0) {
     data.releaseBuffers();

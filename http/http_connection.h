@@ -97,7 +97,12 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   // Buffers left over from the last read, reused by the next.
   BufferChain spare_;
   std::size_t spareBytes_ = 0;
-  const std::size_t readSize_;
+  // Reads start small and grow while they come back full: a connection that
+  // carries small messages keeps a few buffers, not a big read's worth,
+  // which across the pool's idle connections adds up.
+  const std::size_t minReadSize_;
+  const std::size_t maxReadSize_;
+  std::size_t readSize_;
   ReceiveHandler receiveHandler_;
   Delegate<void()> idleClosed_;
   LifetimeToken token_ = makeLifetimeToken();

@@ -10,24 +10,22 @@
 #include "core/lifetime.h"
 #include "core/reactor.h"
 #include "core/time.h"
-#include "http/encoding_parser.h"
+#include "http/connection_acquirer.h"
 #include "http/http_client_error.h"
 #include "http/http_connection_pool.h"
 #include "http/request_sender.h"
 #include "http/request_watchdog.h"
-#include "http/response_head_reader.h"
+#include "http/response_receiver.h"
 #include "http/web_client.h"
 #include "net/buffer_chain.h"
 #include "net/name_resolver.h"
 
 namespace quorvel {
 
-class NetHttpClientResponse;
-
-// One exchange of NetHttpClient (see there for the calling order): resolves
-// the host, takes a connection from the pool, sends the request, reads the
-// response, and retries a GET or HEAD once when a kept connection turns out
-// closed. Log: "httpclient", lines beginning with the request's address.
+// One exchange of NetHttpClient (see there for the calling order): gets a
+// connection (ConnectionAcquirer), sends the request (RequestSender), reads
+// the response (ResponseReceiver), and retries a GET
+// or HEAD once when a kept connection turns out closed. Log: "httpclient", lines beginning with the request's address.
 class NetHttpClientRequest : public WebClientRequest,
                              public RequestWatchdog::Watched,
                              public std::enable_shared_from_this<NetHttpClientRequest> {
@@ -41,9 +39,9 @@ class NetHttpClientRequest : public WebClientRequest,
 
   void begin();
 
-  void setResponseHandler(const ResponseHandler& handler) override { responseHandler_ = handler; }
+  void setResponseHandler(const ResponseHandler& handler) override { receiver_->setResponseHandler(handler); }
   void setErrorHandler(const ErrorHandler& handler) override { errorHandler_ = handler; }
-  void setBodyDataHandler(const BodyDataHandler& handler) override { bodyDataHandler_ = handler; }
+  void setBodyDataHandler(const BodyDataHandler& handler) override { receiver_->setBodyDataHandler(handler); }
   MessageHeaders& headers() override { return headers_; }
   void setCloseConnection() override;
   void send(const void* data, std::size_t length) override;
@@ -65,11 +63,7 @@ class NetHttpClientRequest : public WebClientRequest,
   std::weak_ptr<NetHttpClientRequest> weak() { return shared_from_this(); }
   void touch() { lastActivity_ = reactor_->timeProvider()->now(); }
 
-  void onResolved(const NameResolver::Result& result, bool found);
-  void requestConnection();
-  void onConnection(const std::shared_ptr<HttpConnection>& connection);
-  void connectAll();
-  void onConnect(int error);
+  void onConnection(const std::shared_ptr<HttpConnection>& connection, bool reused);
   void onConnected();
 
   void startSending();
@@ -78,10 +72,7 @@ class NetHttpClientRequest : public WebClientRequest,
   bool retryOnNewConnection();
 
   void onReceive(int error, BufferChain& data);
-  void onHead();
-  void deliverBody();
-  void onUnblocked();
-  void endBody();
+  void receiveMore();
 
   void complete();
   void fail(HttpClientError error);
@@ -91,19 +82,15 @@ class NetHttpClientRequest : public WebClientRequest,
 
   std::shared_ptr<Reactor> reactor_;
   std::shared_ptr<BufferChainAllocator> allocator_;
-  std::shared_ptr<NameResolver> resolver_;
   std::shared_ptr<HttpConnectionPool> pool_;
   std::shared_ptr<RequestWatchdog> watchdog_;
-  const std::string method_, scheme_, hostValue_, connectHost_, path_;
-  std::string host_, service_;
+  const std::string method_, scheme_, hostValue_, path_;
   MessageHeaders headers_;
   const Duration timeout_;
 
-  ResponseHandler responseHandler_;
   ErrorHandler errorHandler_;
-  BodyDataHandler bodyDataHandler_;
 
-  HttpDestination destination_;
+  std::shared_ptr<ConnectionAcquirer> acquirer_;
   std::shared_ptr<HttpConnection> connection_;
   bool connected_ = false;
 
@@ -113,12 +100,9 @@ class NetHttpClientRequest : public WebClientRequest,
   std::shared_ptr<BodySink> bodySink_;
   RequestSender sender_;
 
-  // Incoming.
-  std::unique_ptr<ResponseHeadReader> reader_;
-  std::unique_ptr<WebEncodingParser> parser_;
-  std::shared_ptr<NetHttpClientResponse> response_;
+  std::shared_ptr<ResponseReceiver> receiver_;
+  // Asked for by the caller.
   bool closeAfter_ = false;
-  bool paused_ = false;
 
   Time lastActivity_;
   LifetimeToken token_ = makeLifetimeToken();

@@ -40,48 +40,75 @@ bool RequestSender::setStreaming(const MessageHeaders& headers, bool chunked) {
   return true;
 }
 
-BufferChainPtr RequestSender::takeHead(bool repeatable) {
+BufferChainPtr RequestSender::takeHead(bool repeatable, BodySink* sink) {
   headSent_ = true;
   sending_ = true;
   BufferChainPtr chain = std::move(whole_);
   whole_.reset();
   if (repeatable && !rewound_ && !streaming_) resend_ = chain;
+  if (streaming_ && sink && chain) {
+    // The body that is there already goes with the head.
+    BufferChain body;
+    if (gather(*sink, body) == Piece::OutOfMemory) {
+      chain.release().releaseBuffers();
+      return BufferChainPtr();
+    }
+    chain.chain().append(body);
+  }
   return chain;
 }
 
 RequestSender::Piece RequestSender::nextPiece(BodySink& sink, BufferChain& out) {
   if (!streaming_ || !headSent_ || sending_ || sendFinished_) return Piece::None;
   BufferChain chain;
-  for (;;) {
+  const Piece piece = gather(sink, chain);
+  if (piece != Piece::Ready) return piece;
+  sending_ = true;
+  out = chain;
+  return Piece::Ready;
+}
+
+// Every piece the sink holds now (taking one lets its source put the next),
+// each framed, and the end marker once the sink has ended: one write instead
+// of one per piece, a wakeup and a system call saved for each.
+RequestSender::Piece RequestSender::gather(BodySink& sink, BufferChain& out) {
+  std::size_t gathered = 0;
+  while (!sendFinished_ && gathered < GatherBytes) {
     if (sink.hasItem()) {
       BufferChainPtr item = sink.take();
       // Nothing to frame; an empty chunk would end the body.
       if (!item || item.chain().empty()) continue;
       const std::size_t size = item.chain().size();
-      chain = takeOrCopy(*allocator_, item);
+      BufferChain chain = takeOrCopy(*allocator_, item);
       if (chunked_ && !chain.empty()) chain = framer_.frame(*allocator_, chain);
       if (chain.empty()) {
         QLOG(Log, log::Error, "0x%x: No buffers for %u bytes of request body", identity_, size);
         sendFinished_ = true;
+        out.releaseBuffers();
         return Piece::OutOfMemory;
       }
       bodyBytes_ += size;
-      break;
+      gathered += size;
+      out.append(chain);
+      continue;
     }
-    if (!sink.isEnded()) return Piece::None;
+    if (!sink.isEnded()) break;
     sendFinished_ = true;
     if (!chunked_) {
-      QLOG(Log, log::Debug, "0x%x: Finished sending %u bytes", identity_, sentBytes_);
-      return Piece::None;
+      if (out.empty()) {
+        QLOG(Log, log::Debug, "0x%x: Finished sending %u bytes", identity_, sentBytes_);
+      }
+      break;
     }
-    chain = framer_.end(*allocator_);
-    if (chain.empty()) return Piece::OutOfMemory;
+    BufferChain marker = framer_.end(*allocator_);
+    if (marker.empty()) {
+      out.releaseBuffers();
+      return Piece::OutOfMemory;
+    }
     QLOG(Log, log::Debug, "0x%x: Sent chunked encoding end marker", identity_);
-    break;
+    out.append(marker);
   }
-  sending_ = true;
-  out = chain;
-  return Piece::Ready;
+  return out.empty() ? Piece::None : Piece::Ready;
 }
 
 bool RequestSender::onSent(std::size_t bytes) {

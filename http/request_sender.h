@@ -21,6 +21,9 @@ class RequestSender {
  public:
   enum class Piece { None, Ready, OutOfMemory };
 
+  // The most body bytes one write gathers.
+  static constexpr std::size_t GatherBytes = 65536;
+
   RequestSender(uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator);
 
   // Head and body, to go out in one write. False when there are no buffers.
@@ -32,10 +35,12 @@ class RequestSender {
   // A head (or whole request) waits for a connection.
   bool hasHead() const { return !headSent_ && static_cast<bool>(whole_); }
   std::size_t bodyBytes() const { return bodyBytes_; }
-  // Takes the head for sending. A `repeatable` whole request is kept for
-  // one rewind().
-  BufferChainPtr takeHead(bool repeatable);
-  // The next body piece from `sink` into `out`, when one can go now.
+  // Takes the head for sending, with the streamed body that `sink` holds
+  // already; null when there are no buffers for that. A `repeatable` whole
+  // request is kept for one rewind().
+  BufferChainPtr takeHead(bool repeatable, BodySink* sink = nullptr);
+  // The body pieces from `sink` into `out`, all that are there (up to
+  // GatherBytes), when they can go now.
   Piece nextPiece(BodySink& sink, BufferChain& out);
 
   // Completions carry the attempt they belong to; those of an earlier
@@ -53,6 +58,8 @@ class RequestSender {
   void dropResend() { resend_.reset(); }
 
  private:
+  Piece gather(BodySink& sink, BufferChain& out);
+
   const uintptr_t identity_;
   std::shared_ptr<BufferChainAllocator> allocator_;
   BufferChainPtr whole_;

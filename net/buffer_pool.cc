@@ -59,16 +59,12 @@ bool BufferPool::grow(unsigned count) {
   if (n > (SIZE_MAX - sizeof(Block)) / stride_) return false;
   auto* block = static_cast<Block*>(std::calloc(1, sizeof(Block) + stride_ * n));
   if (!block) return false;
+  // What is free now goes behind the new buffers, in its order.
+  layOutFresh();
   block->next = blocks_;
   block->count = n;
   blocks_ = block;
-  for (unsigned i = 0; i < n; ++i) {
-    Buffer* b = bufferAt(block, i);
-    b->offset = 0;
-    b->length = static_cast<uint32_t>(bufferSize_);
-    b->next = i + 1 < n ? bufferAt(block, i + 1) : freeList_;
-  }
-  freeList_ = bufferAt(block, 0);
+  freshIndex_ = 0;
   growStep_ *= 2;
   total_ += n;
   freeCount_ += n;
@@ -84,7 +80,7 @@ BufferChain BufferPool::allocate(std::size_t size) {
   const auto count = static_cast<unsigned>(wanted);
   if (freeCount_ < count && !grow(count - freeCount_)) return BufferChain();
   const bool spam = Log.isEnabled(log::Spam);
-  Buffer* first = freeList_;
+  Buffer* first = takeFree();
   Buffer* b = first;
   for (unsigned i = 0;; ++i) {
     b->deleter = this;
@@ -92,16 +88,52 @@ BufferChain BufferPool::allocate(std::size_t size) {
     b->length = static_cast<uint32_t>(bufferSize_);
     if (spam) QLOG(Log, log::Spam, "  Allocating block 0x%x", reinterpret_cast<uintptr_t>(b));
     if (i + 1 == count) break;
+    b->next = takeFree();
     b = b->next;
   }
   b->length = static_cast<uint32_t>(size - (count - 1) * bufferSize_);
-  freeList_ = b->next;
   b->next = nullptr;
   freeCount_ -= count;
   QLOG(Log, log::Debug, "allocate: New chain starts at 0x%x, count %u, total %u", reinterpret_cast<uintptr_t>(first),
        count, total_ - freeCount_);
   publish();
   return BufferChain(first);
+}
+
+// With the mutex held; a free buffer must exist.
+Buffer* BufferPool::takeFree() {
+  Buffer* b = freeList_;
+  if (b) {
+    freeList_ = b->next;
+    return b;
+  }
+  if (blocks_ && freshIndex_ < blocks_->count) return bufferAt(blocks_, freshIndex_++);
+  b = olderFree_;
+  olderFree_ = b->next;
+  return b;
+}
+
+// Before a growth: links every free buffer, in the order they would be
+// handed out, into olderFree_, behind which the new block's buffers go.
+void BufferPool::layOutFresh() {
+  Buffer* rest = olderFree_;
+  olderFree_ = nullptr;
+  if (blocks_) {
+    for (std::size_t i = blocks_->count; i > freshIndex_; --i) {
+      Buffer* b = bufferAt(blocks_, i - 1);
+      b->next = rest;
+      rest = b;
+    }
+    freshIndex_ = blocks_->count;
+  }
+  if (freeList_) {
+    Buffer* last = freeList_;
+    while (last->next) last = last->next;
+    last->next = rest;
+    rest = freeList_;
+    freeList_ = nullptr;
+  }
+  olderFree_ = rest;
 }
 
 void BufferPool::release(Buffer* buffer) {

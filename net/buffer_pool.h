@@ -45,6 +45,8 @@ class BufferPool : public BufferChainAllocator, public BufferDeleter {
 
   bool grow(unsigned count);
   Buffer* bufferAt(Block* block, std::size_t i) const;
+  Buffer* takeFree();
+  void layOutFresh();
   void publish();
 
   const std::size_t bufferSize_;
@@ -53,7 +55,15 @@ class BufferPool : public BufferChainAllocator, public BufferDeleter {
   const unsigned maxBuffers_;
   unsigned growStep_;
   Block* blocks_ = nullptr;
+  // The free buffers, in the order they are handed out: those released since
+  // the last growth (freeList_), the newest block's buffers that were never
+  // handed out (fresh, from freshIndex_ on), then the buffers that were free
+  // when it grew (olderFree_). Fresh buffers are laid out only when first
+  // handed out, so a block's pages become resident as they are used rather
+  // than all at its growth.
   Buffer* freeList_ = nullptr;
+  std::size_t freshIndex_ = 0;
+  Buffer* olderFree_ = nullptr;
   unsigned freeCount_ = 0;
   mutable std::mutex mutex_;
   Delegate<void(unsigned)> inUseObserver_;

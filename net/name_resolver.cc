@@ -9,6 +9,7 @@
 #include <boost/bind/bind.hpp>
 
 #include "core/log.h"
+#include "net/resolver_cache.h"
 
 namespace quorvel {
 namespace {
@@ -28,6 +29,8 @@ const ServiceEntry Services[] = {{"http", 80}, {"https", 443}, {"rtsp", 554}, {"
 
 NetNameResolver::NetNameResolver(std::shared_ptr<Reactor> reactor)
     : reactor_(std::move(reactor)),
+      time_(reactor_->timeProvider()),
+      cache_(std::make_unique<ResolverCache>()),
       runner_(std::make_unique<WorkRunner<WorkItem>>(&NetNameResolver::lookUp,
                                                      boost::bind(&NetNameResolver::handBack, this,
                                                                  boost::placeholders::_1))) {}
@@ -43,6 +46,20 @@ void NetNameResolver::resolve(const std::string& host, const std::string& servic
     return;
   }
   QLOG(Log, log::Debug, "Resolving host %s, service %s", host, service);
+  if (std::shared_ptr<const ResolverCache::Entry> kept = cache_->find(host, service, time_->now())) {
+    // The lines the lookup logged, so that the log reads the same either way.
+    if (Log.isEnabled(log::Debug)) {
+      for (const SocketAddress& address : kept->addresses) {
+        QLOG(Log, log::Debug, "%s -> %s", host, address.addressText());
+      }
+    }
+    reactor_->post(token_, [kept, callback]() {
+      WorkRunner<WorkItem>::deliver([&] {
+        if (callback) callback(*kept, true);
+      });
+    });
+    return;
+  }
   auto item = std::make_shared<WorkItem>();
   item->host = host;
   item->service = service;
@@ -106,7 +123,8 @@ void NetNameResolver::lookUp(WorkItem& item) {
 void NetNameResolver::handBack(const std::shared_ptr<WorkItem>& item) {
   // On the worker thread: the reactor takes it from here; a resolver gone by
   // then takes its token along and the result is dropped.
-  reactor_->post(token_, [item] {
+  reactor_->post(token_, [this, item] {
+    if (!item->addresses.empty()) cache_->store(item->host, item->service, item->addresses, time_->now());
     WorkRunner<WorkItem>::deliver([&item] {
       if (item->callback) item->callback(*item, !item->addresses.empty());
     });

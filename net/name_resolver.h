@@ -12,6 +12,8 @@
 
 namespace quorvel {
 
+class ResolverCache;
+
 class NameResolver {
  public:
   struct Result {
@@ -33,8 +35,9 @@ class NameResolver {
 };
 
 // Looks names up with the system resolver on a worker thread and posts the
-// results back to the reactor. Results still on their way when the resolver
-// is destroyed are dropped.
+// results back to the reactor. A lookup that found addresses is reused for
+// ResolverCache::Lifetime. Results still on their way when the resolver is
+// destroyed are dropped.
 class NetNameResolver : public NameResolver {
  public:
   struct WorkItem : Result {
@@ -60,6 +63,8 @@ class NetNameResolver : public NameResolver {
   void handBack(const std::shared_ptr<WorkItem>& item);
 
   std::shared_ptr<Reactor> reactor_;
+  std::shared_ptr<TimeProvider> time_;
+  std::unique_ptr<ResolverCache> cache_;
   LifetimeToken token_ = makeLifetimeToken();
   std::unique_ptr<WorkRunner<WorkItem>> runner_;  // last: its thread uses the members above
 };

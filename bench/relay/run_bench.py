@@ -6,11 +6,23 @@ the same nginx:
   ssh -R    through an OpenSSH reverse tunnel (sshd and ssh made for the run)
   ferrule   through ferrule-devrelay and ferrule (the device side)
 
+  ferrule static   the same through a fully static ferrule, the shape the
+                   device runs (FERRULE_STATIC, built in build-static/ when
+                   missing)
+
 Cases: requests/s for a 1 KB page at concurrency 1 and 16 (wrk, keep-alive),
 and MB/s for one 100 MB file (curl). Each measurement is repeated and the
 medians are printed with the ratios, ferrule's CPU seconds per 1000 relayed
-requests (utime+stime from /proc/PID/stat around each wrk run; the ssh client,
-the tunnel's device side, for comparison) and ferrule's peak RSS (VmHWM).
+requests (utime+stime from /proc/PID/stat around each wrk run) and its ratio
+to the ssh client's (the tunnel's device side, which does the same kinds of
+work), and the peak RSS (VmHWM) of both ferrule builds under the same load,
+with the static one's resident memory by mapping.
+
+Then a third ferrule runs under callgrind for a short wrk run at each
+concurrency: the instructions it executes (all threads) per relayed request,
+a figure that a busy machine does not blur. --profile FILE keeps the
+annotated top functions of the c=1 run (and FILE.out, callgrind's own file);
+--only-callgrind skips the timed runs.
 
 Everything runs on the loopback interface of a network namespace made for the
 run (see scripts/harness/netns.py), so KEY.relay.test resolves without
@@ -18,10 +30,11 @@ touching the machine's configuration. sshd runs with its own configuration,
 host key, user key and authorized_keys in the run's temp directory; nothing
 of the machine's ssh setup is read or changed. Needs root.
 
-    python3 bench/relay/run_bench.py [--reps N] [--seconds S] [FERRULE DEVRELAY]
+    python3 bench/relay/run_bench.py [--reps N] [--seconds S] [--static FERRULE]
+                                     [--no-callgrind] [--profile FILE] [FERRULE DEVRELAY]
 
-Defaults: build/app/ferrule and build/tools/devrelay/ferrule-devrelay,
-5 repetitions of 3 s."""
+Defaults: build/app/ferrule, build-static/app/ferrule and
+build/tools/devrelay/ferrule-devrelay, 5 repetitions of 3 s."""
 import argparse
 import os
 import re
@@ -44,7 +57,7 @@ from harness.netns import run_in_namespace  # noqa: E402
 from harness.nginx import Nginx, free_port  # noqa: E402
 from harness.proc_figures import cpu_seconds, status_field  # noqa: E402
 
-KEY = "dev1"
+KEY, STATIC_KEY, CALLGRIND_KEY = "dev1", "dev2", "dev3"
 DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT = 8443, 8080, 8000
 BIG_SIZE = 100 * 1024 * 1024
 SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
@@ -207,11 +220,61 @@ class SshTunnel:
             shutil.rmtree("/run/sshd", ignore_errors=True)
 
 
+# ---- instructions per request
+
+def callgrind_totals(path):
+    """The instruction count of one callgrind dump."""
+    with open(path) as f:
+        for line in f:
+            if line.startswith("summary:") or line.startswith("totals:"):
+                return int(line.split()[1])
+    raise RuntimeError("no totals in %s" % path)
+
+
+def count_instructions(args, work, target, url, host):
+    """{concurrency: instructions per relayed request} of a ferrule under
+    callgrind, counted from zeroed counters over one short wrk run each."""
+    write_registration(work, CALLGRIND_KEY + ".info", CALLGRIND_KEY)
+    out = os.path.join(work, "callgrind.out")
+    ferrule = start_ferrule(args.ferrule, work, "ferrule-callgrind", CALLGRIND_KEY + ".info", DEVICE_PORT, target,
+                            level=4, wrapper=["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out])
+    figures = {}
+    try:
+        wait_until_served(url, host, timeout=120)
+        wrk(url, host, 16, 2)  # warm-up: connections, pools, buffers
+        for dump, c in enumerate((1, 16), 1):
+            subprocess.run(["callgrind_control", "-z", str(ferrule.proc.pid)], check=True, capture_output=True)
+            _, count = wrk(url, host, c, args.seconds)
+            subprocess.run(["callgrind_control", "-d", str(ferrule.proc.pid)], check=True, capture_output=True)
+            figures[c] = callgrind_totals("%s.%d" % (out, dump)) / count
+        if args.profile:
+            shutil.copy(out + ".1", args.profile + ".out")
+            with open(args.profile, "w") as f:
+                subprocess.run(["callgrind_annotate", "--auto=no", "--threshold=95", out + ".1"],
+                               check=True, stdout=f, stderr=subprocess.STDOUT)
+    finally:
+        ferrule.stop()
+    return figures
+
+
+def static_build():
+    """build-static/app/ferrule, configured and built when missing."""
+    build = os.path.join(ROOT, "build-static")
+    binary = os.path.join(build, "app", "ferrule")
+    if not os.access(binary, os.X_OK):
+        sys.stderr.write("building the static ferrule in %s\n" % build)
+        env = dict(os.environ, CCACHE_BASEDIR=os.path.abspath(ROOT), CCACHE_NOHASHDIR="1")
+        subprocess.run(["cmake", "-S", ROOT, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+                        "-DFERRULE_STATIC=ON", "-DFERRULE_TESTS=OFF"], check=True, stdout=subprocess.DEVNULL, env=env)
+        subprocess.run(["nice", "ninja", "-C", build, "ferrule"], check=True, stdout=subprocess.DEVNULL, env=env)
+    return binary
+
+
 # ---- the run
 
 def measure(args):
     work = tempfile.mkdtemp(prefix="ferrule-bench-relay-")
-    nginx = relay = ferrule = tunnel = None
+    nginx = relay = ferrule = static = tunnel = None
     try:
         certs.make_ca(work, "good", "ferrule e2e good CA")
         certs.make_server_certificate(work, "good", DOMAIN)
@@ -222,37 +285,49 @@ def measure(args):
             for _ in range(BIG_SIZE >> 20):
                 f.write(block)
         nginx.start()
-        tunnel = SshTunnel(work, nginx.authority())
         relay = start_devrelay(args.devrelay, work, "good", DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT, level=4)
+        outside = "http://127.0.0.1:%d" % OUTSIDE_PORT
+        if args.only_callgrind:
+            instructions = count_instructions(args, work, nginx.authority(), outside + "/1k.html",
+                                              "%s.%s" % (CALLGRIND_KEY, DOMAIN))
+            print("instructions per relayed request (callgrind, all threads, %d s of wrk): c=1 %.0f, c=16 %.0f"
+                  % (args.seconds, instructions[1], instructions[16]))
+            return 0
+        tunnel = SshTunnel(work, nginx.authority())
         write_registration(work, "dev1.info", KEY)
         ferrule = start_ferrule(args.ferrule, work, "ferrule", "dev1.info", DEVICE_PORT, nginx.authority(), level=4)
-        pid = ferrule.proc.pid
+        write_registration(work, STATIC_KEY + ".info", STATIC_KEY)
+        static = start_ferrule(args.static, work, "ferrule-static", STATIC_KEY + ".info", DEVICE_PORT,
+                               nginx.authority(), level=4)
+        pid, static_pid = ferrule.proc.pid, static.proc.pid
+        ferrules = (("ferrule", pid), ("ferrule static", static_pid))
 
-        host = "%s.%s" % (KEY, DOMAIN)
         routes = [("direct", "http://127.0.0.1:%d" % nginx.port, nginx.authority(), None),
                   ("ssh -R", "http://127.0.0.1:%d" % tunnel.port, nginx.authority(), tunnel.ssh.pid),
-                  ("ferrule", "http://127.0.0.1:%d" % OUTSIDE_PORT, host, pid)]
+                  ("ferrule", outside, "%s.%s" % (KEY, DOMAIN), pid),
+                  ("ferrule static", outside, "%s.%s" % (STATIC_KEY, DOMAIN), static_pid)]
+        relayed = [route for route, *_ in routes if route.startswith("ferrule")]
         for _, base, host_header, _ in routes:
             wait_until_served(base + "/1k.html", host_header)
             wrk(base + "/1k.html", host_header, 16, 1)  # warm-up: connections, pools
 
-        sampler = PeakSampler(pid)
+        samplers = {name: PeakSampler(p) for name, p in ferrules}
         rates = {(route, c): [] for route, *_ in routes for c in (1, 16)}
         cpu = {(route, c): [] for route, *_ in routes for c in (1, 16)}
         speeds = {route: [] for route, *_ in routes}
-        big_cpu = {"ssh -R": [], "ferrule": []}
+        big_cpu = {route: [] for route in ["ssh -R"] + relayed}
         for rep in range(args.reps):
             for c in (1, 16):
                 for route, base, host_header, device_pid in routes:
-                    watched = [p for p in (device_pid, relay.proc.pid if route == "ferrule" else None) if p]
+                    watched = [p for p in (device_pid, relay.proc.pid if route in relayed else None) if p]
                     before = [cpu_seconds(p) for p in watched]
                     rate, count = wrk(base + "/1k.html", host_header, c, args.seconds)
                     rates[(route, c)].append(rate)
                     if watched:
                         cpu[(route, c)].append([(cpu_seconds(p) - b) * 1000.0 / count for p, b in zip(watched, before)])
-            hwm_small = status_field(pid, "VmHWM")
+            hwm_small = {name: status_field(p, "VmHWM") for name, p in ferrules}
             for route, base, host_header, device_pid in routes:
-                watched = [device_pid, relay.proc.pid] if route == "ferrule" else [device_pid]
+                watched = [device_pid, relay.proc.pid] if route in relayed else [device_pid]
                 before = [cpu_seconds(p) for p in watched if p]
                 speeds[route].append(download(base + "/big.bin", host_header))
                 after = [cpu_seconds(p) for p in watched if p]
@@ -262,38 +337,55 @@ def measure(args):
 
         med = statistics.median
         print("medians of %d repetitions; wrk %d s per run, keep-alive; 100 MB by curl" % (args.reps, args.seconds))
-        print("%-16s %10s %10s %10s   %12s %14s" % ("case", "direct", "ssh -R", "ferrule", "ferrule/ssh",
-                                                      "ferrule/direct"))
+        print("%-16s %10s %10s %10s %10s   %12s %14s" % ("case", "direct", "ssh -R", "ferrule", "static",
+                                                           "ferrule/ssh", "ferrule/direct"))
         for c in (1, 16):
-            d, s, f = (med(rates[(route, c)]) for route in ("direct", "ssh -R", "ferrule"))
-            print("%-16s %10.0f %10.0f %10.0f   %12.2f %14.2f" % ("1 KB c=%d req/s" % c, d, s, f, f / s, f / d))
-        d, s, f = (med(speeds[route]) for route in ("direct", "ssh -R", "ferrule"))
-        print("%-16s %10.1f %10.1f %10.1f   %12.2f %14.2f" % ("100 MB MB/s", d, s, f, f / s, f / d))
+            d, s, f, fs = (med(rates[(route, c)]) for route in ("direct", "ssh -R", "ferrule", "ferrule static"))
+            print("%-16s %10.0f %10.0f %10.0f %10.0f   %12.2f %14.2f" % ("1 KB c=%d req/s" % c, d, s, f, fs, f / s,
+                                                                        f / d))
+        d, s, f, fs = (med(speeds[route]) for route in ("direct", "ssh -R", "ferrule", "ferrule static"))
+        print("%-16s %10.1f %10.1f %10.1f %10.1f   %12.2f %14.2f" % ("100 MB MB/s", d, s, f, fs, f / s, f / d))
+        ratios = {}
         for c in (1, 16):
-            print("CPU s per 1000 requests, 1 KB c=%-2d: ferrule %.3f, dev relay %.3f, ssh client %.3f"
-                  % (c, med(x[0] for x in cpu[("ferrule", c)]), med(x[1] for x in cpu[("ferrule", c)]),
-                     med(x[0] for x in cpu[("ssh -R", c)])))
-        print("CPU s per 100 MB download: ferrule %.2f, dev relay %.2f, ssh client %.2f"
-              % (med(c[0] for c in big_cpu["ferrule"]), med(c[1] for c in big_cpu["ferrule"]),
-                 med(c[0] for c in big_cpu["ssh -R"])))
+            ssh = med(x[0] for x in cpu[("ssh -R", c)])
+            own = {route: med(x[0] for x in cpu[(route, c)]) for route in relayed}
+            ratios.update({(route, c): own[route] / ssh for route in relayed})
+            print("CPU s per 1000 requests, 1 KB c=%-2d: ferrule %.3f (%.2fx the ssh client), static %.3f (%.2fx), "
+                  "dev relay %.3f, ssh client %.3f"
+                  % (c, own["ferrule"], ratios[("ferrule", c)], own["ferrule static"], ratios[("ferrule static", c)],
+                     med(x[1] for x in cpu[("ferrule", c)]), ssh))
+        print("CPU s per 100 MB download: ferrule %.2f, static %.2f, dev relay %.2f, ssh client %.2f"
+              % (med(c[0] for c in big_cpu["ferrule"]), med(c[0] for c in big_cpu["ferrule static"]),
+                 med(c[1] for c in big_cpu["ferrule"]), med(c[0] for c in big_cpu["ssh -R"])))
         threads = sorted(int(t) for t in os.listdir("/proc/%d/task" % pid))
         print("ferrule CPU s over the whole run by thread: " + ", ".join(
             "%s %.2f" % ("main" if tid == pid else "thread %d" % tid, cpu_seconds(pid, tid)) for tid in threads))
-        hwm = status_field(pid, "VmHWM")
-        print("ferrule peak RSS (VmHWM): %d kB after the 1 KB runs, %d kB after the 100 MB downloads; "
-              "peak RssAnon %d kB; now RssAnon %d kB, RssFile %d kB, threads %d"
-              % (hwm_small, hwm, sampler.stop(), status_field(pid, "RssAnon"), status_field(pid, "RssFile"),
-                 status_field(pid, "Threads")))
-        print("ferrule resident now by mapping: " + ", ".join("%s %d kB" % (name, kb)
-                                                          for kb, name in largest_mappings(pid, 10)))
-        ratio16 = med(rates[("ferrule", 16)]) / med(rates[("ssh -R", 16)])
-        print("target ferrule >= 50%% of ssh -R req/s at c=16: %s (%.0f%%)"
-              % ("met" if ratio16 >= 0.5 else "MISSED", ratio16 * 100))
-        print("target ferrule peak RSS <= 8 MB (8192 kB): %s (%d kB)" % ("met" if hwm <= 8192 else "MISSED", hwm))
+        hwm = {}
+        for name, p in ferrules:
+            hwm[name] = status_field(p, "VmHWM")
+            print("%s peak RSS (VmHWM): %d kB after the 1 KB runs, %d kB after the 100 MB downloads; "
+                  "peak RssAnon %d kB; now RssAnon %d kB, RssFile %d kB, threads %d"
+                  % (name, hwm_small[name], hwm[name], samplers[name].stop(), status_field(p, "RssAnon"),
+                     status_field(p, "RssFile"), status_field(p, "Threads")))
+        print("ferrule static resident now by mapping: " + ", ".join(
+            "%s %d kB" % (name, kb) for kb, name in largest_mappings(static_pid, 10)))
+        if not args.no_callgrind:
+            instructions = count_instructions(args, work, nginx.authority(), outside + "/1k.html",
+                                              "%s.%s" % (CALLGRIND_KEY, DOMAIN))
+            print("instructions per relayed request (callgrind, all threads, %d s of wrk): c=1 %.0f, c=16 %.0f"
+                  % (args.seconds, instructions[1], instructions[16]))
+        for route in relayed:
+            print("target %s CPU per request <= 1.5x the ssh client's: " % route + ", ".join(
+                "c=%d %s (%.2fx)" % (c, "met" if ratios[(route, c)] <= 1.5 else "MISSED", ratios[(route, c)])
+                for c in (1, 16)))
+        peak = hwm["ferrule static"]
+        print("target static ferrule peak RSS <= 8 MB (8192 kB): %s (%d kB; dynamic %d kB)"
+              % ("met" if peak <= 8192 else "MISSED", peak, hwm["ferrule"]))
         return 0
     finally:
-        if ferrule:
-            ferrule.stop()
+        for daemon in (ferrule, static):
+            if daemon:
+                daemon.stop()
         if relay:
             relay.stop(signal.SIGTERM)
         if tunnel:
@@ -308,25 +400,42 @@ def main():
     parser.add_argument("--inner", action="store_true", help=argparse.SUPPRESS)
     parser.add_argument("--reps", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=3)
+    parser.add_argument("--static", help="the statically linked ferrule (default: build-static/, built if missing)")
+    parser.add_argument("--no-callgrind", action="store_true", help="skip the instruction count")
+    parser.add_argument("--profile", help="file for the annotated callgrind profile of the c=1 run")
+    parser.add_argument("--only-callgrind", action="store_true", help="only the instruction count")
     parser.add_argument("ferrule", nargs="?", default=os.path.join(ROOT, "build", "app", "ferrule"))
     parser.add_argument("devrelay", nargs="?", default=os.path.join(ROOT, "build", "tools", "devrelay",
                                                                     "ferrule-devrelay"))
     args = parser.parse_args()
     args.ferrule, args.devrelay = os.path.abspath(args.ferrule), os.path.abspath(args.devrelay)
+    if args.profile:
+        args.profile = os.path.abspath(args.profile)
     if args.inner:
         return measure(args)
     if os.geteuid() != 0:
         sys.exit("run_bench.py needs root to make a network namespace")
-    for tool in ("wrk", "curl", "ssh", "ssh-keygen", SSHD, "nginx", "openssl"):
+    tools = ["wrk", "curl", "ssh", "ssh-keygen", SSHD, "nginx", "openssl"]
+    if not args.no_callgrind:
+        tools += ["valgrind", "callgrind_control", "callgrind_annotate"]
+    for tool in tools:
         if not shutil.which(tool):
             sys.exit("missing %s: scripts/setup.sh installs it (scripts/packages/bench.txt)" % tool)
     for binary in (args.ferrule, args.devrelay):
         if not os.access(binary, os.X_OK):
             sys.exit("missing %s: build it with ninja -C build" % binary)
-    limit = 120 + args.reps * (args.seconds * 6 + 60)
-    return run_in_namespace("ferrule-bench-%d" % os.getpid(), [DOMAIN, "%s.%s" % (KEY, DOMAIN)],
-                            [sys.executable, os.path.abspath(__file__), "--inner", "--reps", str(args.reps),
-                             "--seconds", str(args.seconds)] + [args.ferrule, args.devrelay], timeout=limit)
+    if not args.only_callgrind:
+        args.static = os.path.abspath(args.static) if args.static else static_build()
+    limit = 300 + args.reps * (args.seconds * 8 + 80)
+    options = ["--reps", str(args.reps), "--seconds", str(args.seconds)]
+    options += ["--static", args.static] if args.static else []
+    options += ["--no-callgrind"] if args.no_callgrind else []
+    options += ["--only-callgrind"] if args.only_callgrind else []
+    options += ["--profile", args.profile] if args.profile else []
+    return run_in_namespace("ferrule-bench-%d" % os.getpid(),
+                            [DOMAIN] + ["%s.%s" % (key, DOMAIN) for key in (KEY, STATIC_KEY, CALLGRIND_KEY)],
+                            [sys.executable, os.path.abspath(__file__), "--inner"] + options
+                            + [args.ferrule, args.devrelay], timeout=limit)
 
 
 if __name__ == "__main__":

@@ -31,10 +31,12 @@ def write_registration(work, name, key, mtime=None):
     return path
 
 
-def start_ferrule(ferrule, work, name, registration, relay_port, target, extra_env=None, level=5):
-    """ferrule trusting the "good" CA. FERRULE_WRAPPER, when set, is a
-    command line it is started through (e.g. qemu-ppc)."""
-    wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
+def start_ferrule(ferrule, work, name, registration, relay_port, target, extra_env=None, level=5, wrapper=None):
+    """ferrule trusting the "good" CA, started through `wrapper` (a command
+    line such as qemu-ppc or valgrind) when given, else through
+    FERRULE_WRAPPER when that is set."""
+    if wrapper is None:
+        wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
     return LoggedProcess(name, [*wrapper, ferrule, "-r", "%s:%d" % (DOMAIN, relay_port), "-s", "stun." + DOMAIN,
                                 "-f", os.path.join(work, registration), "-t", target, "-l", str(level)],
                          work, env=dict({"SSL_CERT_FILE": os.path.join(work, "good-ca.pem")}, **(extra_env or {})))

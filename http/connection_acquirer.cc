@@ -1,0 +1,154 @@
+#include "http/connection_acquirer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "core/log.h"
+#include "http/net_http_client.h"
+
+namespace quorvel {
+
+namespace {
+
+const log::Log Log("httpclient");
+
+}  // namespace
+
+ConnectionAcquirer::ConnectionAcquirer(uintptr_t identity, std::shared_ptr<NameResolver> resolver,
+                                       std::shared_ptr<HttpConnectionPool> pool, const std::string& connectHost,
+                                       const std::string& defaultService)
+    : identity_(identity), resolver_(std::move(resolver)), pool_(std::move(pool)), connectHost_(connectHost) {
+  NetHttpClient::splitConnectHost(connectHost_, defaultService, host_, service_);
+}
+
+ConnectionAcquirer::~ConnectionAcquirer() { giveBack(); }
+
+void ConnectionAcquirer::setHandlers(const ReadyHandler& ready, const FailedHandler& failed,
+                                     const Delegate<void()>& progress) {
+  ready_ = ready;
+  failed_ = failed;
+  progress_ = progress;
+}
+
+void ConnectionAcquirer::start() {
+  QLOG(Log, log::Debug, "Resolving host %s", connectHost_);
+  std::weak_ptr<ConnectionAcquirer> self = shared_from_this();
+  resolver_->resolve(host_, service_, [self](const NameResolver::Result& result, bool found) {
+    if (auto acquirer = self.lock()) acquirer->onResolved(result, found);
+  });
+}
+
+void ConnectionAcquirer::onResolved(const NameResolver::Result& result, bool found) {
+  if (stopped_) return;
+  progress();
+  if (!found) {
+    QLOG(Log, log::Notice, "Failed to resolve host %s", connectHost_);
+    fail(HttpClientError::ResolveFailed);
+    return;
+  }
+  destination_.host = host_;
+  // The system gives each address once per socket type.
+  for (const SocketAddress& address : result.addresses) {
+    if (std::find(destination_.addresses.begin(), destination_.addresses.end(), address) ==
+        destination_.addresses.end()) {
+      destination_.addresses.push_back(address);
+    }
+  }
+  QLOG(Log, log::Debug, "Host %s resolved to %s, requesting a connection", connectHost_,
+       destination_.addressText());
+  request();
+}
+
+void ConnectionAcquirer::again() { request(); }
+
+void ConnectionAcquirer::request() {
+  std::weak_ptr<ConnectionAcquirer> self = shared_from_this();
+  pool_->requestConnection(destination_, token_, [self](const std::shared_ptr<HttpConnection>& connection) {
+    if (auto acquirer = self.lock()) {
+      acquirer->onConnection(connection);
+    } else {
+      connection->close();
+    }
+  });
+}
+
+void ConnectionAcquirer::onConnection(const std::shared_ptr<HttpConnection>& connection) {
+  connecting_ = connection;
+  if (stopped_) {
+    giveBack();
+    return;
+  }
+  progress();
+  switch (connection->state()) {
+    case HttpConnection::Connected:
+      QLOG(Log, log::Debug, "Got an already connected connection for %s, %s", connectHost_,
+           connection->remoteAddress().toString());
+      connecting_.reset();
+      if (ready_) ready_(connection, true);
+      break;
+    case HttpConnection::Unconnected: {
+      QLOG(Log, log::Debug, "Got a not yet connected connection for %s, %s", connectHost_,
+           destination_.addressText());
+      std::weak_ptr<ConnectionAcquirer> self = shared_from_this();
+      connection->connectAny(
+          identity_,
+          [self](int error) {
+            if (auto acquirer = self.lock()) acquirer->onConnect(error);
+          },
+          // A failed attempt is progress too: the next address gets its own time.
+          [self]() {
+            if (auto acquirer = self.lock()) acquirer->progress();
+          });
+      break;
+    }
+    default:
+      QLOG(Log, log::Warning, "Got connection in unexpected state %u for %s, %s",
+           static_cast<unsigned>(connection->state()), connectHost_, destination_.addressText());
+      fail(HttpClientError::ConnectFailed);
+      break;
+  }
+}
+
+void ConnectionAcquirer::onConnect(int error) {
+  if (stopped_) return;
+  progress();
+  if (error) {
+    fail(HttpClientError::ConnectFailed);
+    return;
+  }
+  std::shared_ptr<HttpConnection> connection = std::move(connecting_);
+  connecting_.reset();
+  if (ready_) ready_(connection, false);
+}
+
+void ConnectionAcquirer::progress() {
+  if (progress_) progress_();
+}
+
+void ConnectionAcquirer::fail(HttpClientError error) {
+  giveBack();
+  if (failed_) failed_(error);
+}
+
+void ConnectionAcquirer::stop() {
+  stopped_ = true;
+  ready_.clear();
+  failed_.clear();
+  progress_.clear();
+  giveBack();
+}
+
+void ConnectionAcquirer::withdraw() {
+  stop();
+  token_ = makeLifetimeToken();
+}
+
+void ConnectionAcquirer::giveBack() {
+  if (!connecting_) return;
+  std::shared_ptr<HttpConnection> connection = std::move(connecting_);
+  connecting_.reset();
+  connection->close();
+  pool_->releaseConnection(connection, true);
+}
+
+}  // namespace quorvel

@@ -1,0 +1,166 @@
+#include "http/response_receiver.h"
+
+#include <utility>
+
+#include "core/log.h"
+#include "http/http_names.h"
+#include "http/net_http_client_response.h"
+
+namespace quorvel {
+
+namespace {
+
+const log::Log Log("httpclient");
+
+// A response head that has not ended by then is refused.
+constexpr std::size_t MaxHeadBytes = 65536;
+
+// An HTTP/1.0 server closes after each response unless it says otherwise.
+bool keepsConnection(const MessageHeaders& response) {
+  if (!response.version().equals(HttpVersion::V10)) return true;
+  const auto field = response.find(HttpHeader::Connection);
+  return field != response.end() && field->value.equalsIgnoreCase("keep-alive");
+}
+
+}  // namespace
+
+ResponseReceiver::ResponseReceiver(uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator,
+                                   std::string method)
+    : identity_(identity), allocator_(std::move(allocator)), method_(std::move(method)), reader_(identity) {}
+
+ResponseReceiver::~ResponseReceiver() = default;
+
+void ResponseReceiver::setHooks(const Delegate<void()>& receiveMore, const Delegate<void()>& complete,
+                                const Delegate<void(HttpClientError)>& failed) {
+  receiveMore_ = receiveMore;
+  complete_ = complete;
+  failed_ = failed;
+}
+
+void ResponseReceiver::feed(BufferChain& data) {
+  if (parser_) {
+    parser_->feed(data);
+    deliverBody();
+    return;
+  }
+  switch (reader_.feed(data)) {
+    case ResponseHeadReader::State::Collecting:
+      if (reader_.receivedBytes() > MaxHeadBytes) {
+        QLOG(Log, log::Notice, "0x%x: No end of the response head in %u bytes", identity_, reader_.receivedBytes());
+        fail(HttpClientError::HeadTooLarge);
+        return;
+      }
+      receiveMore_();
+      return;
+    case ResponseHeadReader::State::Bad:
+      QLOG(Log, log::Notice, "0x%x: %s", identity_, ResponseHeadReader::BadFormatText);
+      fail(HttpClientError::BadResponse);
+      return;
+    case ResponseHeadReader::State::Complete:
+      onHead();
+      return;
+  }
+}
+
+void ResponseReceiver::end() {
+  close_ = true;
+  if (!parser_ && reader_.state() == ResponseHeadReader::State::Collecting) {
+    QLOG(Log, log::Notice, "0x%x: Connection lost before response received", identity_);
+    fail(HttpClientError::ConnectionLost);
+    return;
+  }
+  if (parser_) {
+    parser_->end();
+    deliverBody();
+  }
+}
+
+void ResponseReceiver::onHead() {
+  response_ = std::make_shared<NetHttpClientResponse>(reader_.headers());
+  close_ = close_ || reader_.closeConnection() || !keepsConnection(response_->headers());
+  BufferChain rest = reader_.takeBodyBytes();
+  const bool hasBody = reader_.hasBody(method_);
+  if (hasBody) {
+    parser_ = reader_.makeBodyParser(allocator_);
+    std::weak_ptr<ResponseReceiver> self = shared_from_this();
+    response_->body().setUnblockedHandler([self]() {
+      if (auto receiver = self.lock()) receiver->onUnblocked();
+    });
+  } else if (!rest.empty()) {
+    // Bytes that belong to no response: the connection is out of step.
+    close_ = true;
+  }
+  if (responseHandler_) {
+    ResponseHandler handler = responseHandler_;
+    handler(response_);
+  }
+  if (stopped_) {
+    rest.releaseBuffers();
+    return;
+  }
+  if (!hasBody) {
+    rest.releaseBuffers();
+    endBody();
+    if (!stopped_) complete_();
+    return;
+  }
+  parser_->feed(rest);
+  deliverBody();
+}
+
+void ResponseReceiver::deliverBody() {
+  BufferChainPtr data = parser_->takeData();
+  bool more = true;
+  if (data) {
+    if (bodyDataHandler_) {
+      BodyDataHandler handler = bodyDataHandler_;
+      handler(data, false);
+    } else {
+      more = response_->body().put(data);
+    }
+    if (stopped_) return;
+  }
+  if (parser_->isFailed()) {
+    QLOG(Log, log::Notice, "0x%x: %s", identity_, make_error_code(HttpClientError::BadBody).message());
+    fail(HttpClientError::BadBody);
+    return;
+  }
+  if (parser_->isFinished()) {
+    QLOG(Log, log::Debug, "0x%x: Parser finished, completing request", identity_);
+    endBody();
+    if (!stopped_) complete_();
+    return;
+  }
+  if (!more) {
+    QLOG(Log, log::Debug, "0x%x: Source is blocked", identity_);
+    paused_ = true;
+    return;
+  }
+  receiveMore_();
+}
+
+void ResponseReceiver::endBody() {
+  if (bodyDataHandler_) {
+    BodyDataHandler handler = bodyDataHandler_;
+    handler(BufferChainPtr(), true);
+  } else {
+    response_->body().end();
+  }
+}
+
+void ResponseReceiver::onUnblocked() {
+  if (!paused_ || stopped_) return;
+  paused_ = false;
+  receiveMore_();
+}
+
+void ResponseReceiver::fail(HttpClientError error) { failed_(error); }
+
+void ResponseReceiver::stop() {
+  stopped_ = true;
+  paused_ = false;
+  responseHandler_.clear();
+  bodyDataHandler_.clear();
+}
+
+}  // namespace quorvel
