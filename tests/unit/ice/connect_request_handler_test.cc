@@ -133,7 +133,9 @@ TEST_F(ConnectRequestHandlerTest, AnswersOnceThenHandsOnOrClosesTheSession) {
     r->active = !row.clientGone;
     for (Event event : row.events) session->events(event);
     ASSERT_EQ(row.code ? 1 : 0, r->responses);
-    if (row.code) EXPECT_EQ(row.code, r->response->headers().statusCode());
+    if (row.code) {
+      EXPECT_EQ(row.code, r->response->headers().statusCode());
+    }
     if (row.code == 201) {
       EXPECT_EQ("candidate=h1 1 UDP 2130706177 10.0.0.2 5000 typ host\nuserfrag=devi\npassword=devicepassworddevicepas\n",
                 r->response->bodyText());

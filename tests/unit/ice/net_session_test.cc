@@ -340,7 +340,8 @@ TEST_F(NetSessionTest, ASilentBetterPairDelaysTheNominationOnlyBriefly) {
 }
 
 TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
-  ScriptedPeer peer{Peer, false, false};
+  ScriptedPeer peer;
+  peer.answer = peer.checkBack = false;
   const auto session = startWith(peer, SocketAddress(AF_INET, "198.51.100.50", 1));
   reactor_->advance(Duration::milliseconds(5));
   const SocketAddress local(AF_INET, "10.0.0.2", 40000);
@@ -432,7 +433,8 @@ TEST_F(NetSessionTest, RoleConflictsFollowTheTieBreakers) {
       {"peer controlled", false, true, 0, true},
   };
   for (const auto& row : table) {
-    ScriptedPeer peer{Peer, false, false};
+    ScriptedPeer peer;
+    peer.answer = peer.checkBack = false;
     const auto session = startWith(peer, SocketAddress(AF_INET, "198.51.100.50", 1));
     reactor_->advance(Duration::milliseconds(5));
     const uint64_t theirs = row.peerTieBreakerLarger ? ~uint64_t{0} : 0;
