@@ -34,11 +34,16 @@ constexpr Duration QuietAfter = Duration::seconds(1);
 //   while data is queued.
 // - Initial window and burst of 10 packets, SACKs after at most 20 ms (the
 //   default 200 ms stalls a sender whose window is nearly used up).
-// - RTO 200 ms .. 10 s starting at 1 s, heartbeats every 10 s (the ICE
+// - RTO 200 ms .. 3 s starting at 1 s, heartbeats every 10 s (the ICE
 //   session's keepalives need no help), ECN off (no ECN over UDP).
 // - An association gives up after 5 unanswered retransmissions in a row
-//   (the default 10 keeps a vanished client's relay for about a minute);
-//   with the RTO backing off from 200 ms that is still over 10 s of silence.
+//   (the default 10 keeps a vanished client's relay for about a minute).
+//   With the RTO backing off from 200 ms to at most 3 s that is about 9 s
+//   of silence during a transfer, and at most 18 s when the RTO had already
+//   backed off (window probes of a slow reader), close to the 10 s after
+//   which a client's ICE agent gives up on an unanswering path. A path
+//   whose round trip varies by seconds gets a spurious retransmission now
+//   and then instead.
 // - 16 streams each way: every stream costs memory per association.
 void applyStackSettings() {
   usrsctp_sysctl_set_sctp_ecn_enable(0);
@@ -50,7 +55,7 @@ void applyStackSettings() {
   usrsctp_sysctl_set_sctp_heartbeat_interval_default(10000);
   usrsctp_sysctl_set_sctp_rto_min_default(200);
   usrsctp_sysctl_set_sctp_rto_initial_default(1000);
-  usrsctp_sysctl_set_sctp_rto_max_default(10000);
+  usrsctp_sysctl_set_sctp_rto_max_default(3000);
   usrsctp_sysctl_set_sctp_init_rto_max_default(10000);
   usrsctp_sysctl_set_sctp_assoc_rtx_max_default(5);
   usrsctp_sysctl_set_sctp_path_rtx_max_default(5);
