@@ -143,7 +143,12 @@ void SctpUdpService::input(uintptr_t connData, const uint8_t* data, std::size_t 
     return;
   }
   noteActivity();
+  ++stackCall_;
   usrsctp_conninput(reinterpret_cast<void*>(connData), data, size, 0);
+  --stackCall_;
+  // What the packet changed (a SACK that made room, data that arrived) is
+  // taken up at once, now that the stack is out of its callbacks.
+  drainEvents();
 }
 
 // ---- sockets
@@ -236,7 +241,8 @@ void SctpUdpService::onUpcall(struct socket* handle, void* arg, int) {
   SctpUdpService* self = static_cast<SctpUdpService*>(arg);
   std::lock_guard<std::mutex> lock(self->eventsMutex_);
   self->pendingEvents_.push_back(handle);
-  if (self->drainPosted_) return;
+  // Inside input or a timer tick, which drain when the stack returns.
+  if (self->drainPosted_ || (self->reactor_->isLoopThread() && self->stackCall_)) return;
   self->drainPosted_ = true;
   self->reactor_->post(self->token_, [self] { self->drainEvents(); });
 }
@@ -272,6 +278,10 @@ void SctpUdpService::drainEvents() {
       owner->onStackEvents();
     }
   }
+  // The list's room serves the next round (this runs once per packet).
+  handles.clear();
+  std::lock_guard<std::mutex> lock(eventsMutex_);
+  if (pendingEvents_.empty()) pendingEvents_.swap(handles);
 }
 
 // ---- timers
@@ -296,7 +306,10 @@ void SctpUdpService::onTimer() {
   const int64_t elapsedMs = static_cast<int64_t>((now - lastTick_).count() / 1000);
   if (elapsedMs > 0) {
     lastTick_ += Duration::milliseconds(elapsedMs);
+    ++stackCall_;
     usrsctp_handle_timers(static_cast<uint32_t>(elapsedMs));
+    --stackCall_;
+    drainEvents();
   }
   if (links_.empty() && sockets_.empty()) return;
   slowTicks_ = now - lastActivity_ >= QuietAfter;
