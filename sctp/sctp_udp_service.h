@@ -84,8 +84,6 @@ class SctpUdpService {
   // Completions are posted under this token: it lives as long as the stack,
   // so a socket's callbacks still run after the socket object has gone.
   const LifetimeToken& token() const { return token_; }
-  // Room to gather a message into, for use within one call on the loop.
-  std::vector<uint8_t>& scratch() { return scratch_; }
 
   // Live links, and stack sockets not yet closed (those shutting down
   // included); for tests and statistics.
@@ -135,6 +133,7 @@ class SctpUdpService {
   Time lastTick_;
   Time lastActivity_;
   bool slowTicks_ = false;
+  // Where closing associations' last messages are read and dropped.
   std::vector<uint8_t> scratch_;
 };
 
