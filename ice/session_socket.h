@@ -17,9 +17,9 @@ namespace ice {
 // kernel's queue is full, from a few reused buffers), so that the data path
 // allocates nothing of its own per datagram. Each wake-up reads every queued
 // datagram up to a bound, and a send the kernel takes at once leaves no
-// completion behind: a busy SCTP sender gets a SACK per datagram and sends
-// two packets for each, so per-datagram loop turns were a large share of
-// its CPU.
+// completion behind: a busy SCTP sender receives a SACK for every two
+// packets it sends, and a loop turn per datagram was a large share of its
+// CPU.
 class SessionSocket : public std::enable_shared_from_this<SessionSocket> {
  public:
   // The bytes are valid only for the call.
