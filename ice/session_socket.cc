@@ -62,10 +62,29 @@ void SessionSocket::receiveNext() {
 
 void SessionSocket::onReceive(int error, std::size_t bytes, const SocketAddress& from) {
   if (closed_ || error == ECANCELED) return;
+  // Held for the drain: the receiver may close this socket and let go of it.
+  const std::shared_ptr<SessionSocket> self = shared_from_this();
+  if (!deliver(self, error, bytes, from)) return;
+  // The wake-up's other datagrams without a loop turn each. A receiver that
+  // closed the socket stops the drain.
+  uint8_t* data = receiveBuffer_.chain().first()->data();
+  SocketAddress sender;
+  for (int read = 1; read < MaxReceivesPerWakeUp; ++read) {
+    const long got = socket_->tryReceiveFrom(data, BufferSize, sender);
+    if (got == -EAGAIN || got == -EOPNOTSUPP) break;
+    const bool goOn = got < 0 ? deliver(self, static_cast<int>(-got), 0, sender)
+                              : deliver(self, 0, static_cast<std::size_t>(got), sender);
+    if (!goOn) return;
+  }
+  receiveNext();
+}
+
+bool SessionSocket::deliver(const std::shared_ptr<SessionSocket>& self, int error, std::size_t bytes,
+                            const SocketAddress& from) {
   if (error) {
     if (!recoverable(error)) {
       QLOG(Log, log::Warning, "Unrecoverable receive error: %u, %d", localAddress_.port(), error);
-      return;
+      return false;
     }
     QLOG(Log, log::Debug, "Recoverable receive error: %u, %d", localAddress_.port(), error);
   } else if (bytes == 0) {
@@ -74,11 +93,9 @@ void SessionSocket::onReceive(int error, std::size_t bytes, const SocketAddress&
     QLOG(Log, log::Debug, "Dropping datagram of %u bytes or more from %s", static_cast<unsigned>(BufferSize),
          from.toString());
   } else {
-    // Held for the call: the receiver may close this socket and let go of it.
-    const std::shared_ptr<SessionSocket> self = shared_from_this();
     receiver_(self, from, receiveBuffer_.chain().first()->data(), bytes);
   }
-  receiveNext();
+  return !closed_;
 }
 
 BufferChainPtr* SessionSocket::freeSendBuffer() {
@@ -91,8 +108,24 @@ BufferChainPtr* SessionSocket::freeSendBuffer() {
   return &sendBuffers_.back();
 }
 
+bool SessionSocket::sendsQueued() const {
+  for (const BufferChainPtr& buffer : sendBuffers_) {
+    if (buffer.useCount() > 1) return true;
+  }
+  return false;
+}
+
 bool SessionSocket::send(const uint8_t* data, std::size_t size, const SocketAddress& to) {
   if (closed_ || size >= BufferSize) return false;
+  // Straight from the caller's bytes, unless earlier datagrams still wait in
+  // the socket's hands: this one must not overtake them.
+  if (!sendsQueued()) {
+    const long sent = socket_->trySendTo(data, size, to);
+    if (sent >= 0) return true;
+    // As with a failed asynchronous send, an error that concerns this
+    // datagram alone loses it quietly.
+    if (sent != -EAGAIN && sent != -EOPNOTSUPP) return recoverable(static_cast<int>(-sent));
+  }
   BufferChainPtr* buffer = freeSendBuffer();
   if (!buffer) return false;
   Buffer* first = buffer->chain().first();

@@ -122,6 +122,22 @@ class AsioDatagramSocket : public AsioSocket<S> {
                                        this->transferHandler(this->state_, buffers, callback));
   }
 
+  long tryReceiveFrom(uint8_t* data, std::size_t size, SocketAddress& from) override {
+    sockaddr_storage sender{};
+    socklen_t length = sizeof(sender);
+    const ssize_t got = ::recvfrom(this->state_->socket.native_handle(), data, size, MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr*>(&sender), &length);
+    if (got < 0) return -errno;
+    from = SocketAddress(reinterpret_cast<const sockaddr*>(&sender), length);
+    return static_cast<long>(got);
+  }
+
+  long trySendTo(const uint8_t* data, std::size_t size, const SocketAddress& to) override {
+    const ssize_t sent = ::sendto(this->state_->socket.native_handle(), data, size, MSG_DONTWAIT | MSG_NOSIGNAL,
+                                  to.raw(), static_cast<socklen_t>(to.length()));
+    return sent < 0 ? -errno : static_cast<long>(sent);
+  }
+
   void receiveFrom(const BufferChainPtr& buffers, const ReceiveFromCallback& callback) override {
     // The sender is written when the datagram arrives, so it lives with the
     // operation rather than on this stack.

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "core/delegate.h"
@@ -47,6 +49,15 @@ class AsyncSocket {
   virtual void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) = 0;
   virtual void receive(const BufferChainPtr& buffers, const TransferCallback& callback) = 0;
   virtual void receiveFrom(const BufferChainPtr& buffers, const ReceiveFromCallback& callback) = 0;
+  // For a datagram data path that cannot afford a completion per datagram:
+  // one non-blocking attempt, done before the call returns, with the caller's
+  // bytes. The datagram's size (sent, or received and cut to `size`, with
+  // `from` set), or minus the errno number: -EAGAIN when the kernel would
+  // block. Sockets that cannot try answer -EOPNOTSUPP; the asynchronous calls
+  // are the way then. Do not mix a try with an asynchronous operation of the
+  // same direction in flight: that would reorder datagrams.
+  virtual long tryReceiveFrom(uint8_t*, std::size_t, SocketAddress&) { return -EOPNOTSUPP; }
+  virtual long trySendTo(const uint8_t*, std::size_t, const SocketAddress&) { return -EOPNOTSUPP; }
   // Passed to the system as they are (setsockopt/getsockopt); `length` of
   // getOption is the room in `value` on entry and the size used on return.
   virtual void setOption(int level, int name, const void* value, std::size_t length) = 0;

@@ -34,11 +34,16 @@ constexpr Duration QuietAfter = Duration::seconds(1);
 //   while data is queued.
 // - Initial window and burst of 10 packets, SACKs after at most 20 ms (the
 //   default 200 ms stalls a sender whose window is nearly used up).
-// - RTO 200 ms .. 10 s starting at 1 s, heartbeats every 10 s (the ICE
+// - RTO 200 ms .. 3 s starting at 1 s, heartbeats every 10 s (the ICE
 //   session's keepalives need no help), ECN off (no ECN over UDP).
 // - An association gives up after 5 unanswered retransmissions in a row
-//   (the default 10 keeps a vanished client's relay for about a minute);
-//   with the RTO backing off from 200 ms that is still over 10 s of silence.
+//   (the default 10 keeps a vanished client's relay for about a minute).
+//   With the RTO backing off from 200 ms to at most 3 s that is about 9 s
+//   of silence during a transfer, and at most 18 s when the RTO had already
+//   backed off (window probes of a slow reader), close to the 10 s after
+//   which a client's ICE agent gives up on an unanswering path. A path
+//   whose round trip varies by seconds gets a spurious retransmission now
+//   and then instead.
 // - 16 streams each way: every stream costs memory per association.
 void applyStackSettings() {
   usrsctp_sysctl_set_sctp_ecn_enable(0);
@@ -50,7 +55,7 @@ void applyStackSettings() {
   usrsctp_sysctl_set_sctp_heartbeat_interval_default(10000);
   usrsctp_sysctl_set_sctp_rto_min_default(200);
   usrsctp_sysctl_set_sctp_rto_initial_default(1000);
-  usrsctp_sysctl_set_sctp_rto_max_default(10000);
+  usrsctp_sysctl_set_sctp_rto_max_default(3000);
   usrsctp_sysctl_set_sctp_init_rto_max_default(10000);
   usrsctp_sysctl_set_sctp_assoc_rtx_max_default(5);
   usrsctp_sysctl_set_sctp_path_rtx_max_default(5);
@@ -138,7 +143,12 @@ void SctpUdpService::input(uintptr_t connData, const uint8_t* data, std::size_t 
     return;
   }
   noteActivity();
+  ++stackCall_;
   usrsctp_conninput(reinterpret_cast<void*>(connData), data, size, 0);
+  --stackCall_;
+  // What the packet changed (a SACK that made room, data that arrived) is
+  // taken up at once, now that the stack is out of its callbacks.
+  drainEvents();
 }
 
 // ---- sockets
@@ -231,7 +241,8 @@ void SctpUdpService::onUpcall(struct socket* handle, void* arg, int) {
   SctpUdpService* self = static_cast<SctpUdpService*>(arg);
   std::lock_guard<std::mutex> lock(self->eventsMutex_);
   self->pendingEvents_.push_back(handle);
-  if (self->drainPosted_) return;
+  // Inside input or a timer tick, which drain when the stack returns.
+  if (self->drainPosted_ || (self->reactor_->isLoopThread() && self->stackCall_)) return;
   self->drainPosted_ = true;
   self->reactor_->post(self->token_, [self] { self->drainEvents(); });
 }
@@ -267,6 +278,10 @@ void SctpUdpService::drainEvents() {
       owner->onStackEvents();
     }
   }
+  // The list's room serves the next round (this runs once per packet).
+  handles.clear();
+  std::lock_guard<std::mutex> lock(eventsMutex_);
+  if (pendingEvents_.empty()) pendingEvents_.swap(handles);
 }
 
 // ---- timers
@@ -291,7 +306,10 @@ void SctpUdpService::onTimer() {
   const int64_t elapsedMs = static_cast<int64_t>((now - lastTick_).count() / 1000);
   if (elapsedMs > 0) {
     lastTick_ += Duration::milliseconds(elapsedMs);
+    ++stackCall_;
     usrsctp_handle_timers(static_cast<uint32_t>(elapsedMs));
+    --stackCall_;
+    drainEvents();
   }
   if (links_.empty() && sockets_.empty()) return;
   slowTicks_ = now - lastActivity_ >= QuietAfter;

@@ -36,7 +36,10 @@ class SctpStackEvents {
 // The rule of this boundary: nothing enters the stack from inside its own
 // callback. The stack holds its locks while it calls out, so a packet fed to
 // it from there would deadlock; the callbacks only hand packets to a link's
-// session (which copies them) and post everything else to the reactor.
+// session (which copies them) and note socket events, which the input or
+// timer call that caused them takes up once the stack has returned (a busy
+// sender refills after each SACK without a trip through the reactor);
+// events from any other call are posted to the reactor.
 //
 // Links register an output and get a fresh address value (the AF_CONN
 // address of their end, never reused, as a reused value can make the stack
@@ -81,8 +84,6 @@ class SctpUdpService {
   // Completions are posted under this token: it lives as long as the stack,
   // so a socket's callbacks still run after the socket object has gone.
   const LifetimeToken& token() const { return token_; }
-  // Room to gather a message into, for use within one call on the loop.
-  std::vector<uint8_t>& scratch() { return scratch_; }
 
   // Live links, and stack sockets not yet closed (those shutting down
   // included); for tests and statistics.
@@ -118,8 +119,12 @@ class SctpUdpService {
   std::map<struct socket*, SocketEntry> sockets_;
   // Depth of stack callbacks on the loop thread: input waits while inside.
   int inCallback_ = 0;
+  // Depth of input and timer calls into the stack, which take up the
+  // sockets' events themselves when the stack returns (loop thread only).
+  int stackCall_ = 0;
 
-  // Filled by upcalls, drained by one posted task.
+  // Filled by upcalls, drained after input and timer calls or else by one
+  // posted task.
   std::mutex eventsMutex_;
   std::vector<struct socket*> pendingEvents_;
   bool drainPosted_ = false;
@@ -128,6 +133,7 @@ class SctpUdpService {
   Time lastTick_;
   Time lastActivity_;
   bool slowTicks_ = false;
+  // Where closing associations' last messages are read and dropped.
   std::vector<uint8_t> scratch_;
 };
 

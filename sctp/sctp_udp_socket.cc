@@ -115,39 +115,59 @@ void SctpUdpSocket::send(const BufferChainPtr& buffers, const TransferCallback& 
   sendChain_ = buffers;
   sendCallback_ = callback;
   sendDone_ = 0;
+  sendTotal_ = buffers.chain().size();
+  sendPosition_ = buffers.chain().begin();
   continueSend();
 }
 
+// The stack takes a message whole or not at all, and refuses it while its
+// send buffer lacks room: a busy sender is refused about once per SACK the
+// peer sends. So each message is gathered from the chain once, into a buffer
+// of this socket, and only handed over again on the writable events that
+// follow.
 void SctpUdpSocket::continueSend() {
-  const BufferChain& chain = sendChain_.chain();
-  const std::size_t total = chain.size();
-  std::vector<uint8_t>& scratch = service_->scratch();
-  while (sendDone_ < total) {
-    const std::size_t piece = std::min(total - sendDone_, std::min(MaxMessage, scratch.size()));
-    const BufferChain::Iterator first = chain.begin() + sendDone_;
-    copyFromChain(first, first + piece, scratch.data());
+  while (sendDone_ < sendTotal_) {
+    if (messageSize_ == 0) gatherMessage();
     struct sctp_sndinfo info;
     std::memset(&info, 0, sizeof info);
     info.snd_sid = replyStream_;
     info.snd_ppid = htonl(0);
     const ssize_t sent =
-        usrsctp_sendv(handle_, scratch.data(), piece, nullptr, 0, &info, sizeof info, SCTP_SENDV_SNDINFO, 0);
+        usrsctp_sendv(handle_, message_.get(), messageSize_, nullptr, 0, &info, sizeof info, SCTP_SENDV_SNDINFO, 0);
     const int error = sent < 0 ? errno : 0;
-    if (sent > 0) sendDone_ += static_cast<std::size_t>(sent);
-    QLOG(Log, log::Spam, "sendv(%u) returned %d (%d) - done/total = %u/%u\n%s", piece, sent, error, sendDone_, total,
-         hexDump(scratch.data(), sent > 0 ? static_cast<std::size_t>(sent) : 0));
-    if (sent < 0) {
-      if (!wouldBlock(error)) completeSend(error);
-      return;  // on wouldBlock: the next writable event goes on
+    const std::size_t taken = sent > 0 ? static_cast<std::size_t>(sent) : 0;
+    QLOG(Log, log::Spam, "sendv(%u) returned %d (%d) - done/total = %u/%u\n%s", messageSize_, sent, error,
+         sendDone_ + taken, sendTotal_, hexDump(message_.get(), taken));
+    if (taken) {
+      // Whole, as a rule; a part taken leaves the rest for the next message.
+      sendDone_ += taken;
+      messageSize_ -= taken;
+      if (messageSize_) std::memmove(message_.get(), message_.get() + taken, messageSize_);
+    }
+    if (sent <= 0) {
+      if (sent < 0 && wouldBlock(error)) return;  // the next writable event goes on
+      completeSend(sent < 0 ? error : EIO);
+      return;
     }
   }
   completeSend(0);
+}
+
+void SctpUdpSocket::gatherMessage() {
+  if (!message_) message_.reset(new uint8_t[MaxMessage]);
+  const std::size_t piece = std::min(sendTotal_ - sendDone_, MaxMessage);
+  const BufferChain::Iterator last = sendPosition_ + piece;
+  copyFromChain(sendPosition_, last, message_.get());
+  sendPosition_ = last;
+  messageSize_ = piece;
 }
 
 void SctpUdpSocket::completeSend(int error) {
   TransferCallback callback;
   callback.swap(sendCallback_);
   sendChain_.reset();
+  sendPosition_ = BufferChain::Iterator();
+  messageSize_ = 0;
   const std::size_t bytes = sendDone_;
   service_->reactor().post(service_->token(), [callback, error, bytes] { callback(error, bytes); });
 }
@@ -251,6 +271,7 @@ void SctpUdpSocket::close() {
   }
   if (sendCallback_) completeSend(ECANCELED);
   if (receiveCallback_) completeReceive(ECANCELED, 0);
+  message_.reset();
   if (handle_) service_->release(handle_, true);
   handle_ = nullptr;
 }

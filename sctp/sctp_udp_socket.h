@@ -55,6 +55,7 @@ class SctpUdpSocket : public AsyncSocket, public SctpStackEvents, public std::en
 
   void continueConnect();
   void continueSend();
+  void gatherMessage();
   void continueReceive();
   void completeSend(int error);
   void completeReceive(int error, std::size_t bytes);
@@ -72,6 +73,12 @@ class SctpUdpSocket : public AsyncSocket, public SctpStackEvents, public std::en
   BufferChainPtr sendChain_;
   TransferCallback sendCallback_;
   std::size_t sendDone_ = 0;
+  std::size_t sendTotal_ = 0;
+  BufferChain::Iterator sendPosition_;  // the first byte not yet gathered
+  // The message offered to the stack (up to 64 KiB), allocated at the first
+  // send; messageSize_ is 0 when none is waiting.
+  std::unique_ptr<uint8_t[]> message_;
+  std::size_t messageSize_ = 0;
 
   BufferChainPtr receiveChain_;
   TransferCallback receiveCallback_;

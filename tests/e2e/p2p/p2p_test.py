@@ -295,7 +295,7 @@ class VideoOverSctp(DeviceCase):
             client.wait()
         self.assertEqual(device.ferrule.matching(ALL_CLOSED), [])
         started = time.monotonic()
-        # The device notices when SCTP gives up retransmitting (about 50 s).
+        # The device notices when SCTP gives up retransmitting (about 10 s).
         device.ferrule.wait_for(ALL_CLOSED, timeout=120)
         print("relay closed %.1f s after the client vanished" % (time.monotonic() - started))
         time.sleep(3)
