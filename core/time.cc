@@ -12,23 +12,24 @@ constexpr uint64_t UsPerHour = 60 * UsPerMinute;
 constexpr uint64_t UsPerDay = 24 * UsPerHour;
 
 struct CivilDate {
-  int64_t year;
+  unsigned year;  // at most about 586 000: the microseconds of a uint64_t
   unsigned month;
   unsigned day;
 };
 
 // Proleptic Gregorian date of a day count since 1970-01-01, done in integer
 // arithmetic over 400-year eras so that no time-zone database is consulted.
-CivilDate civilFromDays(int64_t days) {
+// Times never precede 1970, so the count is never negative.
+CivilDate civilFromDays(uint64_t days) {
   days += 719468;
-  const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-  const uint64_t dayOfEra = static_cast<uint64_t>(days - era * 146097);
+  const uint64_t era = days / 146097;
+  const uint64_t dayOfEra = days - era * 146097;
   const uint64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
   const uint64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
   const uint64_t monthIndex = (5 * dayOfYear + 2) / 153;
   const unsigned day = static_cast<unsigned>(dayOfYear - (153 * monthIndex + 2) / 5 + 1);
   const unsigned month = static_cast<unsigned>(monthIndex < 10 ? monthIndex + 3 : monthIndex - 9);
-  const int64_t year = static_cast<int64_t>(yearOfEra) + era * 400 + (month <= 2 ? 1 : 0);
+  const unsigned year = static_cast<unsigned>(yearOfEra + era * 400 + (month <= 2 ? 1 : 0));
   return {year, month, day};
 }
 
@@ -70,8 +71,8 @@ std::string Duration::toString(int precision) const {
 const char* Time::toString(char (&buffer)[TimeTextSize], int precision) const {
   if (*this == MinTime) return special(buffer, "MinTime");
   if (*this == MaxTime) return special(buffer, "MaxTime");
-  const CivilDate date = civilFromDays(static_cast<int64_t>(us_ / UsPerDay));
-  std::snprintf(buffer, TimeTextSize, "%04" PRId64 "-%02u-%02u %02u:%02u:%02u", date.year, date.month, date.day,
+  const CivilDate date = civilFromDays(us_ / UsPerDay);
+  std::snprintf(buffer, TimeTextSize, "%04u-%02u-%02u %02u:%02u:%02u", date.year, date.month, date.day,
                 static_cast<unsigned>((us_ / UsPerHour) % 24), static_cast<unsigned>((us_ / UsPerMinute) % 60),
                 static_cast<unsigned>((us_ / UsPerSecond) % 60));
   appendFraction(buffer, us_ % UsPerSecond, precision);
