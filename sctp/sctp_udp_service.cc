@@ -87,6 +87,11 @@ bool applySocketOptions(struct socket* handle) {
 SctpUdpService::SctpUdpService(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {
   if (instance) throw std::logic_error("SctpUdpService already exists");
   instance = this;
+}
+
+void SctpUdpService::startStack() {
+  if (started_) return;
+  started_ = true;
   // No UDP encapsulation port: the links carry the packets.
   usrsctp_init_nothreads(0, &SctpUdpService::onOutput, &SctpUdpService::onDebugText);
   applyStackSettings();
@@ -94,6 +99,10 @@ SctpUdpService::SctpUdpService(std::shared_ptr<Reactor> reactor) : reactor_(std:
 }
 
 SctpUdpService::~SctpUdpService() {
+  if (!started_) {
+    instance = nullptr;
+    return;
+  }
   while (!sockets_.empty()) abortSocket(sockets_.begin()->first);
   for (const auto& link : links_) usrsctp_deregister_address(reinterpret_cast<void*>(link.first));
   links_.clear();
@@ -113,6 +122,7 @@ SctpUdpService::~SctpUdpService() {
 // ---- links
 
 uintptr_t SctpUdpService::registerLink(SctpUdpOutput* output) {
+  startStack();
   const uintptr_t connData = nextConnData_++;
   links_[connData] = output;
   usrsctp_register_address(reinterpret_cast<void*>(connData));
@@ -154,6 +164,7 @@ void SctpUdpService::input(uintptr_t connData, const uint8_t* data, std::size_t 
 // ---- sockets
 
 struct socket* SctpUdpService::openSocket() {
+  startStack();
   struct socket* handle = usrsctp_socket(AF_CONN, SOCK_STREAM, IPPROTO_SCTP, nullptr, nullptr, 0, nullptr);
   if (!handle) return nullptr;
   if (usrsctp_set_non_blocking(handle, 1) != 0 || !applySocketOptions(handle)) {

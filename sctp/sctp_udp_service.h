@@ -31,7 +31,8 @@ class SctpStackEvents {
 // its own apart from the iterator) and the boundary between the stack and the
 // reactor. Every call into the stack is made on the reactor's thread; the
 // stack's callbacks (packet output, socket upcalls, debug text) come back on
-// it, from inside those calls.
+// it, from inside those calls. The stack itself is started for the first
+// link or socket and kept until the service goes.
 //
 // The rule of this boundary: nothing enters the stack from inside its own
 // callback. The stack holds its locks while it calls out, so a packet fed to
@@ -103,6 +104,9 @@ class SctpUdpService {
   static void onUpcall(struct socket* handle, void* arg, int flags);
   static void onDebugText(const char* format, ...);
 
+  // The stack, its threads and its tables are set up for the first link or
+  // socket: a device that only relays HTTP never pays for them.
+  void startStack();
   void deliverOutput(uintptr_t connData, const uint8_t* data, std::size_t size);
   void drainEvents();
   void continueClosing(struct socket* handle);
@@ -113,6 +117,7 @@ class SctpUdpService {
   void noteActivity();
 
   std::shared_ptr<Reactor> reactor_;
+  bool started_ = false;
   LifetimeToken token_ = makeLifetimeToken();
   std::map<uintptr_t, SctpUdpOutput*> links_;
   uintptr_t nextConnData_ = 1;
