@@ -14,10 +14,8 @@ constexpr int DropMembership = 36;
 
 void setMembership(AsyncSocket& socket, const SocketAddress& group, const SocketAddress& interfaceAddress,
                    int option, const char* error) {
-  if (group.family() != 2 || interfaceAddress.family() != 2 || group.addressSize() != 4 ||
-      interfaceAddress.addressSize() != 4) {
-    throw std::invalid_argument(error);
-  }
+  // An IPv4 address always holds its four bytes.
+  if (group.family() != 2 || interfaceAddress.family() != 2) throw std::invalid_argument(error);
   uint8_t request[8];
   std::memcpy(request, group.addressBytes(), 4);
   std::memcpy(request + 4, interfaceAddress.addressBytes(), 4);
