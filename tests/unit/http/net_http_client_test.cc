@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "chain_text.h"
+#include "http/request_watchdog.h"
 #include "net/buffer_pool.h"
 #include "tests/unit/http/fake_network.h"
 #include "tests/support/log_capture.h"
@@ -350,6 +351,43 @@ TEST_F(NetHttpClientTest, NoBuffersForTheRequestFailsItWithNothingSent) {
     EXPECT_EQ(outcome.code, make_error_code(HttpClientError::OutOfMemory));
   }
   EXPECT_EQ(sent, factory->sockets[0]->sent);
+}
+
+// A body piece that finds no buffers ends the sending: a later piece must not
+// follow it onto the wire with a gap in the body.
+TEST_F(NetHttpClientTest, NoBuffersForABodyPieceSendsNothingMore) {
+  auto allocator = std::make_shared<testing::SwitchableAllocator>(pool);
+  client = std::make_shared<NetHttpClient>(reactor, allocator, factory, nullptr, resolver, 2);
+  Outcome outcome;
+  auto request = start("POST", "/c", outcome);
+  request->startStreaming();
+  run();
+  const std::string head = factory->last().sent;
+  auto sink = request->bodySink().lock();
+  allocator->dry = true;
+  sink->put(BufferChainPtr(testing::chainOf(*pool, "lost")));
+  allocator->dry = false;
+  sink->put(BufferChainPtr(testing::chainOf(*pool, "later")));
+  run();
+  EXPECT_EQ(head, factory->last().sent);
+  EXPECT_EQ(outcome.code, make_error_code(HttpClientError::OutOfMemory));
+}
+
+// One timer serves every request in flight, however many are added.
+TEST(RequestWatchdog, KeepsOneTimerForAllRequests) {
+  struct Counted final : RequestWatchdog::Watched {
+    void checkTimeout() override { ++checks; }
+    int checks = 0;
+  };
+  auto reactor = std::make_shared<ManualReactor>();
+  auto watchdog = std::make_shared<RequestWatchdog>(reactor);
+  auto a = std::make_shared<Counted>(), b = std::make_shared<Counted>();
+  watchdog->add(a);
+  watchdog->add(b);
+  EXPECT_EQ(1u, reactor->pending());
+  reactor->advance(RequestWatchdog::Tick);
+  EXPECT_EQ(1, a->checks);
+  EXPECT_EQ(1u, reactor->pending());
 }
 
 TEST_F(NetHttpClientTest, ChunkedResponseAcrossReads) {
