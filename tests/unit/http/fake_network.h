@@ -75,6 +75,7 @@ class FakeSocket : public AsyncSocket {
   }
 
   bool receiving() const { return static_cast<bool>(pendingReceive_); }
+  std::size_t receiveSize() const { return pendingBuffers_ ? pendingBuffers_.chain().size() : 0; }
   // Answers the pending receive with (at most a buffer-chain's worth of) text.
   void deliver(const std::string& text) {
     const std::size_t n = std::min(text.size(), pendingBuffers_.chain().size());

@@ -463,6 +463,21 @@ TEST_F(NetHttpClientTest, FullPoolClosesTheOldestIdleConnectionForAnotherHost) {
   EXPECT_EQ(1u, client->plainPool()->freeCount());
 }
 
+// Reads grow while they come back full and shrink when mostly empty.
+TEST_F(NetHttpClientTest, ReadSizeFollowsWhatTheReadsBring) {
+  Outcome outcome;
+  auto request = get("/", outcome);
+  FakeSocket& socket = factory->last();
+  ASSERT_EQ(16384u, socket.receiveSize());
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n";
+  socket.deliver(head + std::string(16384 - head.size(), 'a'));
+  run();
+  EXPECT_EQ(32768u, socket.receiveSize());
+  socket.deliver("small");
+  run();
+  EXPECT_EQ(16384u, socket.receiveSize());
+}
+
 TEST_F(NetHttpClientTest, TimesOutWithoutProgressOnly) {
   Outcome outcome;
   auto request = get("/", outcome);
