@@ -152,7 +152,6 @@ class FakeWebRequest : public WebRequest, public std::enable_shared_from_this<Fa
 
   void setBodyDataHandler(const BodyDataHandler& handler) override {
     handler_ = handler;
-    ++handlerSets;
     std::vector<std::pair<BufferChainPtr, bool>> early;
     early.swap(early_);
     for (const auto& piece : early) handler_(piece.first, piece.second);
@@ -180,7 +179,6 @@ class FakeWebRequest : public WebRequest, public std::enable_shared_from_this<Fa
   WebClientInfo info;
   bool bodyComplete = true;
   bool active = true;
-  int handlerSets = 0;
   int responses = 0;
   std::shared_ptr<FakeWebResponse> response;  // the last one created
 
@@ -269,8 +267,6 @@ class FakeClientRequest : public WebClientRequest {
   void complete(const boost::system::error_code& code = boost::system::error_code()) {
     if (errorHandler_) errorHandler_(code);
   }
-  bool hasResponseHandler() const { return static_cast<bool>(responseHandler_); }
-  bool hasErrorHandler() const { return static_cast<bool>(errorHandler_); }
 
   const std::string method, scheme, hostValue, connectHost, path;
   MessageHeaders headers_;

@@ -16,6 +16,7 @@
 #include "net/buffer_chain.h"
 #include "net/name_resolver.h"
 #include "net/socket_error.h"
+#include "tests/unit/http/chain_text.h"
 
 namespace quorvel {
 namespace testing {
@@ -43,8 +44,7 @@ class FakeSocket : public AsyncSocket {
     reactor_->post(token_, [callback, error]() { callback(error); });
   }
   void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    std::string text(buffers.chain().size(), '\0');
-    copyFromChain(buffers.chain().begin(), buffers.chain().end(), reinterpret_cast<uint8_t*>(&text[0]));
+    const std::string text = textOf(buffers.chain());
     sent += text;
     ++sends;
     complete(callback, text.size());
@@ -75,6 +75,7 @@ class FakeSocket : public AsyncSocket {
   }
 
   bool receiving() const { return static_cast<bool>(pendingReceive_); }
+  std::size_t receiveSize() const { return pendingBuffers_ ? pendingBuffers_.chain().size() : 0; }
   // Answers the pending receive with (at most a buffer-chain's worth of) text.
   void deliver(const std::string& text) {
     const std::size_t n = std::min(text.size(), pendingBuffers_.chain().size());

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "chain_text.h"
+#include "http/request_watchdog.h"
 #include "net/buffer_pool.h"
 #include "tests/unit/http/fake_network.h"
 #include "tests/support/log_capture.h"
@@ -72,9 +73,7 @@ class NetHttpClientTest : public ::testing::Test {
         outcome.bodyEnded = true;
         return;
       }
-      std::string text(piece.chain().size(), '\0');
-      copyFromChain(piece.chain().begin(), piece.chain().end(), reinterpret_cast<uint8_t*>(&text[0]));
-      outcome.body += text;
+      outcome.body += testing::textOf(piece.chain());
     });
     request.setErrorHandler([&outcome](const boost::system::error_code& code) { outcome.code = code; });
   }
@@ -161,7 +160,10 @@ TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
   ASSERT_EQ(1u, factory->sockets.size());
   FakeSocket& socket = factory->last();
   EXPECT_EQ("GET /a HTTP/1.1\r\nHost: example\r\nAccept: text/plain\r\n\r\n", socket.sent);
-  socket.deliver(Ok5);
+  // A chunked body across reads (one with a length is fetchHello's).
+  socket.deliver("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhel");
+  run();
+  socket.deliver("lo\r\n0\r\n\r\n");
   run();
   EXPECT_EQ(1, outcome.responses);
   EXPECT_EQ(200u, outcome.status);
@@ -352,17 +354,41 @@ TEST_F(NetHttpClientTest, NoBuffersForTheRequestFailsItWithNothingSent) {
   EXPECT_EQ(sent, factory->sockets[0]->sent);
 }
 
-TEST_F(NetHttpClientTest, ChunkedResponseAcrossReads) {
+// A body piece that finds no buffers ends the sending: a later piece must not
+// follow it onto the wire with a gap in the body.
+TEST_F(NetHttpClientTest, NoBuffersForABodyPieceSendsNothingMore) {
+  auto allocator = std::make_shared<testing::SwitchableAllocator>(pool);
+  client = std::make_shared<NetHttpClient>(reactor, allocator, factory, nullptr, resolver, 2);
   Outcome outcome;
-  auto request = get("/", outcome);
-  factory->last().deliver("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhel");
+  auto request = start("POST", "/c", outcome);
+  request->startStreaming();
   run();
-  factory->last().deliver("lo\r\n0\r\n\r\n");
+  const std::string head = factory->last().sent;
+  auto sink = request->bodySink().lock();
+  allocator->dry = true;
+  sink->put(BufferChainPtr(testing::chainOf(*pool, "lost")));
+  allocator->dry = false;
+  sink->put(BufferChainPtr(testing::chainOf(*pool, "later")));
   run();
-  EXPECT_EQ("hello", outcome.body);
-  EXPECT_TRUE(outcome.bodyEnded);
-  EXPECT_EQ(outcome.code, Success);
-  EXPECT_EQ(1u, client->plainPool()->freeCount());
+  EXPECT_EQ(head, factory->last().sent);
+  EXPECT_EQ(outcome.code, make_error_code(HttpClientError::OutOfMemory));
+}
+
+// One timer serves every request in flight, however many are added.
+TEST(RequestWatchdog, KeepsOneTimerForAllRequests) {
+  struct Counted final : RequestWatchdog::Watched {
+    void checkTimeout() override { ++checks; }
+    int checks = 0;
+  };
+  auto reactor = std::make_shared<ManualReactor>();
+  auto watchdog = std::make_shared<RequestWatchdog>(reactor);
+  auto a = std::make_shared<Counted>(), b = std::make_shared<Counted>();
+  watchdog->add(a);
+  watchdog->add(b);
+  EXPECT_EQ(1u, reactor->pending());
+  reactor->advance(RequestWatchdog::Tick);
+  EXPECT_EQ(1, a->checks);
+  EXPECT_EQ(1u, reactor->pending());
 }
 
 // A broken response ends only its own request; its connection is dropped.
@@ -398,22 +424,24 @@ TEST_F(NetHttpClientTest, BadResponsesFailAndDropTheConnection) {
   fetchHello("/");
 }
 
+// Requests beyond the limit wait; one dropped while waiting gives up its place.
 TEST_F(NetHttpClientTest, RequestsBeyondTheLimitWait) {
-  Outcome o[3];
-  std::shared_ptr<WebClientRequest> r[3];
-  for (int i = 0; i < 3; ++i) {
+  Outcome o[4];
+  std::shared_ptr<WebClientRequest> r[4];
+  for (int i = 0; i < 4; ++i) {
     r[i] = start("GET", "/" + std::to_string(i), o[i]);
     r[i]->send(nullptr, 0);
   }
   run();
   EXPECT_EQ(2u, factory->sockets.size());
-  EXPECT_EQ(1u, client->plainPool()->waitingCount());
+  EXPECT_EQ(2u, client->plainPool()->waitingCount());
   EXPECT_TRUE(capture->contains("Too many used connections"));
+  r[2].reset();
   factory->sockets[1]->deliver(Ok5);
   run();
   EXPECT_EQ(2u, factory->sockets.size());
   EXPECT_EQ(0u, client->plainPool()->waitingCount());
-  EXPECT_EQ("GET /1 HTTP/1.1\r\nHost: example\r\n\r\nGET /2 HTTP/1.1\r\nHost: example\r\n\r\n",
+  EXPECT_EQ("GET /1 HTTP/1.1\r\nHost: example\r\n\r\nGET /3 HTTP/1.1\r\nHost: example\r\n\r\n",
             factory->sockets[1]->sent);
 }
 
@@ -435,21 +463,19 @@ TEST_F(NetHttpClientTest, FullPoolClosesTheOldestIdleConnectionForAnotherHost) {
   EXPECT_EQ(1u, client->plainPool()->freeCount());
 }
 
-// A waiting request that is dropped gives up its place.
-TEST_F(NetHttpClientTest, DroppedWaitingRequestIsSkipped) {
-  Outcome o[3];
-  auto a = start("GET", "/a", o[0]);
-  auto b = start("GET", "/b", o[1]);
-  auto c = start("GET", "/c", o[2]);
-  for (auto& r : {a, b, c}) r->send(nullptr, 0);
+// Reads grow while they come back full and shrink when mostly empty.
+TEST_F(NetHttpClientTest, ReadSizeFollowsWhatTheReadsBring) {
+  Outcome outcome;
+  auto request = get("/", outcome);
+  FakeSocket& socket = factory->last();
+  ASSERT_EQ(16384u, socket.receiveSize());
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n";
+  socket.deliver(head + std::string(16384 - head.size(), 'a'));
   run();
-  c.reset();
-  Outcome d_outcome;
-  auto d = get("/d", d_outcome);
-  factory->sockets[0]->deliver(Ok5);
+  EXPECT_EQ(32768u, socket.receiveSize());
+  socket.deliver("small");
   run();
-  EXPECT_NE(std::string::npos, factory->sockets[0]->sent.find("GET /d"));
-  EXPECT_EQ(std::string::npos, factory->sockets[0]->sent.find("GET /c"));
+  EXPECT_EQ(16384u, socket.receiveSize());
 }
 
 TEST_F(NetHttpClientTest, TimesOutWithoutProgressOnly) {

@@ -46,8 +46,7 @@ TEST_F(RelayLoop, EveryBadRelayResponseLeadsToANewRegistration) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.head);
     logs->clear();
-    http->requests.clear();
-    client = std::make_shared<ReverseHttpClient>(reactor, pool, http, RegistrationUrl, "k1");
+    restart(pool);
     respond(*registered(), c.head);
     EXPECT_TRUE(logged(c.message, log::Notice));
     EXPECT_EQ(sent(), 2u);

@@ -27,13 +27,6 @@ class ReplyFraming : public RevHttpTest {
     return replyPost();
   }
 
-  // A fresh client for the next row of a table.
-  void restart() {
-    http->requests.clear();
-    client = std::make_shared<ReverseHttpClient>(reactor, allocator, http, RegistrationUrl, "k1");
-    client->setRequestHandler(handler);
-  }
-
   std::shared_ptr<WebResponse> response;
 };
 
@@ -56,7 +49,7 @@ TEST_F(ReplyFraming, AStreamedResponseIsFramedPieceByPieceAsItsHeadSays) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.request);
-    restart();
+    restart(allocator);
     std::shared_ptr<FakeClientRequest> post =
         answer(std::string(c.request) + " HTTP/1.1\r\n\r\n", c.field, c.value, [](WebResponse& r) { r.start(); });
     ASSERT_NE(post, nullptr);
@@ -119,7 +112,7 @@ TEST_F(ReplyFraming, AResponseSentInOnePieceIsFramedAsItsHeadSays) {
                {"HEAD /feed", "Transfer-Encoding", "chunked", "ignored", ChunkedHead}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.request);
-    restart();
+    restart(allocator);
     const std::string body = c.body;
     std::shared_ptr<FakeClientRequest> post =
         answer(std::string(c.request) + " HTTP/1.1\r\n\r\n", c.field, c.value,

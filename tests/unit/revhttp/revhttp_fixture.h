@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -87,10 +88,14 @@ class RevHttpTest : public ::testing::Test {
     return request.scheme + "://" + request.connectHost + request.path;
   }
   static bool hasField(const FakeClientRequest& request, const std::string& name, const std::string& value) {
-    for (const std::string& found : fieldValues(request.headers_, name)) {
-      if (found == value) return true;
-    }
-    return false;
+    const std::vector<std::string> values = fieldValues(request.headers_, name);
+    return std::find(values.begin(), values.end(), value) != values.end();
+  }
+  // A fresh client for the next row of a table.
+  void restart(const std::shared_ptr<BufferChainAllocator>& buffers) {
+    http->requests.clear();
+    client = std::make_shared<ReverseHttpClient>(reactor, buffers, http, RegistrationUrl, "k1");
+    client->setRequestHandler(handler);
   }
 
   // The relay GET that is outstanding.
