@@ -31,6 +31,8 @@ TEST(StringSection, FindsAndTrims) {
   EXPECT_EQ(text.find('x'), StringSection::npos);
   EXPECT_EQ(text.find("b/c"), 2u);
   EXPECT_EQ(text.find("c/"), StringSection::npos);
+  EXPECT_EQ(text.find("", 5), 5u);  // an empty text is found even at the end
+  EXPECT_EQ(text.find("", 6), StringSection::npos);
   EXPECT_EQ(text.rfind('/'), 3u);
   EXPECT_EQ(text.rfind('/', 3), 1u);  // strictly before the position
   EXPECT_EQ(text.rfind('a', 0), StringSection::npos);
