@@ -9,13 +9,11 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/net/socket_loop_fixture.h"
-#include "tests/unit/net/thrown_text.h"
-
 #include "net/asio_socket_factory.h"
-#include "net/buffer_pool.h"
 #include "net/socket_error.h"
 #include "tests/support/log_capture.h"
+#include "tests/unit/net/socket_loop_fixture.h"
+#include "tests/unit/net/thrown_text.h"
 
 namespace quorvel {
 namespace {
@@ -115,13 +113,7 @@ TEST_F(AsioSocketTest, ConnectToAClosedPortIsAConnectionFailure) {
   auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
   listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
   const SocketAddress unused = listener->localAddress();  // bound, never listening
-  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
-  int result = 0;
-  client->connect(unused, [&](int error) {
-    result = error;
-    stop();
-  });
-  run();
+  const int result = connect(*factory_.createSocket(AF_INET, SOCK_STREAM, 0), unused);
   EXPECT_EQ(result, ECONNREFUSED);
   EXPECT_TRUE(isConnectionFailure(result));
   EXPECT_FALSE(isConnectionFailure(EAGAIN));

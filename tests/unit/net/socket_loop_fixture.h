@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "core/asio_reactor.h"
+#include "net/async_socket.h"
 #include "net/buffer_chain_ptr.h"
 #include "net/buffer_pool.h"
 
@@ -31,6 +32,17 @@ class SocketLoopFixture : public ::testing::Test {
   }
 
   void stop() { reactor_->stop(); }
+
+  // Connects and returns the callback's code.
+  int connect(AsyncSocket& socket, const SocketAddress& where) {
+    int result = -1;
+    socket.connect(where, [&](int error) {
+      result = error;
+      stop();
+    });
+    run();
+    return result;
+  }
 
   BufferChainPtr chainOf(const std::string& text) {
     BufferChain chain = pool_.allocate(text.size());
