@@ -24,12 +24,6 @@ class AsioSocketTest : public testing::SocketLoopFixture {
  protected:
   AsioSocketTest() : SocketLoopFixture(8) {}  // small buffers: every transfer spans several
 
-  std::shared_ptr<AsyncSocket> udpOnLoopback() {
-    auto socket = factory_.createSocket(AF_INET, SOCK_DGRAM, 0);
-    socket->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
-    return socket;
-  }
-
   // A listener on a free loopback port; its one connection is read to the
   // end into `received`, then the loop stops.
   std::shared_ptr<AsyncListener> collectingListener(std::string& received) {
@@ -58,7 +52,7 @@ class AsioSocketTest : public testing::SocketLoopFixture {
     });
   }
 
-  AsioSocketFactory factory_{reactor_};
+  AsioSocketFactory& factory_ = plain_;
   std::shared_ptr<AsyncSocket> served_;
   BufferChainPtr inbound_;
 };

@@ -139,8 +139,7 @@ TEST_F(AsioSslSocketTest, FactoryRejectsWhatItCannotMake) {
             "sendTo not supported by stream sockets");
   EXPECT_EQ(thrownText([&] { tls->receiveFrom(chainOf("x"), {}); }), "receiveFrom not supported by stream sockets");
   EXPECT_TRUE(setSslHostName(*tls, "localhost"));
-  AsioSocketFactory plain(reactor_);
-  EXPECT_FALSE(setSslHostName(*plain.createSocket(AF_INET, SOCK_STREAM, 0), "localhost"));
+  EXPECT_FALSE(setSslHostName(*plain_.createSocket(AF_INET, SOCK_STREAM, 0), "localhost"));
 
   EXPECT_EQ(socketErrorText(SslHostNameMismatch), "certificate does not match the host name");
   EXPECT_EQ(socketErrorText(ECONNREFUSED), "Connection refused");
@@ -218,8 +217,7 @@ TEST_F(AsioSslSocketTest, TlsBeforeVersion12IsRefused) {
 
 TEST_F(AsioSslSocketTest, ConnectWithoutHostNameIsRefusedBeforeAnyTraffic) {
   // Nothing listens here: a connection attempt would be refused by the system.
-  AsioSocketFactory plain(reactor_);
-  auto listener = plain.createListener(AF_INET, SOCK_STREAM, 0);
+  auto listener = plain_.createListener(AF_INET, SOCK_STREAM, 0);
   listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
   auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
   EXPECT_EQ(connect(*client, listener->localAddress()), SslNoHostName);
