@@ -284,12 +284,10 @@ TEST_F(NetSessionTest, SilentPeerFailsInBoundedTimeAndReleasesEverything) {
 
 TEST_F(NetSessionTest, EstablishesWithAPeerAndCarriesDatagramsBothWays) {
   ScriptedPeer peer;
-  const auto session = makeSession({remote(Peer)});
-  play(peer, session);
+  const auto session = startWith(peer);
   std::vector<std::string> received;
   session->setDatagramHandler(
       [&](const uint8_t* data, std::size_t size) { received.emplace_back(reinterpret_cast<const char*>(data), size); });
-  start(session);
   reactor_->advance(Duration::milliseconds(5));
   // Not STUN, before establishment: dropped, nothing changes.
   network_.send(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), reinterpret_cast<const uint8_t*>("early"), 5);

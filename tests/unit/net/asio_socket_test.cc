@@ -151,7 +151,6 @@ TEST_F(AsioSocketTest, UdpSendToAndReceiveFrom) {
 struct Target {
   int calls = 0;
   std::size_t bytes = 0;
-  std::string data;
 };
 
 TEST_F(AsioSocketTest, ReleasedSocketStillCompletesWhatIsPending) {
@@ -159,9 +158,8 @@ TEST_F(AsioSocketTest, ReleasedSocketStillCompletesWhatIsPending) {
   const SocketAddress where = receiver->localAddress();
   auto target = std::make_shared<Target>();
   BufferChainPtr inbound(pool_.allocate(16));
-  receiver->receiveFrom(inbound, [target, inbound, this](int error, std::size_t bytes, const SocketAddress&) {
+  receiver->receiveFrom(inbound, [target, inbound, this](int, std::size_t, const SocketAddress&) {
     ++target->calls;
-    target->data = error == 0 ? firstBytes(inbound, bytes) : "error";
     stop();
   });
   std::weak_ptr<Target> watch = target;

@@ -255,16 +255,10 @@ TEST(LocalNetworkInfoTest, ListsLoopbackWithItsFlag) {
     }
   }
   EXPECT_TRUE(loopback);
-
+  // The interface for a family is never the loopback one.
   const InterfaceInfo v4 = info.getInterface(AF_INET);
   EXPECT_FALSE(v4.loopback);
-  if (v4.address.valid()) {
-    EXPECT_EQ(v4.address.family(), AF_INET);
-    EXPECT_FALSE(v4.name.empty());
-  } else {
-    EXPECT_TRUE(v4.name.empty());
-    EXPECT_FALSE(v4.up);
-  }
+  EXPECT_EQ(v4.address.valid(), !v4.name.empty());
 }
 
 }  // namespace
