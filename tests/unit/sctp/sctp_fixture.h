@@ -98,29 +98,36 @@ class SctpFixture : public ::testing::Test {
 
   BufferChainPtr chainOf(const std::string& text) { return BufferChainPtr(testing::chainOf(pool, text)); }
 
-  // Starts a send; what it reports lands in the returned record.
-  Completion& sendText(AsyncSocket& socket, const std::string& text) {
-    Completion& sent = completions.emplace_back();
+  // Starts a send; what it reports lands in `sent`, or in the returned
+  // record the fixture keeps.
+  void sendText(AsyncSocket& socket, const std::string& text, Completion& sent) {
     socket.send(chainOf(text), [&sent, alive = alive](int error, std::size_t bytes) {
       if (!*alive) return;
       sent.done = true;
       sent.error = error;
       sent.bytes = bytes;
     });
+  }
+  Completion& sendText(AsyncSocket& socket, const std::string& text) {
+    Completion& sent = completions.emplace_back();
+    sendText(socket, text, sent);
     return sent;
   }
 
-  // Starts a receive into a chain of `room` bytes.
-  Completion& receiveText(AsyncSocket& socket, std::size_t room) {
-    Completion& got = completions.emplace_back();
+  // Starts a receive into a chain of `room` bytes; the bytes arrive in `text`.
+  void receiveText(AsyncSocket& socket, std::size_t room, Completion& got, std::string& text) {
     BufferChainPtr chain(pool.allocate(room));
-    socket.receive(chain, [&got, chain, alive = alive](int error, std::size_t bytes) {
+    socket.receive(chain, [&got, &text, chain, alive = alive](int error, std::size_t bytes) {
       if (!*alive) return;
       got.done = true;
       got.error = error;
       got.bytes = bytes;
-      got.text = textOf(chain.chain()).substr(0, bytes);
+      text = textOf(chain.chain()).substr(0, bytes);
     });
+  }
+  Completion& receiveText(AsyncSocket& socket, std::size_t room) {
+    Completion& got = completions.emplace_back();
+    receiveText(socket, room, got, got.text);
     return got;
   }
 
