@@ -155,6 +155,10 @@ TEST(MessageParseTest, AttributeWalk) {
   const std::vector<uint8_t> unpadded = datagram(9, std::vector<uint8_t>(record.begin(), record.end() - 3));
   EXPECT_FALSE(m.parse(unpadded.data(), unpadded.size()));
 
+  // A record declaring more than the datagram holds, the total still even.
+  const std::vector<uint8_t> overrun = datagram(8, {0x00, 0x06, 0x00, 0x08, 'a', 'b', 'c', 'd'});
+  EXPECT_FALSE(m.parse(overrun.data(), overrun.size()));
+
   const std::vector<uint8_t> strayBytes = datagram(12, {0x00, 0x06, 0x00, 0x05, 'a', 'b', 'c', 'd', 'e', 0, 0, 0, 1});
   EXPECT_FALSE(m.parse(strayBytes.data(), strayBytes.size()));
 
