@@ -45,6 +45,7 @@ struct ScriptedPeer {
   std::vector<Message> received;
   std::vector<std::vector<uint8_t>> data;
   int useCandidates = 0;
+  bool answerNomination = true;
 };
 
 class NetSessionTest : public ::testing::Test {
@@ -106,8 +107,9 @@ class NetSessionTest : public ::testing::Test {
       Message message = parsed(bytes);
       peer.received.push_back(message);
       if (message.messageClass() != Message::Request) return;
-      if (message.findAttribute(Message::UseCandidate)) ++peer.useCandidates;
-      if (peer.answer) {
+      const bool nomination = message.findAttribute(Message::UseCandidate).has_value();
+      if (nomination) ++peer.useCandidates;
+      if (peer.answer && (peer.answerNomination || !nomination)) {
         Message response(Message::SuccessResponse, Message::MethodBinding, message.transactionId());
         response.addXorMappedAddress(peer.mapped.valid() ? peer.mapped : from);
         stun::addMessageIntegrity(response, PeerPassword);
@@ -154,6 +156,8 @@ class NetSessionTest : public ::testing::Test {
 
 TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
   networkInfo_->add("lo", AF_INET, "127.0.0.1", true, true);
+  networkInfo_->add("lo", AF_INET, "10.0.9.2", true, true);  // loopback interface, routable-looking address
+  networkInfo_->add("dummy0", AF_INET6, "::1");               // loopback address on another interface
   networkInfo_->add("eth1", AF_INET, "10.0.1.2", false);
   networkInfo_->add("eth0", AF_INET6, "2001:db8::2");
   networkInfo_->add("eth0", AF_INET6, "fe80::2");
@@ -280,12 +284,10 @@ TEST_F(NetSessionTest, SilentPeerFailsInBoundedTimeAndReleasesEverything) {
 
 TEST_F(NetSessionTest, EstablishesWithAPeerAndCarriesDatagramsBothWays) {
   ScriptedPeer peer;
-  const auto session = makeSession({remote(Peer)});
-  play(peer, session);
+  const auto session = startWith(peer);
   std::vector<std::string> received;
   session->setDatagramHandler(
       [&](const uint8_t* data, std::size_t size) { received.emplace_back(reinterpret_cast<const char*>(data), size); });
-  start(session);
   reactor_->advance(Duration::milliseconds(5));
   // Not STUN, before establishment: dropped, nothing changes.
   network_.send(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), reinterpret_cast<const uint8_t*>("early"), 5);
@@ -337,6 +339,22 @@ TEST_F(NetSessionTest, ASilentBetterPairDelaysTheNominationOnlyBriefly) {
   ASSERT_EQ(Session::Event::Established, events_.back());
   EXPECT_EQ(Peer, session->remoteAddress());
   EXPECT_EQ(1, peer.useCandidates);
+}
+
+// A pair that succeeds while the nomination is still out starts no second one.
+TEST_F(NetSessionTest, OneNominationAtATime) {
+  ScriptedPeer best, other;
+  best.checkBack = other.checkBack = false;
+  best.answerNomination = false;
+  other.address = other.answerFrom = SocketAddress(AF_INET, "198.51.100.3", 6001);
+  const auto session = makeSession({remote(Peer), remote(other.address, 1694498815u)});
+  play(best, session);
+  play(other, session);
+  start(session);
+  reactor_->advance(Duration::milliseconds(80));  // both checks answered, short of a retransmission
+  ASSERT_EQ(1u, other.received.size());
+  EXPECT_EQ(2u, session->validPairs().size());
+  EXPECT_EQ(1, best.useCandidates + other.useCandidates);
 }
 
 TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {

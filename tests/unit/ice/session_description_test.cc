@@ -84,21 +84,6 @@ TEST(SessionDescriptionLine, AcceptsRefusesOrThrows) {
                std::invalid_argument);
 }
 
-TEST(SessionDescriptionLine, FieldsLandInTheCandidate) {
-  SessionDescription description;
-  ASSERT_TRUE(parseDescriptionLine("candidate=abc 1 UDP 1694498815 fe80::1 61000 typ srflx", description));
-  ASSERT_TRUE(parseDescriptionLine("userfrag=first", description));
-  ASSERT_TRUE(parseDescriptionLine("userfrag=second", description));
-  ASSERT_TRUE(parseDescriptionLine("password=secret", description));
-  const Candidate& candidate = *description.candidates.at(0);
-  EXPECT_EQ("abc", candidate.foundation);
-  EXPECT_EQ(1694498815u, candidate.priority);
-  EXPECT_EQ(CandidateType::ServerReflexive, candidate.type);
-  EXPECT_EQ(SocketAddress(AF_INET6, "fe80::1", 61000), candidate.address);
-  EXPECT_EQ("second", description.userFragment);
-  EXPECT_EQ("secret", description.password);
-}
-
 TEST(SessionDescription, PrintsExactlyAndParsesBack) {
   SessionDescription description;
   description.candidates.push_back(std::make_shared<Candidate>(
@@ -124,8 +109,10 @@ TEST(SessionDescription, PrintsExactlyAndParsesBack) {
 
 TEST(SessionDescription, WholeTextStopsAtTheFirstMalformedLine) {
   SessionDescription description;
-  EXPECT_TRUE(parseDescription("userfrag=a\r\npassword=b\r\n\r\n", description));
+  // The last of repeated credentials holds.
+  EXPECT_TRUE(parseDescription("userfrag=z\r\nuserfrag=a\r\npassword=b\r\n\r\n", description));
   EXPECT_EQ("a", description.userFragment);
+  EXPECT_EQ("b", description.password);
   EXPECT_FALSE(parseDescription("userfrag=a\nnonsense\npassword=b\n", description));
 }
 

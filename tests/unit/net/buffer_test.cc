@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -21,14 +22,24 @@ using ::testing::ThrowsMessage;
 // Buffers of 4 bytes so that every boundary is a few bytes away.
 class ChainTest : public ::testing::Test {
  protected:
-  ~ChainTest() override { EXPECT_EQ(pool_.freeBuffers(), pool_.totalBuffers()) << "buffers leaked"; }
+  ~ChainTest() override {
+    for (BufferChain& chain : held_) chain.releaseBuffers();
+    EXPECT_EQ(pool_.freeBuffers(), pool_.totalBuffers()) << "buffers leaked";
+  }
 
-  // A chain holding `text`, split over buffers of 4 bytes.
-  BufferChain make(const std::string& text) {
+  // A chain the fixture releases at the end.
+  BufferChain& held(const BufferChain& chain = BufferChain()) {
+    held_.push_back(chain);
+    return held_.back();
+  }
+
+  // A chain holding `text`, split over buffers of 4 bytes; make() holds it.
+  BufferChain filled(const std::string& text) {
     BufferChain chain = pool_.allocate(text.size());
     copyToChain(text.data(), text.data() + text.size(), chain.begin());
     return chain;
   }
+  BufferChain& make(const std::string& text) { return held(filled(text)); }
 
   static std::string text(const BufferChain& chain) { return std::string(chain.begin(), chain.end()); }
 
@@ -39,6 +50,7 @@ class ChainTest : public ::testing::Test {
   }
 
   BufferPool pool_{4, 0, 0};
+  std::deque<BufferChain> held_;
 };
 
 TEST_F(ChainTest, AllocateSplitsIntoFullBuffersAndARemainder) {
@@ -57,22 +69,21 @@ TEST_F(ChainTest, AllocateSplitsIntoFullBuffersAndARemainder) {
 }
 
 TEST_F(ChainTest, AppendLinksWithoutCopying) {
-  BufferChain a = make("abcdef");
-  BufferChain b = make("gh");
+  BufferChain& a = make("abcdef");
+  BufferChain& b = make("gh");
   Buffer* bFirst = b.first();
   a.append(b);
   EXPECT_TRUE(b.empty());
   EXPECT_EQ(text(a), "abcdefgh");
   EXPECT_EQ(a.first()->next->next, bFirst);
-  BufferChain empty;
+  BufferChain& empty = held();
   empty.append(a);
   EXPECT_EQ(text(empty), "abcdefgh");
-  empty.releaseBuffers();
 }
 
-TEST_F(ChainTest, TrimFrontByCount) {
-  BufferChain chain = make("abcdefghij");  // 4 + 4 + 2
-  BufferChain removed;
+TEST_F(ChainTest, TrimFrontByCountOrIterator) {
+  BufferChain& chain = make("abcdefghij");  // 4 + 4 + 2
+  BufferChain& removed = held();
   chain.trimFront(1, removed);
   EXPECT_TRUE(removed.empty());
   EXPECT_EQ(chain.first()->offset, 1u);
@@ -86,37 +97,28 @@ TEST_F(ChainTest, TrimFrontByCount) {
   EXPECT_THROW(chain.trimFront(5, removed), std::invalid_argument);
   EXPECT_EQ(text(chain), "ghij");
   EXPECT_THAT([&] { chain.trimFront(5); }, ThrowsMessage<std::invalid_argument>(StrEq("Trim count too big")));
-
   chain.trimFront(4, removed);
   EXPECT_TRUE(chain.empty());
   EXPECT_EQ(removed.count(), 3u);
-  removed.releaseBuffers();
-}
 
-TEST_F(ChainTest, TrimFrontByIterator) {
-  BufferChain chain = make("abcdefghij");
-  BufferChain removed;
-  chain.trimFront(chain.begin() + 4, removed);  // lands on the second buffer's start
-  EXPECT_EQ(text(removed), "abcd");
-  EXPECT_EQ(text(chain), "efghij");
-  chain.trimFront(chain.begin() + 1, removed);
-  EXPECT_EQ(text(chain), "fghij");
-
-  BufferChain other = make("xy");
-  EXPECT_THROW(chain.trimFront(other.begin(), removed), std::invalid_argument);
-  EXPECT_EQ(text(chain), "fghij");
-
-  chain.trimFront(chain.end(), removed);
-  EXPECT_TRUE(chain.empty());
-  EXPECT_EQ(text(removed), "abcdfghij");
-  removed.releaseBuffers();
-  other.releaseBuffers();
+  BufferChain& other = make("abcdefghij");
+  BufferChain& cut = held();
+  other.trimFront(other.begin() + 4, cut);  // lands on the second buffer's start
+  EXPECT_EQ(text(cut), "abcd");
+  EXPECT_EQ(text(other), "efghij");
+  other.trimFront(other.begin() + 1, cut);
+  EXPECT_EQ(text(other), "fghij");
+  EXPECT_THROW(other.trimFront(make("xy").begin(), cut), std::invalid_argument);
+  EXPECT_EQ(text(other), "fghij");
+  other.trimFront(other.end(), cut);
+  EXPECT_TRUE(other.empty());
+  EXPECT_EQ(text(cut), "abcdfghij");
 }
 
 TEST_F(ChainTest, TruncateKeepsOffsetsAndDetachesTail) {
-  BufferChain chain = make("abcdefghij");
+  BufferChain& chain = make("abcdefghij");
   chain.trimFront(1);
-  BufferChain tail;
+  BufferChain& tail = held();
   chain.truncate(3, tail);  // exactly the end of the first buffer: kept whole
   EXPECT_EQ(text(chain), "bcd");
   EXPECT_EQ(text(tail), "efghij");
@@ -128,50 +130,42 @@ TEST_F(ChainTest, TruncateKeepsOffsetsAndDetachesTail) {
   chain.releaseBuffers();
   EXPECT_THAT([&] { chain.truncate(0, tail); },
               ThrowsMessage<std::invalid_argument>(StrEq("Can't increase BufferChain size")));
-  tail.releaseBuffers();
 }
 
 TEST_F(ChainTest, Resize) {
-  BufferChain chain = make("abcde");
+  BufferChain& chain = make("abcde");
   ASSERT_TRUE(chain.resize(7, pool_));
   EXPECT_EQ(lengths(chain), (std::vector<uint32_t>{4, 1, 2}));
   ASSERT_TRUE(chain.resize(3, pool_));
   EXPECT_EQ(text(chain), "abc");
   EXPECT_EQ(pool_.freeBuffers(), pool_.totalBuffers() - 1);
-  chain.releaseBuffers();
 }
 
-TEST_F(ChainTest, SplitAtBoundaryMovesBuffers) {
-  BufferChain chain = make("abcdefghij");
+// At a boundary the buffers move; inside a buffer only its rest is copied.
+TEST_F(ChainTest, SplitMovesWholeBuffersAndCopiesOnlyAPartOne) {
+  BufferChain& chain = make("abcdefghij");
   Buffer* second = chain.first()->next;
-  BufferChain tail = chain.splitAt(4, pool_);
+  BufferChain& tail = held(chain.splitAt(4, pool_));
   EXPECT_EQ(tail.first(), second);
   EXPECT_EQ(text(chain), "abcd");
   EXPECT_EQ(text(tail), "efghij");
   EXPECT_TRUE(chain.splitAt(5, pool_).empty());
   EXPECT_EQ(text(chain), "abcd");
   EXPECT_TRUE(chain.splitAt(4, pool_).empty());  // at the end: nothing follows
-  chain.releaseBuffers();
-  tail.releaseBuffers();
-}
 
-TEST_F(ChainTest, SplitInsideABufferCopiesOnlyItsRest) {
-  BufferChain chain = make("abcdefghij");
-  Buffer* third = chain.first()->next->next;
-  BufferChain tail = chain.splitAt(5, pool_);
-  EXPECT_EQ(text(chain), "abcde");
-  EXPECT_EQ(text(tail), "fghij");
-  EXPECT_EQ(lengths(tail), (std::vector<uint32_t>{3, 2}));
-  EXPECT_EQ(tail.first()->next, third);
-
-  BufferChain whole = chain.splitAt(0, pool_);
-  EXPECT_EQ(text(whole), "abcde");
-  EXPECT_EQ(lengths(chain), (std::vector<uint32_t>{0}));
-  for (BufferChain* c : {&chain, &tail, &whole}) c->releaseBuffers();
+  BufferChain& other = make("abcdefghij");
+  Buffer* third = other.first()->next->next;
+  BufferChain& rest = held(other.splitAt(5, pool_));
+  EXPECT_EQ(text(other), "abcde");
+  EXPECT_EQ(text(rest), "fghij");
+  EXPECT_EQ(lengths(rest), (std::vector<uint32_t>{3, 2}));
+  EXPECT_EQ(rest.first()->next, third);
+  EXPECT_EQ(text(held(other.splitAt(0, pool_))), "abcde");
+  EXPECT_EQ(lengths(other), (std::vector<uint32_t>{0}));
 }
 
 TEST_F(ChainTest, IteratorNeverRestsAtABufferEnd) {
-  BufferChain chain = make("abcdefghij");
+  BufferChain& chain = make("abcdefghij");
   BufferChain::Iterator it = chain.begin() + 4;
   EXPECT_EQ(it.buffer(), chain.first()->next);
   EXPECT_EQ(*it, 'e');
@@ -183,11 +177,10 @@ TEST_F(ChainTest, IteratorNeverRestsAtABufferEnd) {
   EXPECT_EQ(it, chain.begin() + 4);
   EXPECT_EQ(it.nextSegment().data(), chain.first()->next->next->data());
   EXPECT_EQ(std::distance(chain.begin(), chain.end()), 10);
-  chain.releaseBuffers();
 }
 
 TEST_F(ChainTest, WritesFillBuffersAndStopAtTheEnd) {
-  BufferChain chain = pool_.allocate(10);
+  BufferChain& chain = held(pool_.allocate(10));
   const std::string data = "0123456789X";
   EXPECT_EQ(copyToChain(data.data(), data.data() + 0, chain.begin()), chain.begin());
   BufferChain::Iterator it = copyToChain(data.data(), data.data() + 4, chain.begin());
@@ -195,7 +188,7 @@ TEST_F(ChainTest, WritesFillBuffersAndStopAtTheEnd) {
   EXPECT_EQ(copyToChain(data.data() + 4, data.data() + 10, it), chain.end());
   EXPECT_EQ(text(chain), "0123456789");
 
-  BufferChain fresh = pool_.allocate(10);
+  BufferChain& fresh = held(pool_.allocate(10));
   EXPECT_THAT([&] { copyToChain(data.data(), data.data() + 11, fresh.begin()); },
               ThrowsMessage<std::out_of_range>(StrEq("BufferChain write out of range")));
   EXPECT_EQ(text(fresh), "0123456789");  // what fitted stays written
@@ -204,12 +197,10 @@ TEST_F(ChainTest, WritesFillBuffersAndStopAtTheEnd) {
   EXPECT_THROW(copyToChain(values.begin(), values.end(), chain.begin() + 6), std::out_of_range);
   EXPECT_EQ(copyToChain(values.begin(), values.begin() + 4, chain.begin() + 6), chain.end());
   EXPECT_EQ(text(chain), "012345wxyz");
-  chain.releaseBuffers();
-  fresh.releaseBuffers();
 }
 
 TEST_F(ChainTest, CopiesBetweenChainsWithDifferentSegmentation) {
-  BufferChain source = make("abcdefghij");
+  BufferChain& source = make("abcdefghij");
   source.trimFront(3);  // segments of 1, 4, 2
   BufferPool wide(3, 0, 0);
   BufferChain target = wide.allocate(8);  // segments of 3, 3, 2
@@ -226,7 +217,7 @@ TEST_F(ChainTest, CopiesBetweenChainsWithDifferentSegmentation) {
 }
 
 TEST_F(ChainTest, ScopedChainsMarkHeldAndRelease) {
-  BufferChain chain = make("abcdef");
+  BufferChain chain = filled("abcdef");
   Buffer* first = chain.first();
   {
     BufferChainPtr ptr(chain);
@@ -238,11 +229,11 @@ TEST_F(ChainTest, ScopedChainsMarkHeldAndRelease) {
   }
   EXPECT_EQ(pool_.freeBuffers(), pool_.totalBuffers());
 
-  BufferChainPtr kept(make("xyz"));
+  BufferChainPtr kept(filled("xyz"));
   BufferChain back = kept.release();
   EXPECT_EQ(back.first()->held, 0u);
   EXPECT_TRUE(kept.chain().empty());
-  kept = make("more");
+  kept = filled("more");
   kept.reset();
   EXPECT_EQ(text(back), "xyz");
   back.releaseBuffers();

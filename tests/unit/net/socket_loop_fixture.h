@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "core/asio_reactor.h"
+#include "net/asio_socket_factory.h"
 #include "net/buffer_chain_ptr.h"
 #include "net/buffer_pool.h"
 
@@ -32,6 +33,23 @@ class SocketLoopFixture : public ::testing::Test {
 
   void stop() { reactor_->stop(); }
 
+  std::shared_ptr<AsyncSocket> udpOnLoopback() {
+    auto socket = plain_.createSocket(AF_INET, SOCK_DGRAM, 0);
+    socket->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+    return socket;
+  }
+
+  // Connects and returns the callback's code.
+  int connect(AsyncSocket& socket, const SocketAddress& where) {
+    int result = -1;
+    socket.connect(where, [&](int error) {
+      result = error;
+      stop();
+    });
+    run();
+    return result;
+  }
+
   BufferChainPtr chainOf(const std::string& text) {
     BufferChain chain = pool_.allocate(text.size());
     copyToChain(text.data(), text.data() + text.size(), chain.begin());
@@ -44,6 +62,7 @@ class SocketLoopFixture : public ::testing::Test {
 
   std::shared_ptr<AsioReactor> reactor_ = std::make_shared<AsioReactor>();
   BufferPool pool_;
+  AsioSocketFactory plain_{reactor_};
   bool timedOut_ = false;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <deque>
 #include <memory>
 #include <string>
 
@@ -20,11 +21,12 @@ namespace testing {
 
 inline SocketAddress p2p(uint16_t port) { return SocketAddress(SocketAddress::FamilySpecial, std::string(), port); }
 
-// What one operation reported.
+// What one operation reported (a receive: with the bytes as text).
 struct Completion {
   bool done = false;
   int error = -1;
   std::size_t bytes = 0;
+  std::string text;
 };
 
 // Two SCTP endpoints in this process, the device's and the client's, each on
@@ -96,6 +98,8 @@ class SctpFixture : public ::testing::Test {
 
   BufferChainPtr chainOf(const std::string& text) { return BufferChainPtr(testing::chainOf(pool, text)); }
 
+  // Starts a send; what it reports lands in `sent`, or in the returned
+  // record the fixture keeps.
   void sendText(AsyncSocket& socket, const std::string& text, Completion& sent) {
     socket.send(chainOf(text), [&sent, alive = alive](int error, std::size_t bytes) {
       if (!*alive) return;
@@ -103,6 +107,11 @@ class SctpFixture : public ::testing::Test {
       sent.error = error;
       sent.bytes = bytes;
     });
+  }
+  Completion& sendText(AsyncSocket& socket, const std::string& text) {
+    Completion& sent = completions.emplace_back();
+    sendText(socket, text, sent);
+    return sent;
   }
 
   // Starts a receive into a chain of `room` bytes; the bytes arrive in `text`.
@@ -116,14 +125,17 @@ class SctpFixture : public ::testing::Test {
       text = textOf(chain.chain()).substr(0, bytes);
     });
   }
+  Completion& receiveText(AsyncSocket& socket, std::size_t room) {
+    Completion& got = completions.emplace_back();
+    receiveText(socket, room, got, got.text);
+    return got;
+  }
 
   // Reads until `size` bytes, the end or an error, or until time runs out.
   std::string readAll(AsyncSocket& socket, std::size_t size, int maxMilliseconds = 10000) {
     std::string all;
     for (int waited = 0; all.size() < size && waited < maxMilliseconds;) {
-      Completion got;
-      std::string text;
-      receiveText(socket, 64 * 1024, got, text);
+      const Completion& got = receiveText(socket, 64 * 1024);
       while (!got.done && waited < maxMilliseconds) {
         run(10);
         waited += 10;
@@ -134,12 +146,13 @@ class SctpFixture : public ::testing::Test {
         break;
       }
       if (got.error || got.bytes == 0) break;
-      all += text;
+      all += got.text;
     }
     return all;
   }
 
   std::shared_ptr<bool> alive = std::make_shared<bool>(true);
+  std::deque<Completion> completions;
   BufferPool pool{512, 0, 0};
   std::shared_ptr<ManualReactor> reactor;
   std::shared_ptr<SctpUdpService> service;

@@ -22,9 +22,7 @@ TEST_F(Misuse, IsRefusedWithItsOwnText) {
   std::shared_ptr<AsyncSocket> fresh = clientLink->createSocket(SocketAddress::FamilySpecial, SOCK_STREAM, 0);
   const SocketAddress ipv4(2, "198.18.1.2", 5000);
   const AsyncSocket::TransferCallback ignore = [](int, std::size_t) {};
-  Completion pending;
-  std::string text;
-  receiveText(*accepted, 10, pending, text);
+  receiveText(*accepted, 10);
 
   const struct {
     const char* text;
@@ -52,8 +50,7 @@ TEST_F(Misuse, IsRefusedWithItsOwnText) {
   for (const auto& c : cases) EXPECT_EQ(thrownText(c.call), c.text);
 
   // A second send while one waits for room.
-  Completion big;
-  sendText(*client, std::string(3 * 1024 * 1024, 'x'), big);
+  sendText(*client, std::string(3 * 1024 * 1024, 'x'));
   EXPECT_EQ(thrownText([&] { client->send(chainOf("x"), ignore); }), "Unexpected send call");
 }
 

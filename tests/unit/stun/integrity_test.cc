@@ -1,5 +1,6 @@
 #include "stun/integrity.h"
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -134,41 +135,35 @@ TEST(IntegrityTest, CredentialsThenFingerprintStillVerify) {
   EXPECT_FALSE(isStunMessage(full.data(), full.size(), true));
 }
 
-TEST(ClassifierTest, HeaderChecks) {
-  Message bare(Message::Request, 1, SampleId);
-  EXPECT_TRUE(isStunMessage(bare.data(), bare.size(), false));
-  EXPECT_FALSE(isStunMessage(bare.data(), bare.size(), true));
-  EXPECT_FALSE(isStunMessage(bare.data(), 19, false));
-
-  std::vector<uint8_t> bytes = bare.bytes();
-  bytes[7] ^= 1;  // cookie
-  EXPECT_FALSE(isStunMessage(bytes.data(), bytes.size(), false));
-  bytes = bare.bytes();
-  bytes[3] = 4;  // length beyond the datagram
-  EXPECT_FALSE(isStunMessage(bytes.data(), bytes.size(), false));
-  bytes = bare.bytes();
-  bytes[0] = 0xC0;  // left to parse
-  EXPECT_TRUE(isStunMessage(bytes.data(), bytes.size(), false));
-}
-
-TEST(ClassifierTest, FingerprintWalk) {
+TEST(ClassifierTest, HeaderAndFingerprintChecks) {
   Message m(Message::Request, 1, SampleId);
   m.addStringAttribute(Message::Software, "abc");
-  EXPECT_FALSE(isStunMessage(m.data(), m.size(), true));  // no fingerprint
+  const std::vector<uint8_t> bare = m.bytes();
   addFingerprint(m);
-  EXPECT_TRUE(isStunMessage(m.data(), m.size(), true));
-
-  // A fingerprint of the wrong length, and a record overrunning the datagram.
-  std::vector<uint8_t> bytes = m.bytes();
-  storeBigEndian16(bytes.data() + bytes.size() - 6, 3);
-  EXPECT_FALSE(isStunMessage(bytes.data(), bytes.size(), true));
-  bytes = m.bytes();
-  storeBigEndian16(bytes.data() + 22, 200);
-  EXPECT_FALSE(isStunMessage(bytes.data(), bytes.size(), true));
-  // Trailing bytes after the header area without a whole record.
-  bytes = m.bytes();
-  bytes.resize(bytes.size() - 1);
-  EXPECT_FALSE(isStunMessage(bytes.data(), bytes.size(), true));
+  const std::vector<uint8_t> signed_ = m.bytes();
+  using Bytes = std::vector<uint8_t>;
+  const struct {
+    const char* name;
+    const Bytes& from;
+    std::function<void(Bytes&)> change;
+    bool fingerprint, stun;
+  } table[] = {
+      {"no fingerprint needed", bare, [](Bytes&) {}, false, true},
+      {"no fingerprint", bare, [](Bytes&) {}, true, false},
+      {"fingerprint", signed_, [](Bytes&) {}, true, true},
+      {"short header", bare, [](Bytes& b) { b.resize(19); }, false, false},
+      {"cookie", bare, [](Bytes& b) { b[7] ^= 1; }, false, false},
+      {"length beyond the datagram", bare, [](Bytes& b) { b[3] += 4; }, false, false},
+      {"top bits: left to parse", bare, [](Bytes& b) { b[0] = 0xC0; }, false, true},
+      {"fingerprint of the wrong length", signed_, [](Bytes& b) { storeBigEndian16(b.data() + b.size() - 6, 3); }, true, false},
+      {"record overrunning the datagram", signed_, [](Bytes& b) { storeBigEndian16(b.data() + 22, 200); }, true, false},
+      {"trailing part of a record", signed_, [](Bytes& b) { b.pop_back(); }, true, false},
+  };
+  for (const auto& row : table) {
+    Bytes bytes = row.from;
+    row.change(bytes);
+    EXPECT_EQ(row.stun, isStunMessage(bytes.data(), bytes.size(), row.fingerprint)) << row.name;
+  }
 }
 
 }  // namespace

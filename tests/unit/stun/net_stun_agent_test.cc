@@ -40,10 +40,6 @@ class AgentTest : public ::testing::Test {
     capture_ = LogCapture::install();
   }
 
-  std::shared_ptr<NetStunAgent> makeAgent(Duration minInterval) {
-    return std::make_shared<NetStunAgent>(reactor_, pool_, minInterval);
-  }
-
   MessagePtr request(uint8_t idByte) {
     TransactionId id{};
     id.fill(idByte);
@@ -60,14 +56,25 @@ class AgentTest : public ::testing::Test {
     return response.bytes();
   }
 
-  StunAgent::ResponseCallback recordInto(Outcome& outcome) {
-    return [&outcome](int error, const MessagePtr& response, const SocketAddress& from, const SocketAddress& local) {
-      ++outcome.calls;
-      outcome.error = error;
-      outcome.response = response;
-      outcome.from = from;
-      outcome.local = local;
-    };
+  // Sends `message` to the server with an RTO of 100 ms; the answer lands in `outcome`.
+  RequestHandle send(const MessagePtr& message, Outcome& outcome, Duration limit = Duration::seconds(1),
+                     const std::string& key = "", Duration rto = Duration::milliseconds(100)) {
+    return agent_->sendRequest(
+        message, socket_, server_, rto, limit, key,
+        [&outcome](int error, const MessagePtr& response, const SocketAddress& from, const SocketAddress& local) {
+          ++outcome.calls;
+          outcome.error = error;
+          outcome.response = response;
+          outcome.from = from;
+          outcome.local = local;
+        });
+  }
+
+  // Hands a datagram to the agent as if it came from `from`.
+  bool arrive(const std::vector<uint8_t>& bytes, bool requireFingerprint = true,
+              const StunAgent::RequestHandler& handler = {}, const SocketAddress& from = SocketAddress()) {
+    return agent_->handleDatagram(socket_, from.valid() ? from : server_, bytes.data(), bytes.size(),
+                                  requireFingerprint, handler);
   }
 
   static std::vector<int64_t> sendTimesMs(const FakeSocket& socket, Time start) {
@@ -81,41 +88,42 @@ class AgentTest : public ::testing::Test {
   std::shared_ptr<FakeSocket> socket_ =
       std::make_shared<FakeSocket>(reactor_, nullptr, SocketAddress(2, "127.0.0.1", 5000));
   const SocketAddress server_{2, "127.0.0.1", 3478};
+  std::shared_ptr<NetStunAgent> agent_ = std::make_shared<NetStunAgent>(reactor_, pool_, Duration());
   std::shared_ptr<LogCapture> capture_;
 };
 
 TEST_F(AgentTest, OnlyRequestsStartTransactions) {
-  auto agent = makeAgent(Duration());
-  TransactionId id{};
-  auto indication = std::make_shared<Message>(Message::Indication, 1, id);
-  EXPECT_THAT([&] { agent->sendRequest(indication, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {}); },
+  auto indication = std::make_shared<Message>(Message::Indication, 1, TransactionId{});
+  EXPECT_THAT([&] { agent_->sendRequest(indication, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {}); },
               ThrowsMessage<std::logic_error>(StrEq("sendRequest: Not a request")));
-  EXPECT_THROW(agent->sendRequest(nullptr, socket_, server_, Duration(), Duration(), "", {}), std::logic_error);
-  EXPECT_EQ(agent->pendingCount(), 0u);
+  EXPECT_THROW(agent_->sendRequest(nullptr, socket_, server_, Duration(), Duration(), "", {}), std::logic_error);
+  EXPECT_EQ(agent_->pendingCount(), 0u);
   EXPECT_TRUE(socket_->datagrams.empty());
 }
 
 TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
-  auto agent = makeAgent(Duration());
-  const Time start = reactor_->clock().now();
-  Outcome outcome;
-  const MessagePtr message = request(7);
-  agent->sendRequest(message, socket_, server_, Duration::milliseconds(100), Duration::milliseconds(2000), "",
-                     recordInto(outcome));
-  EXPECT_EQ(sendTimesMs(*socket_, start), std::vector<int64_t>{0});  // the first goes at once
-  reactor_->advance(Duration::seconds(5));
+  // An RTO of zero sends once and waits out the limit.
+  for (const int64_t rto : {100, 0}) {
+    socket_->datagrams.clear();
+    const Time start = reactor_->clock().now();
+    Outcome outcome;
+    const MessagePtr message = request(7);
+    send(message, outcome, Duration::milliseconds(2000), "", Duration::milliseconds(rto));
+    EXPECT_EQ(sendTimesMs(*socket_, start), std::vector<int64_t>{0});  // the first goes at once
+    reactor_->advance(Duration::seconds(5));
 
-  EXPECT_EQ(sendTimesMs(*socket_, start), (std::vector<int64_t>{0, 100, 300, 700, 1500}));
-  for (const FakeSocket::Datagram& s : socket_->datagrams) {
-    EXPECT_EQ(s.bytes, message->bytes());
-    EXPECT_EQ(s.to, server_);
+    EXPECT_EQ(sendTimesMs(*socket_, start),
+              (rto ? std::vector<int64_t>{0, 100, 300, 700, 1500} : std::vector<int64_t>{0}));
+    for (const FakeSocket::Datagram& s : socket_->datagrams) {
+      EXPECT_EQ(s.bytes, message->bytes());
+      EXPECT_EQ(s.to, server_);
+    }
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_EQ(outcome.error, ETIMEDOUT);
+    EXPECT_FALSE(outcome.response);
+    EXPECT_EQ(agent_->pendingCount(), 0u);
+    EXPECT_EQ(reactor_->pending(), 0u);
   }
-  EXPECT_EQ(outcome.calls, 1);
-  EXPECT_EQ(outcome.error, ETIMEDOUT);
-  EXPECT_FALSE(outcome.response);
-  EXPECT_EQ(agent->pendingCount(), 0u);
-  EXPECT_EQ(reactor_->pending(), 0u);
-
   // All its lines are debug lines of its own log.
   for (const LogCapture::Line& line : capture_->lines()) {
     EXPECT_EQ(line.log, "stunagent");
@@ -123,116 +131,96 @@ TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
   }
 }
 
-TEST_F(AgentTest, ZeroRtoSendsOnceAndWaits) {
-  auto agent = makeAgent(Duration());
-  Outcome outcome;
-  agent->sendRequest(request(1), socket_, server_, Duration(), Duration::milliseconds(500), "", recordInto(outcome));
-  reactor_->advance(Duration::seconds(1));
-  EXPECT_EQ(socket_->datagrams.size(), 1u);
-  EXPECT_EQ(outcome.error, ETIMEDOUT);
-}
-
 TEST_F(AgentTest, MatchesResponsesByIdAndChecksIntegrityWhenKeyed) {
-  auto agent = makeAgent(Duration());
   Outcome outcome;
   const MessagePtr message = request(9);
-  agent->sendRequest(message, socket_, server_, Duration::milliseconds(100), Duration::seconds(10), "secret",
-                     recordInto(outcome));
+  send(message, outcome, Duration::seconds(10), "secret");
   reactor_->advance(Duration::milliseconds(50));
 
-  const std::vector<uint8_t> stranger = answer(*request(8), "secret");
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, stranger.data(), stranger.size(), true, {}));
-  const std::vector<uint8_t> unsigned_ = answer(*message);
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, unsigned_.data(), unsigned_.size(), true, {}));
-  const std::vector<uint8_t> forged = answer(*message, "guess");
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, forged.data(), forged.size(), true, {}));
+  // From a stranger, unsigned, signed with the wrong key: used up, ignored.
+  EXPECT_TRUE(arrive(answer(*request(8), "secret")));
+  EXPECT_TRUE(arrive(answer(*message)));
+  EXPECT_TRUE(arrive(answer(*message, "guess")));
   EXPECT_EQ(outcome.calls, 0);
-  EXPECT_EQ(agent->pendingCount(), 1u);
+  EXPECT_EQ(agent_->pendingCount(), 1u);
 
   reactor_->advance(Duration::milliseconds(300));  // retransmissions went on meanwhile
   EXPECT_EQ(socket_->datagrams.size(), 3u);
 
   const SocketAddress from(2, "127.0.0.1", 3479);
   const std::vector<uint8_t> good = answer(*message, "secret", Message::ErrorResponse);
-  EXPECT_TRUE(agent->handleDatagram(socket_, from, good.data(), good.size(), true, {}));
+  EXPECT_TRUE(arrive(good, true, {}, from));
   EXPECT_EQ(outcome.calls, 1);
   EXPECT_EQ(outcome.error, 0);
   ASSERT_TRUE(outcome.response);
   EXPECT_EQ(outcome.response->messageClass(), Message::ErrorResponse);
   EXPECT_EQ(outcome.from, from);
   EXPECT_EQ(outcome.local, SocketAddress(2, "127.0.0.1", 5000));
-  EXPECT_EQ(agent->pendingCount(), 0u);
+  EXPECT_EQ(agent_->pendingCount(), 0u);
 
   reactor_->advance(Duration::seconds(20));
   EXPECT_EQ(socket_->datagrams.size(), 3u);
-  EXPECT_EQ(outcome.calls, 1);
   // A duplicate of the answer finds nothing any more.
-  EXPECT_TRUE(agent->handleDatagram(socket_, from, good.data(), good.size(), true, {}));
+  EXPECT_TRUE(arrive(good, true, {}, from));
   EXPECT_EQ(outcome.calls, 1);
 }
 
 TEST_F(AgentTest, UnkeyedRequestsTakeAnyResponse) {
-  auto agent = makeAgent(Duration());
   Outcome outcome;
   const MessagePtr message = request(3);
-  agent->sendRequest(message, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
-                     recordInto(outcome));
-  const std::vector<uint8_t> signed_ = answer(*message, "whatever");
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, signed_.data(), signed_.size(), false, {}));
+  send(message, outcome);
+  EXPECT_TRUE(arrive(answer(*message, "whatever"), false));
   EXPECT_EQ(outcome.error, 0);
   EXPECT_EQ(outcome.response->getMappedAddress(), SocketAddress(2, "198.18.0.7", 40000));
 }
 
 TEST_F(AgentTest, ClassifiesAndDispatchesIncomingDatagrams) {
-  auto agent = makeAgent(Duration());
   int defaultCalls = 0, ownCalls = 0;
   MessagePtr seen;
-  agent->setRequestHandler([&defaultCalls, &seen](const std::shared_ptr<AsyncSocket>&, const SocketAddress&,
-                                                  const MessagePtr& m) {
+  agent_->setRequestHandler([&](const std::shared_ptr<AsyncSocket>&, const SocketAddress&, const MessagePtr& m) {
     ++defaultCalls;
     seen = m;
   });
-  const StunAgent::RequestHandler own = [&ownCalls](const std::shared_ptr<AsyncSocket>&, const SocketAddress&,
-                                                    const MessagePtr&) { ++ownCalls; };
+  const StunAgent::RequestHandler own = [&](const std::shared_ptr<AsyncSocket>&, const SocketAddress&,
+                                            const MessagePtr&) { ++ownCalls; };
 
   const std::vector<uint8_t> rtp = {0x80, 0x60, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-  EXPECT_FALSE(agent->handleDatagram(socket_, server_, rtp.data(), rtp.size(), false, own));
+  EXPECT_FALSE(arrive(rtp, false, own));
   EXPECT_TRUE(capture_->lines().empty());
 
   Message check = *request(5);
   check.addStringAttribute(Message::Username, "a:b");
   const std::vector<uint8_t> noFingerprint = check.bytes();
-  EXPECT_FALSE(agent->handleDatagram(socket_, server_, noFingerprint.data(), noFingerprint.size(), true, own));
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, noFingerprint.data(), noFingerprint.size(), false, own));
+  EXPECT_FALSE(arrive(noFingerprint, true, own));
+  EXPECT_TRUE(arrive(noFingerprint, false, own));
   EXPECT_EQ(ownCalls, 1);
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, noFingerprint.data(), noFingerprint.size(), false, {}));
+  EXPECT_TRUE(arrive(noFingerprint, false));
   EXPECT_EQ(defaultCalls, 1);
   ASSERT_TRUE(seen);
   EXPECT_EQ(seen->bytes(), noFingerprint);
 
   Message indication(Message::Indication, 1, TransactionId{});
   addFingerprint(indication);
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, indication.data(), indication.size(), true, own));
+  EXPECT_TRUE(arrive(indication.bytes(), true, own));
   EXPECT_EQ(ownCalls, 2);
 
   // STUN by cookie and length, but unparseable: used up, handed to nobody.
   std::vector<uint8_t> bad = indication.bytes();
   bad[0] = 0xC0;
-  EXPECT_TRUE(agent->handleDatagram(socket_, server_, bad.data(), bad.size(), false, own));
+  EXPECT_TRUE(arrive(bad, false, own));
   EXPECT_EQ(ownCalls, 2);
 }
 
 TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
-  const Duration interval = Duration::milliseconds(20);
-  auto agent = makeAgent(interval);
+  agent_ = std::make_shared<NetStunAgent>(reactor_, pool_, Duration::milliseconds(20));
   const Time start = reactor_->clock().now();
   for (uint8_t i = 1; i <= 4; ++i) {
-    agent->sendRequest(request(i), socket_, server_, Duration::milliseconds(30), Duration::milliseconds(900), "", {});
+    agent_->sendRequest(request(i), socket_, server_, Duration::milliseconds(30), Duration::milliseconds(900), "", {});
   }
   const Message response(Message::SuccessResponse, 1, TransactionId{});
   for (int i = 0; i < 30; ++i) {
     reactor_->advance(Duration::milliseconds(7));
-    if (i % 3 == 0) agent->sendMessage(socket_, response, server_);
+    if (i % 3 == 0) agent_->sendMessage(socket_, response, server_);
   }
   reactor_->advance(Duration::seconds(2));
 
@@ -244,73 +232,57 @@ TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
   std::size_t responses = 0;
   for (const FakeSocket::Datagram& s : socket_->datagrams) responses += s.bytes == response.bytes();
   EXPECT_EQ(responses, 10u);
-  EXPECT_EQ(agent->pendingCount(), 0u);
+  EXPECT_EQ(agent_->pendingCount(), 0u);
 }
 
-TEST_F(AgentTest, LostSocketEndsTheTransaction) {
-  auto agent = makeAgent(Duration());
-  Outcome outcome;
-  agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
-                     recordInto(outcome));
-  socket_.reset();
-  reactor_->advance(Duration::milliseconds(100));
-  EXPECT_EQ(outcome.error, ENOTCONN);
-  EXPECT_EQ(agent->pendingCount(), 0u);
-}
-
-TEST_F(AgentTest, SendFailuresEndTheTransaction) {
-  auto agent = makeAgent(Duration());
-  Outcome failed, refused;
-  socket_->failSends = true;
-  agent->sendRequest(request(1), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
-                     recordInto(failed));
-  reactor_->runDue();
-  EXPECT_EQ(failed.error, EPIPE);
-
-  socket_->throwOnSend = true;
-  agent->sendRequest(request(2), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
-                     recordInto(refused));
-  EXPECT_EQ(refused.calls, 0);  // never from inside sendRequest
-  reactor_->runDue();
-  EXPECT_EQ(refused.error, EPERM);
-  EXPECT_EQ(agent->pendingCount(), 0u);
+TEST_F(AgentTest, SocketFailuresEndTheTransactionNeverFromInsideTheCall) {
+  const struct {
+    bool failSends, throwOnSend, dropSocket;
+    int error;
+  } table[] = {{true, false, false, EPIPE}, {false, true, false, EPERM}, {false, false, true, ENOTCONN}};
+  for (const auto& row : table) {
+    socket_ = std::make_shared<FakeSocket>(reactor_, nullptr, SocketAddress(2, "127.0.0.1", 5000));
+    socket_->failSends = row.failSends;
+    socket_->throwOnSend = row.throwOnSend;
+    Outcome outcome;
+    send(request(1), outcome);
+    EXPECT_EQ(outcome.calls, 0);
+    if (row.dropSocket) socket_.reset();
+    row.dropSocket ? reactor_->advance(Duration::milliseconds(100)) : reactor_->runDue();
+    EXPECT_EQ(outcome.error, row.error);
+    EXPECT_EQ(agent_->pendingCount(), 0u);
+  }
 }
 
 TEST_F(AgentTest, CancelStopsWithoutCallingBack) {
-  auto agent = makeAgent(Duration());
   Outcome outcome;
-  const RequestHandle handle = agent->sendRequest(request(4), socket_, server_, Duration::milliseconds(100),
-                                                  Duration::seconds(1), "", recordInto(outcome));
-  agent->cancel(handle);
-  agent->cancel(handle + 100);
+  const RequestHandle handle = send(request(4), outcome);
+  agent_->cancel(handle);
+  agent_->cancel(handle + 100);
   reactor_->advance(Duration::seconds(2));
   EXPECT_EQ(socket_->datagrams.size(), 1u);
   EXPECT_EQ(outcome.calls, 0);
 }
 
 TEST_F(AgentTest, CallbacksMayStartAndCancelRequestsAndDropTheAgent) {
-  auto agent = makeAgent(Duration());
-  const MessagePtr first = request(1), second = request(2), third = request(3);
-  RequestHandle thirdHandle = 0;
+  const MessagePtr first = request(1), second = request(2);
+  Outcome third;
+  const RequestHandle thirdHandle = send(request(3), third);
   int secondDone = 0;
-  agent->sendRequest(third, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {});
-  thirdHandle = 1;
-  agent->sendRequest(first, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
-                     [&](int, const MessagePtr&, const SocketAddress&, const SocketAddress&) {
-                       agent->cancel(thirdHandle);
-                       agent->sendRequest(second, socket_, server_, Duration::milliseconds(100),
-                                          Duration::seconds(1), "",
-                                          [&](int error, const MessagePtr&, const SocketAddress&,
-                                              const SocketAddress&) {
-                                            secondDone = error == 0;
-                                            agent.reset();  // the owner lets go from inside
-                                          });
-                     });
-  const std::vector<uint8_t> one = answer(*first), two = answer(*second);
-  std::weak_ptr<NetStunAgent> weak = agent;
-  agent->handleDatagram(socket_, server_, one.data(), one.size(), true, {});
-  EXPECT_EQ(agent->pendingCount(), 1u);
-  agent->handleDatagram(socket_, server_, two.data(), two.size(), true, {});
+  const auto sendSecond = [&](int, const MessagePtr&, const SocketAddress&, const SocketAddress&) {
+    agent_->cancel(thirdHandle);
+    agent_->sendRequest(second, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "",
+                        [&](int error, const MessagePtr&, const SocketAddress&, const SocketAddress&) {
+                          secondDone = error == 0;
+                          agent_.reset();  // the owner lets go from inside
+                        });
+  };
+  agent_->sendRequest(first, socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", sendSecond);
+  std::weak_ptr<NetStunAgent> weak = agent_;
+  EXPECT_TRUE(arrive(answer(*first)));
+  EXPECT_EQ(agent_->pendingCount(), 1u);
+  const std::vector<uint8_t> two = answer(*second);
+  weak.lock()->handleDatagram(socket_, server_, two.data(), two.size(), true, {});
   EXPECT_EQ(secondDone, 1);
   EXPECT_TRUE(weak.expired());
   reactor_->advance(Duration::seconds(2));  // nothing left to run
