@@ -175,10 +175,10 @@ void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& 
   // Every write becomes at least one TLS record, so a chain of small buffers
   // is gathered first rather than sent as a record per buffer.
   std::vector<boost::asio::const_buffer> pieces = asio_detail::constBuffers(buffers);
+  std::size_t total = 0;
+  for (const auto& piece : pieces) total += piece.size();
   std::shared_ptr<std::vector<char>> gathered;
   if (pieces.size() > 1) {
-    std::size_t total = 0;
-    for (const auto& piece : pieces) total += piece.size();
     gathered = std::make_shared<std::vector<char>>();
     gathered->reserve(total);
     for (const auto& piece : pieces) {
@@ -188,11 +188,15 @@ void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& 
     pieces.assign(1, boost::asio::buffer(*gathered));
   }
   auto state = state_;
-  boost::asio::async_write(state->stream, pieces,
-                           [state, buffers, gathered, callback](const error_code& error, std::size_t bytes) {
-                             logTransferFailure(*state, "Send", error);
-                             if (callback) callback(transferError(*state, error), bytes);
-                           });
+  boost::asio::async_write(
+      state->stream, pieces, [state, buffers, gathered, total, callback](const error_code& error, std::size_t bytes) {
+        logTransferFailure(*state, "Send", error);
+        // A stream whose handshake failed takes nothing and says nothing:
+        // the write ends short without an error.
+        int code = transferError(*state, error);
+        if (!code && bytes < total) code = SslStreamError;
+        if (callback) callback(code, bytes);
+      });
 }
 
 void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) {

@@ -208,11 +208,17 @@ TEST_F(AsioSslSocketTest, TlsBeforeVersion12IsRefused) {
   TlsTestServer server(options);
   auto client = clientFor("localhost");
   EXPECT_EQ(connect(*client, loopback(server)), SslProtocolVersion);
+  int sendError = 0;
+  client->send(chainOf("secret"), [&](int error, std::size_t) {
+    sendError = error;
+    stop();
+  });
+  run();
+  EXPECT_NE(sendError, 0);
   server.finish();
   EXPECT_EQ(server.handshakeError(), "unsupported protocol");
   EXPECT_TRUE(capture_->contains("TLS handshake with localhost (" + loopback(server).toString() +
                                  ") failed: tlsv1 alert protocol version"));
-
 }
 
 TEST_F(AsioSslSocketTest, ConnectWithoutHostNameIsRefusedBeforeAnyTraffic) {
