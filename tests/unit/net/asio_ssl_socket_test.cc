@@ -116,6 +116,17 @@ class AsioSslSocketTest : public testing::SocketLoopFixture {
     return received;
   }
 
+  // What a send on a socket whose handshake failed reports.
+  int sendAfterFailure(AsyncSocket& socket) {
+    int result = 0;
+    socket.send(chainOf("secret"), [&](int error, std::size_t) {
+      result = error;
+      stop();
+    });
+    run();
+    return result;
+  }
+
   static std::string dir_;
   AsioSslSocketFactory factory_{reactor_, false};
   std::shared_ptr<LogCapture> capture_;
@@ -188,13 +199,7 @@ TEST_F(AsioSslSocketTest, VerificationFailuresAreReportedAndNothingIsSent) {
     EXPECT_TRUE(capture_->contains("TLS handshake with " + std::string(c.host) + " (" +
                                    loopback(server).toString() + ") failed: " + c.reason));
 
-    int sendError = 0;
-    client->send(chainOf("secret"), [&](int error, std::size_t) {
-      sendError = error;
-      stop();
-    });
-    run();
-    EXPECT_NE(sendError, 0);
+    EXPECT_NE(sendAfterFailure(*client), 0);
     client->close();
     server.finish();
     EXPECT_FALSE(server.handshakeDone());
@@ -208,13 +213,7 @@ TEST_F(AsioSslSocketTest, TlsBeforeVersion12IsRefused) {
   TlsTestServer server(options);
   auto client = clientFor("localhost");
   EXPECT_EQ(connect(*client, loopback(server)), SslProtocolVersion);
-  int sendError = 0;
-  client->send(chainOf("secret"), [&](int error, std::size_t) {
-    sendError = error;
-    stop();
-  });
-  run();
-  EXPECT_NE(sendError, 0);
+  EXPECT_NE(sendAfterFailure(*client), 0);
   server.finish();
   EXPECT_EQ(server.handshakeError(), "unsupported protocol");
   EXPECT_TRUE(capture_->contains("TLS handshake with localhost (" + loopback(server).toString() +
