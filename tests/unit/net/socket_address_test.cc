@@ -100,6 +100,10 @@ TEST(SocketAddressTest, ComparisonRules) {
   const SocketAddress second(reinterpret_cast<const sockaddr*>(&scoped), sizeof scoped);
   EXPECT_TRUE(first < second);
   EXPECT_FALSE(second < first);
+  // Flow information comes before the scope, all four of its bytes.
+  scoped.sin6_flowinfo = htonl(0x01000000);
+  scoped.sin6_scope_id = 1;
+  EXPECT_TRUE(second < SocketAddress(reinterpret_cast<const sockaddr*>(&scoped), sizeof scoped));
 
   const SocketAddress p80(AF_INET, "10.0.0.1", 80);
   const SocketAddress p81(AF_INET, "10.0.0.1", 81);
