@@ -132,6 +132,7 @@ TEST(IntegrityTest, CredentialsThenFingerprintStillVerify) {
   Message full(Message::Request, Message::MethodBinding, SampleId);
   ASSERT_TRUE(full.addStringAttribute(0x7000, std::string(0xFFFF - 8, 'x')));
   EXPECT_FALSE(addFingerprint(full));
+  EXPECT_FALSE(addMessageIntegrity(full, "key"));  // nor for the integrity record
   EXPECT_FALSE(isStunMessage(full.data(), full.size(), true));
 }
 
