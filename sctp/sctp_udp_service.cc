@@ -99,10 +99,11 @@ void SctpUdpService::startStack() {
 }
 
 SctpUdpService::~SctpUdpService() {
-  if (!started_) {
-    instance = nullptr;
-    return;
-  }
+  if (started_) stopStack();
+  instance = nullptr;
+}
+
+void SctpUdpService::stopStack() {
   while (!sockets_.empty()) abortSocket(sockets_.begin()->first);
   for (const auto& link : links_) usrsctp_deregister_address(reinterpret_cast<void*>(link.first));
   links_.clear();
@@ -116,7 +117,6 @@ SctpUdpService::~SctpUdpService() {
     }
     usrsctp_handle_timers(10);
   }
-  instance = nullptr;
 }
 
 // ---- links

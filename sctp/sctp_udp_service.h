@@ -107,6 +107,8 @@ class SctpUdpService {
   // The stack, its threads and its tables are set up for the first link or
   // socket: a device that only relays HTTP never pays for them.
   void startStack();
+  // Undoes startStack(), aborting what is left first.
+  void stopStack();
   void deliverOutput(uintptr_t connData, const uint8_t* data, std::size_t size);
   void drainEvents();
   void continueClosing(struct socket* handle);

@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 #include <usrsctp.h>
 
+#include "sctp/sctp_ice_session_link.h"
 #include "sctp/sctp_udp_service.h"
 #include "tests/support/fake_ice_session.h"
 #include "tests/support/manual_reactor.h"
-#include "sctp/sctp_ice_session_link.h"
 
 namespace quorvel {
 namespace testing {
