@@ -237,7 +237,9 @@ def count_instructions(args, work, target, url, host):
     write_registration(work, CALLGRIND_KEY + ".info", CALLGRIND_KEY)
     out = os.path.join(work, "callgrind.out")
     ferrule = start_ferrule(args.ferrule, work, "ferrule-callgrind", CALLGRIND_KEY + ".info", DEVICE_PORT, target,
-                            level=4, wrapper=["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out])
+                            level=4, wrapper=["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out,
+                                     # each dump names its functions in full, so one can be read alone
+                                     "--compress-strings=no", "--compress-pos=no"])
     figures = {}
     try:
         wait_until_served(url, host, timeout=120)
@@ -250,7 +252,7 @@ def count_instructions(args, work, target, url, host):
         if args.profile:
             shutil.copy(out + ".1", args.profile + ".out")
             with open(args.profile, "w") as f:
-                subprocess.run(["callgrind_annotate", "--auto=no", "--threshold=95", out + ".1"],
+                subprocess.run(["callgrind_annotate", "--auto=no", "--inclusive=yes", "--threshold=95", out + ".1"],
                                check=True, stdout=f, stderr=subprocess.STDOUT)
     finally:
         ferrule.stop()
