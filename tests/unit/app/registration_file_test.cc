@@ -66,7 +66,9 @@ TEST_F(RegistrationFileTest, KeyLineRules) {
     capture_->clear();
     write(c.content);
     EXPECT_EQ(readDeviceKey(path_), c.key) << c.content;
-    if (c.logged) EXPECT_TRUE(capture_->contains(c.logged + path_)) << c.content;
+    if (c.logged) {
+      EXPECT_TRUE(capture_->contains(c.logged + path_)) << c.content;
+    }
   }
   capture_->clear();
   EXPECT_EQ(readDeviceKey(dir_ + "/absent"), "");
