@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 namespace quorvel {
 
@@ -14,13 +15,21 @@ class HeadEndFinder {
 
   // Looks at [first, last) and returns where the separator ends in it (the
   // position after its last byte), or `last` when it has not ended yet.
-  // Nothing more is looked for once it has been found.
-  template <typename It>
-  It feed(It first, It last) {
-    for (; first != last && matched_ != 4; ++first) {
-      matched_ = next(matched_, static_cast<unsigned char>(*first));
+  // Nothing more is looked for once it has been found. Outside a partial
+  // match only a '\r' can start one, so the bytes up to it are skipped by
+  // memchr rather than walked one at a time.
+  const char* feed(const char* first, const char* last) {
+    while (first != last && matched_ != 4) {
+      if (matched_ == 0) {
+        const void* cr = std::memchr(first, '\r', static_cast<std::size_t>(last - first));
+        const char* skipTo = cr ? static_cast<const char*>(cr) : last;
+        scanned_ += static_cast<std::size_t>(skipTo - first);
+        first = skipTo;
+        if (first == last) break;
+      }
+      matched_ = next(matched_, static_cast<unsigned char>(*first++));
       ++scanned_;
-      if (matched_ == 4) return ++first;
+      if (matched_ == 4) return first;
     }
     return last;
   }

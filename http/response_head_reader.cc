@@ -20,7 +20,10 @@ ResponseHeadReader::State ResponseHeadReader::feed(BufferChain& received) {
     bytes_.append(received);
     return state_;
   }
-  finder_.feed(received.begin(), received.end());
+  for (auto piece = received.begin(); piece != received.end() && !finder_.found(); piece.nextSegment()) {
+    const char* data = reinterpret_cast<const char*>(piece.data());
+    finder_.feed(data, data + piece.segmentSize());
+  }
   bytes_.append(received);
   if (!finder_.found()) {
     QLOG(Log, log::Debug, "0x%x: Double CRLF not found", identity_);
@@ -45,18 +48,27 @@ ResponseHeadReader::State ResponseHeadReader::feed(BufferChain& received) {
 }
 
 void ResponseHeadReader::checkFields() {
-  const auto connection = headers_.find(HttpHeader::Connection);
-  if (connection != headers_.end() && connection->value.equalsIgnoreCase("close")) {
+  // One walk over the fields finds the first of each of the three.
+  const MessageHeaders::FieldIterator none = headers_.end();
+  MessageHeaders::FieldIterator connection = none, encoding = none, length = none;
+  for (auto field = headers_.begin(); field != none; ++field) {
+    if (connection == none && field->name.equalsIgnoreCase(HttpHeader::Connection)) {
+      connection = field;
+    } else if (encoding == none && field->name.equalsIgnoreCase(HttpHeader::TransferEncoding)) {
+      encoding = field;
+    } else if (length == none && field->name.equalsIgnoreCase(HttpHeader::ContentLength)) {
+      length = field;
+    }
+  }
+  if (connection != none && connection->value.equalsIgnoreCase("close")) {
     QLOG(Log, log::Debug, "0x%x: Response requested connection close", identity_);
     close_ = true;
   }
-  const auto encoding = headers_.find(HttpHeader::TransferEncoding);
-  if (encoding != headers_.end() && encoding->value.equalsIgnoreCase("chunked")) {
+  if (encoding != none && encoding->value.equalsIgnoreCase("chunked")) {
     QLOG(Log, log::Debug, "0x%x: Response uses chunked transfer encoding", identity_);
     chunked_ = true;
   }
-  const auto length = headers_.find(HttpHeader::ContentLength);
-  if (length != headers_.end()) {
+  if (length != none) {
     if (parseUnsigned(length->value, contentLength_)) {
       QLOG(Log, log::Debug, "0x%x: Response content length is %u", identity_, contentLength_);
       lengthKnown_ = true;
