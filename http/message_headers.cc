@@ -32,6 +32,12 @@ char* putDecimal(char* out, uint32_t value, std::size_t digits) {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+StringSection trimmed(const char* begin, const char* end) {
+  while (begin != end && isWhiteSpace(*begin)) ++begin;
+  while (end != begin && isWhiteSpace(end[-1])) --end;
+  return begin == end ? StringSection() : StringSection(begin, end);
+}
+
 }  // namespace
 
 const char* findLineEnd(const char* begin, const char* end) {
@@ -251,12 +257,13 @@ void MessageHeaders::FieldIterator::load() {
     lineEnd = more ? more : end_;
   }
   next_ = lineEnd + HttpLineEnd::Length;
-  const StringSection text(line_, lineEnd);
-  const std::size_t colon = text.find(':');
-  if (colon == StringSection::npos) {
-    field_ = Field{text.trim(), StringSection()};
+  // Every find() walks the fields through here, so it stays out of the
+  // general-purpose section helpers.
+  const char* colon = static_cast<const char*>(std::memchr(line_, ':', static_cast<std::size_t>(lineEnd - line_)));
+  if (!colon) {
+    field_ = Field{trimmed(line_, lineEnd), StringSection()};
   } else {
-    field_ = Field{text.substr(0, colon).trim(), text.substr(colon + 1).trim()};
+    field_ = Field{trimmed(line_, colon), trimmed(colon + 1, lineEnd)};
   }
 }
 

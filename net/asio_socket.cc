@@ -243,20 +243,22 @@ void logBindFailure(const SocketAddress& address, int error) {
   QLOG(Log, log::Warning, "Failed to bind to %s: %d", address.toString(), error);
 }
 
-std::vector<boost::asio::const_buffer> constBuffers(const BufferChainPtr& buffers) {
-  std::vector<boost::asio::const_buffer> result;
+template <typename AsioBuffer>
+std::vector<AsioBuffer> asioBuffers(const BufferChainPtr& buffers) {
+  std::vector<AsioBuffer> result;
   if (buffers) {
+    result.reserve(buffers.chain().count());  // a read chain has up to 64 buffers: one allocation, not seven
     for (Buffer* b = buffers.chain().first(); b; b = b->next) result.emplace_back(b->data(), b->length);
   }
   return result;
 }
 
+std::vector<boost::asio::const_buffer> constBuffers(const BufferChainPtr& buffers) {
+  return asioBuffers<boost::asio::const_buffer>(buffers);
+}
+
 std::vector<boost::asio::mutable_buffer> mutableBuffers(const BufferChainPtr& buffers) {
-  std::vector<boost::asio::mutable_buffer> result;
-  if (buffers) {
-    for (Buffer* b = buffers.chain().first(); b; b = b->next) result.emplace_back(b->data(), b->length);
-  }
-  return result;
+  return asioBuffers<boost::asio::mutable_buffer>(buffers);
 }
 
 void setOption(int handle, int level, int name, const void* value, std::size_t length) {
