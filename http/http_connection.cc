@@ -174,7 +174,7 @@ void HttpConnection::receive() {
       std::weak_ptr<HttpConnection> weak = shared_from_this();
       receiving_ = true;
       reactor_->post(token_, [weak]() {
-        if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(ENOMEM, 0, BufferChainPtr(), 0);
+        if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(ENOMEM, 0);
       });
       return;
     }
@@ -183,18 +183,20 @@ void HttpConnection::receive() {
     more.append(spare_);
     spare_ = more;
   }
-  const std::size_t size = std::exchange(spareBytes_, 0);
-  BufferChainPtr buffers(std::exchange(spare_, BufferChain()));
+  readingSize_ = std::exchange(spareBytes_, 0);
+  reading_ = BufferChainPtr(std::exchange(spare_, BufferChain()));
   receiving_ = true;
   std::weak_ptr<HttpConnection> weak = shared_from_this();
-  socket_->receive(buffers, [weak, buffers, size](int error, std::size_t bytes) {
-    if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes, buffers, size);
+  socket_->receive(reading_, [weak](int error, std::size_t bytes) {
+    if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes);
   });
 }
 
-void HttpConnection::onReceive(int error, std::size_t bytes, BufferChainPtr buffers, std::size_t size) {
+void HttpConnection::onReceive(int error, std::size_t bytes) {
   receiving_ = false;
-  BufferChain data = buffers ? buffers.release() : BufferChain();
+  BufferChain data = reading_ ? reading_.release() : BufferChain();
+  reading_.reset();
+  const std::size_t size = std::exchange(readingSize_, 0);
   if (state_ != Connected) {
     data.releaseBuffers();
     return;

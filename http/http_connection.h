@@ -84,7 +84,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
                    const Delegate<void()>& onRetry);
   void onAttempt(int error, std::size_t index, uintptr_t identity, const ConnectCallback& callback,
                  const Delegate<void()>& onRetry);
-  void onReceive(int error, std::size_t bytes, BufferChainPtr buffers, std::size_t size);
+  void onReceive(int error, std::size_t bytes);
 
   std::shared_ptr<Reactor> reactor_;
   std::shared_ptr<AsyncSocketFactory> factory_;
@@ -94,6 +94,11 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   SocketAddress remote_;
   State state_ = Unconnected;
   bool receiving_ = false;
+  // The read in flight and its size. Kept here rather than in its callback,
+  // which then holds one weak reference and fits a Delegate without a heap
+  // block: copied several times per read, that was an allocation each.
+  BufferChainPtr reading_;
+  std::size_t readingSize_ = 0;
   // Buffers left over from the last read, reused by the next.
   BufferChain spare_;
   std::size_t spareBytes_ = 0;
