@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utility>
+
 #include "http/data_stream.h"
 #include "http/message_headers.h"
 #include "http/web_client.h"
@@ -11,7 +13,7 @@ namespace quorvel {
 // the body through a data handler instead.
 class NetHttpClientResponse : public WebClientResponse {
  public:
-  explicit NetHttpClientResponse(const MessageHeaders& headers) : headers_(headers) {}
+  explicit NetHttpClientResponse(MessageHeaders headers) : headers_(std::move(headers)) {}
   const MessageHeaders& headers() const override { return headers_; }
   BodySource& body() override { return source_; }
 

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "http/encoding_parser.h"
 #include "http/head_end_finder.h"
@@ -38,6 +39,8 @@ class ResponseHeadReader {
 
   // Valid once Complete.
   const MessageHeaders& headers() const { return headers_; }
+  // Moves the head out (the response keeps it); headers() is then invalid.
+  MessageHeaders takeHeaders() { return std::move(headers_); }
   bool closeConnection() const { return close_; }
   bool chunked() const { return chunked_; }
   bool contentLengthKnown() const { return lengthKnown_; }

@@ -76,10 +76,10 @@ void ResponseReceiver::end() {
 }
 
 void ResponseReceiver::onHead() {
-  response_ = std::make_shared<NetHttpClientResponse>(reader_.headers());
+  const bool hasBody = reader_.hasBody(method_);
+  response_ = std::make_shared<NetHttpClientResponse>(reader_.takeHeaders());
   close_ = close_ || reader_.closeConnection() || !keepsConnection(response_->headers());
   BufferChain rest = reader_.takeBodyBytes();
-  const bool hasBody = reader_.hasBody(method_);
   if (hasBody) {
     parser_ = reader_.makeBodyParser(allocator_);
     std::weak_ptr<ResponseReceiver> self = shared_from_this();
