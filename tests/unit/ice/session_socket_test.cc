@@ -169,6 +169,9 @@ TEST(SessionSocketSend, FallsBackToTheQueueOnlyWhenTheKernelWouldBlockAndKeepsTh
   EXPECT_FALSE(send("d"));  // the socket is broken
   EXPECT_TRUE(send("e"));
   EXPECT_EQ((std::vector<std::string>{"tried a", "async a", "async b", "tried c", "tried d", "sent e"}), raw->log);
+  raw->tries = {-EAGAIN};
+  for (std::size_t i = 0; i < SessionSocket::MaxSendsInFlight; ++i) EXPECT_TRUE(send("q"));
+  EXPECT_FALSE(send("r"));  // every send buffer still in the socket's hands
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ TEST_F(RelayLoop, EveryBadRelayResponseLeadsToANewRegistration) {
        "Relay response has no or unsupported content type"},
       {"HTTP/1.1 200 OK\r\nContent-Type: Message/HTTP\r\n" + NextLink,
        "Relay response has no or unsupported content type"},
-      {"HTTP/1.1 404 Not Found\r\n" + NextLink, "Bad relay response 404 Not Found from " + Name},
+      {"HTTP/1.1 400 Bad Request\r\n" + NextLink, "Bad relay response 400 Bad Request from " + Name},
       {"HTTP/1.1 502 Bad Gateway\r\nContent-Type: message/http\r\n" + NextLink,
        "Bad relay response 502 Bad Gateway from " + Name},
   };
