@@ -154,6 +154,7 @@ TEST_F(AsioSslSocketTest, FactoryRejectsWhatItCannotMake) {
 
   EXPECT_EQ(socketErrorText(SslHostNameMismatch), "certificate does not match the host name");
   EXPECT_EQ(socketErrorText(ECONNREFUSED), "Connection refused");
+  EXPECT_EQ(socketErrorText(-1), "error -1");
   EXPECT_TRUE(isSslError(SslStreamError));
   EXPECT_FALSE(isSslError(ECONNRESET));
 }
