@@ -335,7 +335,9 @@ TEST_F(NetSessionTest, ASilentBetterPairDelaysTheNominationOnlyBriefly) {
   const auto session = makeSession({remote(SocketAddress(AF_INET, "198.51.100.9", 7000)), remote(Peer, 1694498815u)});
   play(peer, session);
   start(session);
-  reactor_->advance(NominationWait + Duration::milliseconds(200));
+  reactor_->advance(NominationWait - Duration::milliseconds(10));
+  EXPECT_EQ(0, peer.useCandidates);  // the better pair may still answer
+  reactor_->advance(Duration::milliseconds(210));
   ASSERT_EQ(Session::Event::Established, events_.back());
   EXPECT_EQ(Peer, session->remoteAddress());
   EXPECT_EQ(1, peer.useCandidates);
