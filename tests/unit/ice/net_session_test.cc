@@ -1,5 +1,6 @@
 #include "ice/net_session.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -438,6 +439,16 @@ TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
   EXPECT_EQ(CandidateType::PeerReflexive, pair->remote->type);
   EXPECT_EQ(1862270975u, pair->remote->priority);
   EXPECT_EQ(Message::Request, peer.received.back().messageClass());
+}
+
+// Both halves of the tie-breaker are drawn: none of its 64 bits is fixed.
+TEST_F(NetSessionTest, TheTieBreakerTakesAllSixtyFourBits) {
+  struct AllOnes : RandomSource {
+    uint32_t next() override { return ~0u; }
+    void fill(uint8_t* buffer, int length) override { std::fill(buffer, buffer + length, 0xff); }
+  };
+  random_ = std::make_shared<AllOnes>();
+  EXPECT_EQ(~uint64_t{0}, makeSession({remote(Peer)})->tieBreaker());
 }
 
 TEST_F(NetSessionTest, RoleConflictsFollowTheTieBreakers) {

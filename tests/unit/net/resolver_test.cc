@@ -259,6 +259,7 @@ TEST(LocalNetworkInfoTest, ListsLoopbackWithItsFlag) {
   const InterfaceInfo v4 = info.getInterface(AF_INET);
   EXPECT_FALSE(v4.loopback);
   EXPECT_EQ(v4.address.valid(), !v4.name.empty());
+  EXPECT_TRUE(v4.name.empty() || v4.address.family() == AF_INET) << v4.name;
 }
 
 }  // namespace
