@@ -161,6 +161,7 @@ TEST(SessionSocketSend, FallsBackToTheQueueOnlyWhenTheKernelWouldBlockAndKeepsTh
   const auto send = [&](const std::string& text) {
     return socket.send(reinterpret_cast<const uint8_t*>(text.data()), text.size(), to);
   };
+  EXPECT_FALSE(send(std::string(SessionSocket::BufferSize, 'x')));  // too big to be told from a cut one
   raw->tries = {-EAGAIN, -ECONNREFUSED, -EBADF};
   EXPECT_TRUE(send("a"));  // would block: queued
   EXPECT_TRUE(send("b"));  // "a" still queued: "b" goes behind it, untried
