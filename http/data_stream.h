@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "core/delegate.h"
 #include "core/errors.h"
@@ -12,6 +12,33 @@ namespace quorvel {
 
 template <typename T>
 class DataSourceImpl;
+
+// First in, first out, with nothing allocated until the first push: every
+// request and response carries streams whose queues mostly stay empty, and a
+// std::deque allocates two blocks as it is made. Taken slots are reclaimed
+// when the queue empties, or once they are half of it.
+template <typename T>
+class StreamQueue {
+ public:
+  bool empty() const { return head_ == items_.size(); }
+  std::size_t size() const { return items_.size() - head_; }
+  T& front() { return items_[head_]; }
+  void push_back(const T& item) { items_.push_back(item); }
+  void pop_front() {
+    items_[head_] = T();  // what the item holds goes now, not at the next compaction
+    if (++head_ == items_.size()) {
+      items_.clear();
+      head_ = 0;
+    } else if (head_ >= 16 && head_ * 2 >= items_.size()) {
+      items_.erase(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(head_));
+      head_ = 0;
+    }
+  }
+
+ private:
+  std::vector<T> items_;
+  std::size_t head_ = 0;
+};
 
 // A piece of a stream or its end, for consumers that take pieces as they come.
 // `end` is true exactly once, on the last call; `item` is then empty.
@@ -65,7 +92,7 @@ class DataSinkImpl {
 
   void notify();
 
-  std::deque<T> items_;
+  StreamQueue<T> items_;
   const std::size_t capacity_;
   bool endArrived_ = false;
   Delegate<void()> ready_;
@@ -106,7 +133,7 @@ class DataSourceImpl {
  private:
   std::shared_ptr<typename DataSinkImpl<T>::SourceLink> link_;
   std::weak_ptr<DataSinkImpl<T>> sink_;
-  std::deque<T> pending_;
+  StreamQueue<T> pending_;
   bool connected_ = false;
   bool ended_ = false;
 };

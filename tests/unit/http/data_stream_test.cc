@@ -46,6 +46,21 @@ TEST(DataStream, ItemsAndEndReachTheSinkInOrder) {
   EXPECT_TRUE(consumer.sink->isEnded());
 }
 
+// Taken slots are reclaimed while the queue never runs empty.
+TEST(DataStream, AQueueThatNeverEmptiesKeepsItsOrder) {
+  StreamQueue<int> queue;
+  std::vector<int> taken, expected;
+  for (int i = 0; i < 40; ++i) {
+    queue.push_back(2 * i);
+    queue.push_back(2 * i + 1);
+    expected.push_back(i);
+    taken.push_back(queue.front());
+    queue.pop_front();
+  }
+  EXPECT_EQ(taken, expected);
+  EXPECT_EQ(queue.size(), 40u);
+}
+
 TEST(DataStream, FullSinkBlocksTheSourceUntilTaken) {
   Consumer consumer(1);
   Source source;
