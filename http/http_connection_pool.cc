@@ -71,7 +71,7 @@ std::shared_ptr<HttpConnection> HttpConnectionPool::satisfy(const HttpDestinatio
     // other hosts. The oldest idle one is the least likely to be reused.
     const std::shared_ptr<HttpConnection> oldest = free_.front();
     QLOG(Log, log::Debug, "Closing idle connection 0x%x to make room", oldest->id());
-    free_.pop_front();
+    free_.erase(free_.begin());
     oldest->close();
   }
   auto connection = std::make_shared<HttpConnection>(reactor_, factory_, allocator_, destination);

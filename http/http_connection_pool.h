@@ -2,8 +2,8 @@
 
 #include <cstddef>
 #include <deque>
-#include <list>
 #include <memory>
+#include <vector>
 
 #include "core/delegate.h"
 #include "core/lifetime.h"
@@ -64,8 +64,10 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   std::shared_ptr<BufferChainAllocator> allocator_;
   const unsigned limit_;
   // Oldest first: reuse takes the most recently freed, eviction the oldest.
-  std::list<std::shared_ptr<HttpConnection>> free_;
-  std::list<std::shared_ptr<HttpConnection>> used_;
+  // Vectors: a handful of connections at most, and moving one between the
+  // lists on every request allocates nothing once they have grown.
+  std::vector<std::shared_ptr<HttpConnection>> free_;
+  std::vector<std::shared_ptr<HttpConnection>> used_;
   std::deque<Waiting> waiting_;
   LifetimeToken token_ = makeLifetimeToken();
 };
