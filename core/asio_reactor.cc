@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <exception>
+#include <utility>
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -35,8 +36,8 @@ AsioReactor::AsioReactor(std::shared_ptr<TimeProvider> timeProvider)
 
 AsioReactor::~AsioReactor() = default;
 
-void AsioReactor::post(const LifetimeToken& token, const Delegate<void()>& task) {
-  boost::asio::post(io_, GuardedTask{token, task});
+void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
+  boost::asio::post(io_, GuardedTask{token, std::move(task)});
 }
 
 void AsioReactor::scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) {

@@ -17,7 +17,7 @@ class AsioReactor : public Reactor {
   explicit AsioReactor(std::shared_ptr<TimeProvider> timeProvider = std::make_shared<SystemTimeProvider>());
   ~AsioReactor() override;
 
-  void post(const LifetimeToken& token, const Delegate<void()>& task) override;
+  void post(const LifetimeToken& token, Delegate<void()> task) override;
   void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) override;
   void scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) override;
   void setExceptionHandler(const Delegate<void()>& handler) override;

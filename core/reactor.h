@@ -15,8 +15,9 @@ class Reactor {
  public:
   virtual ~Reactor() = default;
 
-  // May be called from any thread.
-  virtual void post(const LifetimeToken& token, const Delegate<void()>& task) = 0;
+  // May be called from any thread. The task is taken by value so that a
+  // lambda becomes one Delegate, moved on rather than copied.
+  virtual void post(const LifetimeToken& token, Delegate<void()> task) = 0;
   // MaxTime means "never".
   virtual void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) = 0;
   virtual void scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) = 0;

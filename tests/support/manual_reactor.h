@@ -30,7 +30,7 @@ class ManualReactor : public Reactor {
  public:
   ManualReactor() : time_(std::make_shared<ManualTimeProvider>()) {}
 
-  void post(const LifetimeToken& token, const Delegate<void()>& task) override {
+  void post(const LifetimeToken& token, Delegate<void()> task) override {
     add(time_->now(), token, task);
   }
   void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) override {
