@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <utility>
 
 #include <boost/bind/bind.hpp>
 
@@ -40,8 +41,11 @@ NetNameResolver::~NetNameResolver() { runner_.reset(); }
 void NetNameResolver::resolve(const std::string& host, const std::string& service, const Callback& callback) {
   Result literal;
   if (resolveLiteral(host, service, literal)) {
-    reactor_->post(token_, [literal, callback]() {
-      if (callback) callback(literal, true);
+    // Shared, so that the task carries a pointer rather than copies of the
+    // strings and the address list.
+    auto shared = std::make_shared<const Result>(std::move(literal));
+    reactor_->post(token_, [shared, callback]() {
+      if (callback) callback(*shared, true);
     });
     return;
   }
