@@ -130,18 +130,20 @@ void HttpConnectionPool::serveWaiting() {
 
 void HttpConnectionPool::watchIdle(const std::shared_ptr<HttpConnection>& connection) {
   std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
-  std::weak_ptr<HttpConnection> weakConnection = connection;
-  connection->setIdleClosedHandler([weak, weakConnection]() {
-    if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->onIdleClosed(weakConnection);
+  // Only the connection itself calls this, so a plain pointer to it is
+  // valid here, and with it the handler fits a Delegate without a heap block.
+  HttpConnection* closed = connection.get();
+  connection->setIdleClosedHandler([weak, closed]() {
+    if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->onIdleClosed(closed);
   });
   connection->receive();
 }
 
-void HttpConnectionPool::onIdleClosed(const std::weak_ptr<HttpConnection>& weakConnection) {
-  const std::shared_ptr<HttpConnection> connection = weakConnection.lock();
-  if (!connection) return;
-  const auto it = std::find(free_.begin(), free_.end(), connection);
+void HttpConnectionPool::onIdleClosed(HttpConnection* closed) {
+  const auto it = std::find_if(free_.begin(), free_.end(),
+                               [closed](const std::shared_ptr<HttpConnection>& c) { return c.get() == closed; });
   if (it == free_.end()) return;
+  const std::shared_ptr<HttpConnection> connection = *it;
   QLOG(Log, log::Debug, "Connection 0x%x closed, removing from free list", connection->id());
   free_.erase(it);
   QLOG(Log, log::Debug, "Now have %u free, %u used", free_.size(), used_.size());

@@ -57,7 +57,7 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   void release(const std::shared_ptr<HttpConnection>& connection, bool close);
   void serveWaiting();
   void watchIdle(const std::shared_ptr<HttpConnection>& connection);
-  void onIdleClosed(const std::weak_ptr<HttpConnection>& connection);
+  void onIdleClosed(HttpConnection* closed);
 
   std::shared_ptr<Reactor> reactor_;
   std::shared_ptr<AsyncSocketFactory> factory_;
