@@ -248,7 +248,7 @@ MessageHeaders::FieldIterator::FieldIterator(const char* line, const char* end) 
   }
 }
 
-void MessageHeaders::FieldIterator::load() {
+const char* MessageHeaders::FieldIterator::extend() {
   const char* lineEnd = findLineEnd(line_, end_);
   if (!lineEnd) lineEnd = end_;
   // Lines that begin with white space continue the value of this field.
@@ -257,6 +257,10 @@ void MessageHeaders::FieldIterator::load() {
     lineEnd = more ? more : end_;
   }
   next_ = lineEnd + HttpLineEnd::Length;
+  return lineEnd;
+}
+
+void MessageHeaders::FieldIterator::decode(const char* lineEnd) {
   // Every find() walks the fields through here, so it stays out of the
   // general-purpose section helpers.
   const char* colon = static_cast<const char*>(std::memchr(line_, ':', static_cast<std::size_t>(lineEnd - line_)));
@@ -284,8 +288,19 @@ MessageHeaders::FieldIterator MessageHeaders::begin() const {
 }
 
 MessageHeaders::FieldIterator MessageHeaders::find(StringSection name) const {
-  for (FieldIterator it = begin(); it != end(); ++it) {
-    if (it->name.equalsIgnoreCase(name)) return it;
+  if (!buffer_) return end();
+  FieldIterator it;
+  it.end_ = buffer_.get() + length_;
+  // Only a line whose first letter matches is decoded and compared: most
+  // heads are searched several times for a few names each.
+  const char first = name.empty() ? '\0' : foldCase(name[0]);
+  for (it.line_ = buffer_.get() + fieldsStart_; it.line_ < it.end_; it.line_ = it.next_) {
+    const char* lineEnd = it.extend();
+    const char* start = it.line_;
+    while (start != lineEnd && isWhiteSpace(*start)) ++start;
+    if (!name.empty() && (start == lineEnd || foldCase(*start) != first)) continue;
+    it.decode(lineEnd);
+    if (it.field_.name.equalsIgnoreCase(name)) return it;
   }
   return end();
 }

@@ -47,7 +47,11 @@ class MessageHeaders {
    private:
     friend class MessageHeaders;
     FieldIterator(const char* line, const char* end);
-    void load();
+    void load() { decode(extend()); }
+    // Finds where the field ends (continuation lines included) and the next
+    // one starts; returns the end of its text.
+    const char* extend();
+    void decode(const char* lineEnd);
 
     const char* line_ = nullptr;  // start of the current field; null at the end
     const char* next_ = nullptr;
