@@ -75,6 +75,7 @@ TEST(MessageHeadersParse, RejectsBadStartAndFieldLines) {
 TEST(MessageHeadersFields, TrimsAndJoinsContinuationLines) {
   const MessageHeaders headers = request("GET / HTTP/1.1\r\n  A :  one  \r\nB: two\r\n  three\r\nC:\r\nD:x:y\r\n");
   EXPECT_EQ(fieldsOf(headers), (Fields{{"A", "one"}, {"B", "two\r\n  three"}, {"C", ""}, {"D", "x:y"}}));
+  EXPECT_EQ(headers.find("a")->value.str(), "one");  // its line starts blank
 }
 
 TEST(MessageHeadersFields, FindIgnoresCaseAndTakesTheFirst) {
