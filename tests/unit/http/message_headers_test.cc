@@ -76,6 +76,8 @@ TEST(MessageHeadersFields, TrimsAndJoinsContinuationLines) {
   const MessageHeaders headers = request("GET / HTTP/1.1\r\n  A :  one  \r\nB: two\r\n  three\r\nC:\r\nD:x:y\r\n");
   EXPECT_EQ(fieldsOf(headers), (Fields{{"A", "one"}, {"B", "two\r\n  three"}, {"C", ""}, {"D", "x:y"}}));
   EXPECT_EQ(headers.find("a")->value.str(), "one");  // its line starts blank
+  // A lone carriage return, even right before a line end, ends no line.
+  EXPECT_EQ(fieldsOf(request("GET / HTTP/1.1\r\nX: a\rb\r\r\nY: c\r\n")), (Fields{{"X", "a\rb"}, {"Y", "c"}}));
 }
 
 TEST(MessageHeadersFields, FindIgnoresCaseAndTakesTheFirst) {
