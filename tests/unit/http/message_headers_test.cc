@@ -115,8 +115,8 @@ TEST(MessageHeadersBuild, StartLineOverTheBlockIsInvalid) {
 
 TEST(MessageHeadersBuild, AddFieldGrowsInBlocksAndKeepsViews) {
   MessageHeaders headers = MessageHeaders::response(HttpStatus::Ok, HttpVersion::V11);
-  headers.addField(HttpHeader::ContentLength, 12345u);
-  std::string expected = "HTTP/1.1 200 OK\r\nContent-Length: 12345\r\n";
+  headers.addField(HttpHeader::ContentLength, 10000u);
+  std::string expected = "HTTP/1.1 200 OK\r\nContent-Length: 10000\r\n";
   for (int i = 0; i < 40; ++i) {
     const std::string value(20 + i, static_cast<char>('a' + i % 26));
     headers.addField("X-" + std::to_string(i), value);
