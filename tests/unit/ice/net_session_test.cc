@@ -501,6 +501,19 @@ TEST_F(NetSessionTest, InTheControlledRoleThePeerNominates) {
   EXPECT_EQ(Peer, session->remoteAddress());
 }
 
+// A peer that takes the controlling role but never nominates is given up on.
+TEST_F(NetSessionTest, APeerThatNeverNominatesIsGivenUpOn) {
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  const auto capture = testing::LogCapture::install();
+  const auto session = startWith(peer);
+  reactor_->advance(Duration::milliseconds(2));
+  sendCheck(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), session->localDescription(), true, ~uint64_t{0});
+  reactor_->advance(CheckPhaseLimit);
+  EXPECT_EQ(Session::Event::Failed, events_.back());
+  EXPECT_TRUE(capture->contains("Connectivity checks timed out before a pair was nominated"));
+}
+
 TEST_F(NetSessionTest, ARoleConflictAnswerSwitchesRoleAndChecksAgain) {
   int checks = 0;
   bool controlledSeen = false;
