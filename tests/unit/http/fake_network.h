@@ -82,7 +82,7 @@ class FakeSocket : public AsyncSocket {
     copyToChain(text.data(), text.data() + n, pendingBuffers_.chain().begin());
     finishReceive(0, n);
   }
-  void deliverClose() { finishReceive(0, 0); }
+  void deliverClose(int error = 0) { finishReceive(error, 0); }
 
   SocketAddress connectedTo;
   std::map<std::pair<int, int>, int> options;  // (level, name) -> the int set

@@ -522,16 +522,25 @@ TEST_F(NetHttpClientTest, BlockedSourcePausesReading) {
 }
 
 TEST_F(NetHttpClientTest, IdleConnectionClosedByServerIsDropped) {
-  Outcome second;
-  fetchHello("/");
-  ASSERT_EQ(1u, client->plainPool()->freeCount());
-  ASSERT_TRUE(factory->last().receiving());
-  factory->last().deliverClose();
-  run();
-  EXPECT_EQ(0u, client->plainPool()->freeCount());
-  EXPECT_TRUE(capture->count("Now have 0 free, 0 used") >= 1);
-  auto b = get("/", second);
-  EXPECT_EQ(2u, factory->sockets.size());
+  // An end, a reset and stray bytes all drop it; only the bytes are news.
+  for (int error : {0, ECONNRESET, -1}) {
+    fetchHello("/");
+    ASSERT_EQ(1u, client->plainPool()->freeCount());
+    ASSERT_TRUE(factory->last().receiving());
+    if (error < 0) {
+      factory->last().deliver("stray");
+    } else {
+      factory->last().deliverClose(error);
+    }
+    run();
+    EXPECT_EQ(0u, client->plainPool()->freeCount());
+  }
+  EXPECT_GE(capture->count("Now have 0 free, 0 used"), 3u);
+  const auto& lines = capture->lines();
+  EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), [](const LogCapture::Line& line) {
+              return line.message.find("): No request!") != std::string::npos;
+            }));
+  EXPECT_EQ(3u, factory->sockets.size());
 }
 
 TEST_F(NetHttpClientTest, CancelAndDropCallNoHandlerAndCloseTheConnection) {

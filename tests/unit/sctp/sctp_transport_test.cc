@@ -209,7 +209,8 @@ TEST_F(Closing, ClosingTheLinkClosesTheSessionAndAbortsShutdowns) {
   listener.reset();
   EXPECT_EQ(service->socketCount(), 2u);
   deviceLink->close();
-  EXPECT_TRUE(sessions.device->closed);
+  deviceLink->close();
+  EXPECT_EQ(sessions.device->closes, 1);
   EXPECT_FALSE(sessions.device->hasHandler());
   deviceLink.reset();
   EXPECT_EQ(service->socketCount(), 1u);  // the client's
