@@ -197,7 +197,6 @@ bool NetHttpClientRequest::retryOnNewConnection() {
   if (done_ || !sender_.rewind()) return false;
   QLOG(Log, log::Debug, "0x%x: Kept connection closed by the server, retrying on a new one", id());
   releaseConnection(true);
-  reused_ = false;
   acquirer_->again();
   return true;
 }

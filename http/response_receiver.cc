@@ -158,7 +158,6 @@ void ResponseReceiver::fail(HttpClientError error) { failed_(error); }
 
 void ResponseReceiver::stop() {
   stopped_ = true;
-  paused_ = false;
   responseHandler_.clear();
   bodyDataHandler_.clear();
 }
