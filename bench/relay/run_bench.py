@@ -15,7 +15,8 @@ and MB/s for one 100 MB file (curl). Each measurement is repeated and the
 medians are printed with the ratios, ferrule's CPU seconds per 1000 relayed
 requests (utime+stime from /proc/PID/stat around each wrk run) and its ratio
 to the ssh client's (the tunnel's device side, which does the same kinds of
-work), and the peak RSS (VmHWM) of both ferrule builds under the same load,
+work), the device side's user and system time per request apart, and the
+peak RSS (VmHWM) of both ferrule builds under the same load,
 with the static one's resident memory by mapping.
 
 Then a third ferrule runs under callgrind for a short wrk run at each
@@ -55,7 +56,7 @@ from harness import certs  # noqa: E402
 from harness.relay_processes import DOMAIN, start_devrelay, start_ferrule, write_registration  # noqa: E402
 from harness.netns import run_in_namespace  # noqa: E402
 from harness.nginx import Nginx, free_port  # noqa: E402
-from harness.proc_figures import cpu_seconds, status_field  # noqa: E402
+from harness.proc_figures import cpu_seconds, cpu_split, status_field  # noqa: E402
 
 KEY, STATIC_KEY, CALLGRIND_KEY = "dev1", "dev2", "dev3"
 DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT = 8443, 8080, 8000
@@ -316,6 +317,7 @@ def measure(args):
         samplers = {name: PeakSampler(p) for name, p in ferrules}
         rates = {(route, c): [] for route, *_ in routes for c in (1, 16)}
         cpu = {(route, c): [] for route, *_ in routes for c in (1, 16)}
+        split = {(route, c): [] for route, *_ in routes for c in (1, 16)}  # device side: user, system
         speeds = {route: [] for route, *_ in routes}
         big_cpu = {route: [] for route in ["ssh -R"] + relayed}
         for rep in range(args.reps):
@@ -323,10 +325,14 @@ def measure(args):
                 for route, base, host_header, device_pid in routes:
                     watched = [p for p in (device_pid, relay.proc.pid if route in relayed else None) if p]
                     before = [cpu_seconds(p) for p in watched]
+                    split_before = cpu_split(device_pid) if device_pid else None
                     rate, count = wrk(base + "/1k.html", host_header, c, args.seconds)
                     rates[(route, c)].append(rate)
                     if watched:
                         cpu[(route, c)].append([(cpu_seconds(p) - b) * 1000.0 / count for p, b in zip(watched, before)])
+                    if split_before:
+                        split[(route, c)].append([(now - was) * 1e6 / count
+                                                  for now, was in zip(cpu_split(device_pid), split_before)])
             hwm_small = {name: status_field(p, "VmHWM") for name, p in ferrules}
             for route, base, host_header, device_pid in routes:
                 watched = [device_pid, relay.proc.pid] if route in relayed else [device_pid]
@@ -356,6 +362,11 @@ def measure(args):
                   "dev relay %.3f, ssh client %.3f"
                   % (c, own["ferrule"], ratios[("ferrule", c)], own["ferrule static"], ratios[("ferrule static", c)],
                      med(x[1] for x in cpu[("ferrule", c)]), ssh))
+        for c in (1, 16):
+            print("device side per request, 1 KB c=%-2d: " % c + "; ".join(
+                "%s user %.1f us, system %.1f us" % (route, med(x[0] for x in split[(route, c)]),
+                                                     med(x[1] for x in split[(route, c)]))
+                for route in relayed + ["ssh -R"]))
         print("CPU s per 100 MB download: ferrule %.2f, static %.2f, dev relay %.2f, ssh client %.2f"
               % (med(c[0] for c in big_cpu["ferrule"]), med(c[0] for c in big_cpu["ferrule static"]),
                  med(c[1] for c in big_cpu["ferrule"]), med(c[0] for c in big_cpu["ssh -R"])))

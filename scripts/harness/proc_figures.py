@@ -5,11 +5,16 @@ import os
 CLOCK_TICK = os.sysconf("SC_CLK_TCK")
 
 
-def cpu_seconds(pid, tid=None):
-    """User plus system CPU time of a process, or of one of its threads."""
+def cpu_split(pid, tid=None):
+    """User and system CPU time of a process, or of one of its threads."""
     with open("/proc/%d/task/%d/stat" % (pid, tid) if tid else "/proc/%d/stat" % pid) as f:
         fields = f.read().rsplit(")", 1)[1].split()  # the name may hold spaces and ")"
-    return (int(fields[11]) + int(fields[12])) / CLOCK_TICK  # utime, stime
+    return int(fields[11]) / CLOCK_TICK, int(fields[12]) / CLOCK_TICK  # utime, stime
+
+
+def cpu_seconds(pid, tid=None):
+    """User plus system CPU time of a process, or of one of its threads."""
+    return sum(cpu_split(pid, tid))
 
 
 def status_field(pid, name):
