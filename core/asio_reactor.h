@@ -37,7 +37,10 @@ class AsioReactor : public Reactor {
   boost::asio::io_context& ioContext() { return io_; }
 
  private:
-  boost::asio::io_context io_;
+  // Only run() runs it, on one thread: asio then queues that thread's own
+  // posts and completions without taking its lock. Other threads still post
+  // safely.
+  boost::asio::io_context io_{1};
   // Keeps run() waiting while only other threads (the resolver, the SCTP
   // stack) have work that will come back through post().
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
