@@ -40,22 +40,22 @@ void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
   boost::asio::post(io_, GuardedTask{token, std::move(task)});
 }
 
-void AsioReactor::scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) {
+void AsioReactor::scheduleAt(const LifetimeToken& token, Time when, Delegate<void()> task) {
   if (when == MaxTime) return;  // never due
   auto timer = std::make_shared<boost::asio::system_timer>(io_);
   const int64_t us = when.count() > static_cast<uint64_t>(FarFutureUs) ? FarFutureUs : static_cast<int64_t>(when.count());
   timer->expires_at(std::chrono::system_clock::time_point(
       std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::microseconds(us))));
-  timer->async_wait([timer, guarded = GuardedTask{token, task}](const boost::system::error_code& error) {
+  timer->async_wait([timer, guarded = GuardedTask{token, std::move(task)}](const boost::system::error_code& error) {
     if (!error) guarded();
   });
 }
 
-void AsioReactor::scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) {
+void AsioReactor::scheduleAfter(const LifetimeToken& token, Duration delay, Delegate<void()> task) {
   if (delay == MaxDuration) return;
   auto timer = std::make_shared<boost::asio::steady_timer>(io_);
   timer->expires_after(std::chrono::microseconds(delay.count() > FarFutureUs ? FarFutureUs : delay.count()));
-  timer->async_wait([timer, guarded = GuardedTask{token, task}](const boost::system::error_code& error) {
+  timer->async_wait([timer, guarded = GuardedTask{token, std::move(task)}](const boost::system::error_code& error) {
     if (!error) guarded();
   });
 }

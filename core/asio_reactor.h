@@ -18,8 +18,8 @@ class AsioReactor : public Reactor {
   ~AsioReactor() override;
 
   void post(const LifetimeToken& token, Delegate<void()> task) override;
-  void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) override;
-  void scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) override;
+  void scheduleAt(const LifetimeToken& token, Time when, Delegate<void()> task) override;
+  void scheduleAfter(const LifetimeToken& token, Duration delay, Delegate<void()> task) override;
   void setExceptionHandler(const Delegate<void()>& handler) override;
   std::shared_ptr<TimeProvider> timeProvider() override { return timeProvider_; }
   void lock() override { mutex_.lock(); }

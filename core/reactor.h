@@ -15,12 +15,12 @@ class Reactor {
  public:
   virtual ~Reactor() = default;
 
-  // May be called from any thread. The task is taken by value so that a
+  // May be called from any thread. Tasks are taken by value so that a
   // lambda becomes one Delegate, moved on rather than copied.
   virtual void post(const LifetimeToken& token, Delegate<void()> task) = 0;
   // MaxTime means "never".
-  virtual void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) = 0;
-  virtual void scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) = 0;
+  virtual void scheduleAt(const LifetimeToken& token, Time when, Delegate<void()> task) = 0;
+  virtual void scheduleAfter(const LifetimeToken& token, Duration delay, Delegate<void()> task) = 0;
   // Called after an exception that escaped a task has been logged.
   virtual void setExceptionHandler(const Delegate<void()>& handler) = 0;
   virtual std::shared_ptr<TimeProvider> timeProvider() = 0;

@@ -31,13 +31,13 @@ class ManualReactor : public Reactor {
   ManualReactor() : time_(std::make_shared<ManualTimeProvider>()) {}
 
   void post(const LifetimeToken& token, Delegate<void()> task) override {
-    add(time_->now(), token, task);
+    add(time_->now(), token, std::move(task));
   }
-  void scheduleAt(const LifetimeToken& token, Time when, const Delegate<void()>& task) override {
-    if (when != MaxTime) add(when, token, task);
+  void scheduleAt(const LifetimeToken& token, Time when, Delegate<void()> task) override {
+    if (when != MaxTime) add(when, token, std::move(task));
   }
-  void scheduleAfter(const LifetimeToken& token, Duration delay, const Delegate<void()>& task) override {
-    if (delay != MaxDuration) add(time_->now() + delay, token, task);
+  void scheduleAfter(const LifetimeToken& token, Duration delay, Delegate<void()> task) override {
+    if (delay != MaxDuration) add(time_->now() + delay, token, std::move(task));
   }
   void setExceptionHandler(const Delegate<void()>&) override {}
   std::shared_ptr<TimeProvider> timeProvider() override { return time_; }
@@ -86,8 +86,8 @@ class ManualReactor : public Reactor {
     Delegate<void()> task;
   };
 
-  void add(Time when, const LifetimeToken& token, const Delegate<void()>& task) {
-    tasks_.emplace(std::make_pair(when, sequence_++), Entry{token, task});
+  void add(Time when, const LifetimeToken& token, Delegate<void()> task) {
+    tasks_.emplace(std::make_pair(when, sequence_++), Entry{token, std::move(task)});
   }
 
   std::shared_ptr<ManualTimeProvider> time_;
