@@ -161,7 +161,7 @@ TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
   networkInfo_->add("dummy0", AF_INET6, "::1");               // loopback address on another interface
   networkInfo_->add("eth1", AF_INET, "10.0.1.2", false);
   networkInfo_->add("eth0", AF_INET6, "2001:db8::2");
-  networkInfo_->add("eth0", AF_INET6, "fe80::2");
+  networkInfo_->add("eth0", AF_INET6, "febf::2");  // link-local: fe80::/10 ends at febf
   networkInfo_->add("eth0", AF_INET, "10.0.0.2");  // an alias listed twice
   resolver_->addresses = {StunServer, SocketAddress(AF_INET6, "2001:db8::100", 3478)};
   addStunServer(SocketAddress(AF_INET6, "2001:db8::100", 3478));  // no NAT: maps to the host address itself
