@@ -33,15 +33,19 @@ NetHttpClientRequest::NetHttpClientRequest(std::shared_ptr<Reactor> reactor,
       watchdog_(std::move(watchdog)),
       method_(method),
       scheme_(scheme),
-      hostValue_(hostValue),
-      path_(path.empty() ? "/" : path),
-      headers_(MessageHeaders::request(method_, path_)),
+      headers_(MessageHeaders::request(method_, path.empty() ? StringSection("/") : StringSection(path))),
       timeout_(NetHttpClient::RequestTimeout),
       sender_(reinterpret_cast<uintptr_t>(this), allocator_),
       receiver_(std::make_shared<ResponseReceiver>(reinterpret_cast<uintptr_t>(this), allocator_, method_)) {
   if (!headers_.isValid()) throw std::invalid_argument("Request line too long");
-  headers_.addField(HttpHeader::Host, hostValue_);
+  headers_.addField(HttpHeader::Host, hostValue);
   acquirer_ = std::make_shared<ConnectionAcquirer>(id(), std::move(resolver), std::move(pool), connectHost, scheme);
+}
+
+std::string NetHttpClientRequest::text() const {
+  const auto host = headers_.find(HttpHeader::Host);
+  return method_ + " " + scheme_ + "://" + (host != headers_.end() ? host->value.str() : std::string()) +
+         headers_.requestTarget().str();
 }
 
 NetHttpClientRequest::~NetHttpClientRequest() {
@@ -132,8 +136,8 @@ void NetHttpClientRequest::startStreaming() {
 
 void NetHttpClientRequest::startSending() {
   if (!started_ || !connected_ || done_ || !sender_.hasHead()) return;
-  QLOG(Log, log::Debug, "0x%x: Starting request: '%s %s' with %u bytes of data", id(), method_, path_,
-       sender_.bodyBytes());
+  QLOG(Log, log::Debug, "0x%x: Starting request: '%s %s' with %u bytes of data", id(), method_,
+       headers_.requestTarget(), sender_.bodyBytes());
   // Asked for by the caller: the server may close without saying so.
   closeAfter_ = closeAfter_ || hasToken(headers_, HttpHeader::Connection, "close");
   // Kept for retryOnNewConnection(): only a reused connection can have been

@@ -59,7 +59,7 @@ class NetHttpClientRequest : public WebClientRequest,
 
  private:
   uintptr_t id() const { return reinterpret_cast<uintptr_t>(this); }
-  std::string text() const { return method_ + " " + scheme_ + "://" + hostValue_ + path_; }
+  std::string text() const;
   std::weak_ptr<NetHttpClientRequest> weak() { return shared_from_this(); }
   void touch() { lastActivity_ = reactor_->timeProvider()->now(); }
 
@@ -84,7 +84,8 @@ class NetHttpClientRequest : public WebClientRequest,
   std::shared_ptr<BufferChainAllocator> allocator_;
   std::shared_ptr<HttpConnectionPool> pool_;
   std::shared_ptr<RequestWatchdog> watchdog_;
-  const std::string method_, scheme_, hostValue_, path_;
+  // The path and the Host value live in headers_ only.
+  const std::string method_, scheme_;
   MessageHeaders headers_;
   const Duration timeout_;
 
