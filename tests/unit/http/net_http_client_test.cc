@@ -284,6 +284,7 @@ TEST_F(NetHttpClientTest, PostBodiesWithLengthAndChunked) {
   ASSERT_TRUE(sink);
   sink->put(BufferChainPtr(testing::chainOf(*pool, "hello")));
   run();
+  sink->put(BufferChainPtr(BufferChain()));  // no chunk: an empty one would end the body
   sink->put(BufferChainPtr(testing::chainOf(*pool, std::string(300, 'x'))));
   sink->end();
   run();
