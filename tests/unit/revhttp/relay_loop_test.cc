@@ -210,7 +210,8 @@ TEST_F(RelayLoop, ABodyThatEndsInsideTheHeadEndsThePendingRequest) {
 TEST_F(RelayLoop, UnhandledRequestGetsTheSimpleNotFoundReplyWithItsSchemeKept) {
   handler->takes = false;
   registered();
-  relay({"POST /nobody HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"},
+  // Its body goes nowhere, so later pieces cannot end it early either.
+  relay({"POST /nobody HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n", "not a chunk\r\n"},
         "Link: <https://k1.relay.test/rhttp/reply/7>; rel=\"reply\"\r\n" + NextLink);
   EXPECT_TRUE(logged(Name + ": Request for /nobody not handled", log::Notice));
   std::shared_ptr<FakeClientRequest> post = replyPost();
@@ -221,6 +222,7 @@ TEST_F(RelayLoop, UnhandledRequestGetsTheSimpleNotFoundReplyWithItsSchemeKept) {
   EXPECT_EQ(post->streamStarts, 0);
   EXPECT_EQ(handler->body, "");
 
+  EXPECT_EQ(client->finishedCount(), 0u);
   respond(*post, "HTTP/1.1 200 OK\r\n");
   EXPECT_EQ(client->finishedCount(), 1u);
   respond(*currentGet(), "HTTP/1.1 204 No Content\r\n" + NextLink);
