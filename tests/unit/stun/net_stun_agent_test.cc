@@ -255,13 +255,19 @@ TEST_F(AgentTest, SocketFailuresEndTheTransactionNeverFromInsideTheCall) {
 }
 
 TEST_F(AgentTest, CancelStopsWithoutCallingBack) {
-  Outcome outcome;
+  Outcome outcome, other;
   const RequestHandle handle = send(request(4), outcome);
   agent_->cancel(handle);
   agent_->cancel(handle + 100);
   reactor_->advance(Duration::seconds(2));
   EXPECT_EQ(socket_->datagrams.size(), 1u);
   EXPECT_EQ(outcome.calls, 0);
+  // Each request has its own handle: cancelling the second leaves the first.
+  send(request(5), other);
+  agent_->cancel(send(request(6), outcome));
+  reactor_->advance(Duration::seconds(2));
+  EXPECT_EQ(outcome.calls, 0);
+  EXPECT_EQ(other.calls, 1);
 }
 
 TEST_F(AgentTest, CallbacksMayStartAndCancelRequestsAndDropTheAgent) {
