@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <deque>
 #include <stdexcept>
 #include <string>
@@ -55,6 +56,7 @@ class ChainTest : public ::testing::Test {
 
 TEST_F(ChainTest, AllocateSplitsIntoFullBuffersAndARemainder) {
   EXPECT_TRUE(pool_.allocate(0).empty());
+  EXPECT_TRUE(pool_.allocate(SIZE_MAX / 2).empty());
   BufferChain one = pool_.allocate(4);
   EXPECT_EQ(lengths(one), (std::vector<uint32_t>{4}));
   BufferChain two = pool_.allocate(5);
