@@ -44,6 +44,7 @@ TEST_F(Misuse, IsRefusedWithItsOwnText) {
       {"receiveFrom not supported for SCTP sockets",
        [&] { client->receiveFrom(chainOf("x"), [](int, std::size_t, const SocketAddress&) {}); }},
       {"Failed to set socket option", [&] { client->setOption(IPPROTO_SCTP, 0x7fff, "", 0); }},
+      {"Failed to set socket option", [&] { listener->setOption(IPPROTO_SCTP, 0x7fff, "", 0); }},
       {"Failed to bind to point to point address",
        [&] { deviceLink->createSocket(SocketAddress::FamilySpecial, SOCK_STREAM, 0)->bind(p2p(5000)); }},
   };
