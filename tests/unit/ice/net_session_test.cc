@@ -164,8 +164,9 @@ TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
   networkInfo_->add("eth0", AF_INET6, "febf::2");  // link-local: fe80::/10 ends at febf
   networkInfo_->add("eth0", AF_INET, "10.0.0.2");  // an alias listed twice
   resolver_->addresses = {StunServer, SocketAddress(AF_INET6, "2001:db8::100", 3478)};
-  addStunServer(SocketAddress(AF_INET6, "2001:db8::100", 3478));  // no NAT: maps to the host address itself
-  network_.addNat(SocketAddress(AF_INET, "10.0.0.2", 40000), SocketAddress(AF_INET, "203.0.113.5", 50000));
+  addStunServer(SocketAddress(AF_INET6, "2001:db8::100", 3478));
+  // No NAT for IPv4: mapped to the host address itself, which adds no candidate.
+  network_.addNat(SocketAddress(AF_INET6, "2001:db8::2", 40001), SocketAddress(AF_INET6, "2001:db8:5::5", 50001));
   // Remote candidates that cannot be reached (link-local, port 0) get no pair.
   const auto session = makeSession({remote(SocketAddress(AF_INET6, "fe80::9", 1)),
                                     remote(SocketAddress(AF_INET6, "2001:db8::9", 2)),
@@ -183,10 +184,10 @@ TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
   EXPECT_EQ(24u, local.password.size());
   EXPECT_EQ("candidate=h1 1 UDP 2130706177 10.0.0.2 40000 typ host\n"
             "candidate=h2 1 UDP 2130705921 2001:db8::2 40001 typ host\n"
-            "candidate=s1 1 UDP 1694498561 203.0.113.5 50000 typ srflx\n"
+            "candidate=s2 1 UDP 1694498305 2001:db8:5::5 50001 typ srflx\n"
             "userfrag=" + local.userFragment + "\npassword=" + local.password + "\n",
             printDescription(local));
-  EXPECT_EQ(SocketAddress(AF_INET, "10.0.0.2", 40000), local.candidates[2]->base);
+  EXPECT_EQ(SocketAddress(AF_INET6, "2001:db8::2", 40001), local.candidates[2]->base);
   std::vector<std::string> pairs;
   for (const CandidatePairPtr& pair : session->checkList()) pairs.push_back(pair->toString());
   EXPECT_EQ((std::vector<std::string>{"[10.0.0.2:40000, 198.51.100.2:6000]",
