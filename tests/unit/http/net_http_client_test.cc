@@ -528,11 +528,7 @@ TEST_F(NetHttpClientTest, IdleConnectionClosedByServerIsDropped) {
     fetchHello("/");
     ASSERT_EQ(1u, client->plainPool()->freeCount());
     ASSERT_TRUE(factory->last().receiving());
-    if (error < 0) {
-      factory->last().deliver("stray");
-    } else {
-      factory->last().deliverClose(error);
-    }
+    error < 0 ? factory->last().deliver("stray") : factory->last().deliverClose(error);
     run();
     EXPECT_EQ(0u, client->plainPool()->freeCount());
   }

@@ -45,6 +45,7 @@ TEST_F(Misuse, IsRefusedWithItsOwnText) {
        [&] { client->receiveFrom(chainOf("x"), [](int, std::size_t, const SocketAddress&) {}); }},
       {"Failed to set socket option", [&] { client->setOption(IPPROTO_SCTP, 0x7fff, "", 0); }},
       {"Failed to set socket option", [&] { listener->setOption(IPPROTO_SCTP, 0x7fff, "", 0); }},
+      {"Failed to get socket option", [&] { std::size_t n = 0; client->getOption(IPPROTO_SCTP, 0x7fff, nullptr, n); }},
       {"Failed to bind to point to point address",
        [&] { deviceLink->createSocket(SocketAddress::FamilySpecial, SOCK_STREAM, 0)->bind(p2p(5000)); }},
   };
