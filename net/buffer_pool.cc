@@ -75,9 +75,9 @@ BufferChain BufferPool::allocate(std::size_t size) {
   QLOG(Log, log::Debug, "allocate(%u)", size);
   std::lock_guard<std::mutex> lock(mutex_);
   const std::size_t wanted = (size + bufferSize_ - 1) / bufferSize_;
+  if (wanted == 0) return BufferChain();
+  if (wanted > 0xffffffffu) return BufferChain();
   const auto count = static_cast<unsigned>(wanted);
-  // Counts are unsigned: a size whose count does not fit cannot be met.
-  if (count == 0 || count != wanted) return BufferChain();
   if (freeCount_ < count && !grow(count - freeCount_)) return BufferChain();
   const bool spam = Log.isEnabled(log::Spam);
   Buffer* first = takeFree();
