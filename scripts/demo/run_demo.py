@@ -187,7 +187,10 @@ def inner(ferrule_path, devrelay_path, p2pclient_path, work, prefix, server_addr
     def on_signal(signum, frame):
         if not stop.is_set():
             say("stopping")
-        stop.set()
+        # Set from another thread: the handler runs on the main thread, which
+        # may be inside stop.wait() holding the event's own lock, and setting
+        # it here would then wait for ever.
+        threading.Thread(target=stop.set).start()
 
     signal.signal(signal.SIGINT, on_signal)
     signal.signal(signal.SIGTERM, on_signal)
