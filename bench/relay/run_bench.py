@@ -9,13 +9,16 @@ the same nginx:
   ferrule static   the same through a fully static ferrule, the shape the
                    device runs (FERRULE_STATIC, built in build-static/ when
                    missing)
+  floor     the same through bench_relay_floor, a lean event loop that does
+            the relay protocol's steps and nothing else: what any device
+            side of this protocol costs at the least (1 KB runs only)
 
 Cases: requests/s for a 1 KB page at concurrency 1 and 16 (wrk, keep-alive),
 and MB/s for one 100 MB file (curl). Each measurement is repeated and the
 medians are printed with the ratios, ferrule's CPU seconds per 1000 relayed
 requests (utime+stime from /proc/PID/stat around each wrk run) and its ratio
 to the ssh client's (the tunnel's device side, which does the same kinds of
-work), the device side's user and system time per request apart, and the
+work) and to the floor's, the device side's user and system time per request apart, and the
 peak RSS (VmHWM) of both ferrule builds under the same load,
 with the static one's resident memory by mapping.
 
@@ -32,10 +35,12 @@ host key, user key and authorized_keys in the run's temp directory; nothing
 of the machine's ssh setup is read or changed. Needs root.
 
     python3 bench/relay/run_bench.py [--reps N] [--seconds S] [--static FERRULE]
-                                     [--no-callgrind] [--profile FILE] [FERRULE DEVRELAY]
+                                     [--no-callgrind] [--profile FILE] [--floor FLOOR]
+                                     [FERRULE DEVRELAY]
 
-Defaults: build/app/ferrule, build-static/app/ferrule and
-build/tools/devrelay/ferrule-devrelay, 5 repetitions of 3 s."""
+Defaults: build/app/ferrule, build-static/app/ferrule,
+build/bench/bench_relay_floor and build/tools/devrelay/ferrule-devrelay,
+5 repetitions of 3 s."""
 import argparse
 import os
 import re
@@ -58,7 +63,7 @@ from harness.netns import run_in_namespace  # noqa: E402
 from harness.nginx import Nginx, free_port  # noqa: E402
 from harness.proc_figures import cpu_seconds, cpu_split, status_field  # noqa: E402
 
-KEY, STATIC_KEY, CALLGRIND_KEY = "dev1", "dev2", "dev3"
+KEY, STATIC_KEY, CALLGRIND_KEY, FLOOR_KEY = "dev1", "dev2", "dev3", "dev4"
 DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT = 8443, 8080, 8000
 BIG_SIZE = 100 * 1024 * 1024
 SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
@@ -277,7 +282,7 @@ def static_build():
 
 def measure(args):
     work = tempfile.mkdtemp(prefix="ferrule-bench-relay-")
-    nginx = relay = ferrule = static = tunnel = None
+    nginx = relay = ferrule = static = tunnel = floor = None
     try:
         certs.make_ca(work, "good", "ferrule e2e good CA")
         certs.make_server_certificate(work, "good", DOMAIN)
@@ -302,13 +307,16 @@ def measure(args):
         write_registration(work, STATIC_KEY + ".info", STATIC_KEY)
         static = start_ferrule(args.static, work, "ferrule-static", STATIC_KEY + ".info", DEVICE_PORT,
                                nginx.authority(), level=4)
+        floor = subprocess.Popen([args.floor, FLOOR_KEY, DOMAIN, str(DEVICE_PORT), nginx.authority()],
+                                 env=dict(os.environ, SSL_CERT_FILE=os.path.join(work, "good-ca.pem")))
         pid, static_pid = ferrule.proc.pid, static.proc.pid
         ferrules = (("ferrule", pid), ("ferrule static", static_pid))
 
         routes = [("direct", "http://127.0.0.1:%d" % nginx.port, nginx.authority(), None),
                   ("ssh -R", "http://127.0.0.1:%d" % tunnel.port, nginx.authority(), tunnel.ssh.pid),
                   ("ferrule", outside, "%s.%s" % (KEY, DOMAIN), pid),
-                  ("ferrule static", outside, "%s.%s" % (STATIC_KEY, DOMAIN), static_pid)]
+                  ("ferrule static", outside, "%s.%s" % (STATIC_KEY, DOMAIN), static_pid),
+                  ("floor", outside, "%s.%s" % (FLOOR_KEY, DOMAIN), floor.pid)]
         relayed = [route for route, *_ in routes if route.startswith("ferrule")]
         for _, base, host_header, _ in routes:
             wait_until_served(base + "/1k.html", host_header)
@@ -323,7 +331,7 @@ def measure(args):
         for rep in range(args.reps):
             for c in (1, 16):
                 for route, base, host_header, device_pid in routes:
-                    watched = [p for p in (device_pid, relay.proc.pid if route in relayed else None) if p]
+                    watched = [p for p in (device_pid, relay.proc.pid if route in relayed + ["floor"] else None) if p]
                     before = [cpu_seconds(p) for p in watched]
                     split_before = cpu_split(device_pid) if device_pid else None
                     rate, count = wrk(base + "/1k.html", host_header, c, args.seconds)
@@ -335,6 +343,8 @@ def measure(args):
                                                   for now, was in zip(cpu_split(device_pid), split_before)])
             hwm_small = {name: status_field(p, "VmHWM") for name, p in ferrules}
             for route, base, host_header, device_pid in routes:
+                if route == "floor":
+                    continue
                 watched = [device_pid, relay.proc.pid] if route in relayed else [device_pid]
                 before = [cpu_seconds(p) for p in watched if p]
                 speeds[route].append(download(base + "/big.bin", host_header))
@@ -351,22 +361,24 @@ def measure(args):
             d, s, f, fs = (med(rates[(route, c)]) for route in ("direct", "ssh -R", "ferrule", "ferrule static"))
             print("%-16s %10.0f %10.0f %10.0f %10.0f   %12.2f %14.2f" % ("1 KB c=%d req/s" % c, d, s, f, fs, f / s,
                                                                         f / d))
+        print("floor req/s: " + ", ".join("c=%d %.0f" % (c, med(rates[("floor", c)])) for c in (1, 16)))
         d, s, f, fs = (med(speeds[route]) for route in ("direct", "ssh -R", "ferrule", "ferrule static"))
         print("%-16s %10.1f %10.1f %10.1f %10.1f   %12.2f %14.2f" % ("100 MB MB/s", d, s, f, fs, f / s, f / d))
         ratios = {}
         for c in (1, 16):
             ssh = med(x[0] for x in cpu[("ssh -R", c)])
-            own = {route: med(x[0] for x in cpu[(route, c)]) for route in relayed}
-            ratios.update({(route, c): own[route] / ssh for route in relayed})
+            own = {route: med(x[0] for x in cpu[(route, c)]) for route in relayed + ["floor"]}
+            ratios.update({(route, c): own[route] / ssh for route in relayed + ["floor"]})
             print("CPU s per 1000 requests, 1 KB c=%-2d: ferrule %.3f (%.2fx the ssh client), static %.3f (%.2fx), "
-                  "dev relay %.3f, ssh client %.3f"
+                  "floor %.3f (%.2fx), dev relay %.3f, ssh client %.3f"
                   % (c, own["ferrule"], ratios[("ferrule", c)], own["ferrule static"], ratios[("ferrule static", c)],
-                     med(x[1] for x in cpu[("ferrule", c)]), ssh))
+                     own["floor"], ratios[("floor", c)], med(x[1] for x in cpu[("ferrule", c)]), ssh))
+            print("  ferrule static / floor at c=%d: %.2fx" % (c, own["ferrule static"] / own["floor"]))
         for c in (1, 16):
             print("device side per request, 1 KB c=%-2d: " % c + "; ".join(
                 "%s user %.1f us, system %.1f us" % (route, med(x[0] for x in split[(route, c)]),
                                                      med(x[1] for x in split[(route, c)]))
-                for route in relayed + ["ssh -R"]))
+                for route in relayed + ["floor", "ssh -R"]))
         print("CPU s per 100 MB download: ferrule %.2f, static %.2f, dev relay %.2f, ssh client %.2f"
               % (med(c[0] for c in big_cpu["ferrule"]), med(c[0] for c in big_cpu["ferrule static"]),
                  med(c[1] for c in big_cpu["ferrule"]), med(c[0] for c in big_cpu["ssh -R"])))
@@ -387,7 +399,7 @@ def measure(args):
                                               "%s.%s" % (CALLGRIND_KEY, DOMAIN))
             print("instructions per relayed request (callgrind, all threads, %d s of wrk): c=1 %.0f, c=16 %.0f"
                   % (args.seconds, instructions[1], instructions[16]))
-        for route in relayed:
+        for route in relayed + ["floor"]:
             print("target %s CPU per request <= 1.5x the ssh client's: " % route + ", ".join(
                 "c=%d %s (%.2fx)" % (c, "met" if ratios[(route, c)] <= 1.5 else "MISSED", ratios[(route, c)])
                 for c in (1, 16)))
@@ -399,6 +411,9 @@ def measure(args):
         for daemon in (ferrule, static):
             if daemon:
                 daemon.stop()
+        if floor:
+            floor.terminate()
+            floor.wait(10)
         if relay:
             relay.stop(signal.SIGTERM)
         if tunnel:
@@ -417,11 +432,14 @@ def main():
     parser.add_argument("--no-callgrind", action="store_true", help="skip the instruction count")
     parser.add_argument("--profile", help="file for the annotated callgrind profile of the c=1 run")
     parser.add_argument("--only-callgrind", action="store_true", help="only the instruction count")
+    parser.add_argument("--floor", default=os.path.join(ROOT, "build", "bench", "bench_relay_floor"),
+                        help="the protocol's floor (bench_relay_floor)")
     parser.add_argument("ferrule", nargs="?", default=os.path.join(ROOT, "build", "app", "ferrule"))
     parser.add_argument("devrelay", nargs="?", default=os.path.join(ROOT, "build", "tools", "devrelay",
                                                                     "ferrule-devrelay"))
     args = parser.parse_args()
-    args.ferrule, args.devrelay = os.path.abspath(args.ferrule), os.path.abspath(args.devrelay)
+    args.ferrule, args.devrelay, args.floor = (os.path.abspath(path) for path in (args.ferrule, args.devrelay,
+                                                                                  args.floor))
     if args.profile:
         args.profile = os.path.abspath(args.profile)
     if args.inner:
@@ -434,7 +452,7 @@ def main():
     for tool in tools:
         if not shutil.which(tool):
             sys.exit("missing %s: scripts/setup.sh installs it (scripts/packages/bench.txt)" % tool)
-    for binary in (args.ferrule, args.devrelay):
+    for binary in (args.ferrule, args.devrelay) + (() if args.only_callgrind else (args.floor,)):
         if not os.access(binary, os.X_OK):
             sys.exit("missing %s: build it with ninja -C build" % binary)
     if not args.only_callgrind:
@@ -445,8 +463,9 @@ def main():
     options += ["--no-callgrind"] if args.no_callgrind else []
     options += ["--only-callgrind"] if args.only_callgrind else []
     options += ["--profile", args.profile] if args.profile else []
+    options += ["--floor", args.floor]
     return run_in_namespace("ferrule-bench-%d" % os.getpid(),
-                            [DOMAIN] + ["%s.%s" % (key, DOMAIN) for key in (KEY, STATIC_KEY, CALLGRIND_KEY)],
+                            [DOMAIN] + ["%s.%s" % (key, DOMAIN) for key in (KEY, STATIC_KEY, CALLGRIND_KEY, FLOOR_KEY)],
                             [sys.executable, os.path.abspath(__file__), "--inner"] + options
                             + [args.ferrule, args.devrelay], timeout=limit)
 
