@@ -22,9 +22,9 @@ work) and to the floor's, the device side's user and system time per request apa
 peak RSS (VmHWM) of both ferrule builds under the same load,
 with the static one's resident memory by mapping.
 
-Then a third ferrule runs under callgrind for a short wrk run at each
-concurrency: the instructions it executes (all threads) per relayed request,
-a figure that a busy machine does not blur. --profile FILE keeps the
+Then a third ferrule, and a second floor, run under callgrind for a short
+wrk run at each concurrency: the instructions each executes (all threads) per
+relayed request, a figure that a busy machine does not blur. --profile FILE keeps the
 annotated top functions of the c=1 run (and FILE.out, callgrind's own file);
 --only-callgrind skips the timed runs.
 
@@ -63,7 +63,7 @@ from harness.netns import run_in_namespace  # noqa: E402
 from harness.nginx import Nginx, free_port  # noqa: E402
 from harness.proc_figures import cpu_seconds, cpu_split, status_field  # noqa: E402
 
-KEY, STATIC_KEY, CALLGRIND_KEY, FLOOR_KEY = "dev1", "dev2", "dev3", "dev4"
+KEY, STATIC_KEY, CALLGRIND_KEY, FLOOR_KEY, FLOOR_CALLGRIND_KEY = "dev1", "dev2", "dev3", "dev4", "dev5"
 DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT = 8443, 8080, 8000
 BIG_SIZE = 100 * 1024 * 1024
 SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
@@ -237,32 +237,62 @@ def callgrind_totals(path):
     raise RuntimeError("no totals in %s" % path)
 
 
-def count_instructions(args, work, target, url, host):
-    """{concurrency: instructions per relayed request} of a ferrule under
-    callgrind, counted from zeroed counters over one short wrk run each."""
+def count_instructions(args, work, target, url):
+    """{(device side, concurrency): instructions per relayed request} of a
+    ferrule and of the floor under callgrind, counted from zeroed counters
+    over one short wrk run each."""
     write_registration(work, CALLGRIND_KEY + ".info", CALLGRIND_KEY)
-    out = os.path.join(work, "callgrind.out")
-    ferrule = start_ferrule(args.ferrule, work, "ferrule-callgrind", CALLGRIND_KEY + ".info", DEVICE_PORT, target,
-                            level=4, wrapper=["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out,
-                                     # each dump names its functions in full, so one can be read alone
-                                     "--compress-strings=no", "--compress-pos=no"])
     figures = {}
-    try:
-        wait_until_served(url, host, timeout=120)
-        wrk(url, host, 16, 2)  # warm-up: connections, pools, buffers
-        for dump, c in enumerate((1, 16), 1):
-            subprocess.run(["callgrind_control", "-z", str(ferrule.proc.pid)], check=True, capture_output=True)
-            _, count = wrk(url, host, c, args.seconds)
-            subprocess.run(["callgrind_control", "-d", str(ferrule.proc.pid)], check=True, capture_output=True)
-            figures[c] = callgrind_totals("%s.%d" % (out, dump)) / count
-        if args.profile:
-            shutil.copy(out + ".1", args.profile + ".out")
-            with open(args.profile, "w") as f:
-                subprocess.run(["callgrind_annotate", "--auto=no", "--inclusive=yes", "--threshold=95", out + ".1"],
-                               check=True, stdout=f, stderr=subprocess.STDOUT)
-    finally:
-        ferrule.stop()
+    for side, key in (("ferrule", CALLGRIND_KEY), ("floor", FLOOR_CALLGRIND_KEY)):
+        out = os.path.join(work, "callgrind-%s.out" % side)
+        wrapper = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out,
+                   # each dump names its functions in full, so one can be read alone
+                   "--compress-strings=no", "--compress-pos=no"]
+        if side == "ferrule":
+            process = start_ferrule(args.ferrule, work, "ferrule-callgrind", CALLGRIND_KEY + ".info", DEVICE_PORT,
+                                    target, level=4, wrapper=wrapper)
+            pid, stop = process.proc.pid, process.stop
+        else:
+            process = start_floor(args.floor, work, key, target, wrapper)
+            pid, stop = process.pid, lambda: stop_floor(process)
+        host = "%s.%s" % (key, DOMAIN)
+        try:
+            wait_until_served(url, host, timeout=120)
+            wrk(url, host, 16, 2)  # warm-up: connections, pools, buffers
+            for dump, c in enumerate((1, 16), 1):
+                subprocess.run(["callgrind_control", "-z", str(pid)], check=True, capture_output=True)
+                _, count = wrk(url, host, c, args.seconds)
+                subprocess.run(["callgrind_control", "-d", str(pid)], check=True, capture_output=True)
+                figures[(side, c)] = callgrind_totals("%s.%d" % (out, dump)) / count
+            if args.profile and side == "ferrule":
+                shutil.copy(out + ".1", args.profile + ".out")
+                with open(args.profile, "w") as f:
+                    subprocess.run(["callgrind_annotate", "--auto=no", "--inclusive=yes", "--threshold=95",
+                                    out + ".1"], check=True, stdout=f, stderr=subprocess.STDOUT)
+        finally:
+            stop()
     return figures
+
+
+def print_instructions(figures, seconds):
+    print("instructions per relayed request (callgrind, all threads, %d s of wrk): " % seconds + "; ".join(
+        "%s c=1 %.0f, c=16 %.0f" % (side, figures[(side, 1)], figures[(side, 16)]) for side in ("ferrule", "floor")))
+
+
+# ---- the floor
+
+def start_floor(floor, work, key, target, wrapper=()):
+    """bench_relay_floor registered with `key`, trusting the "good" CA; its
+    messages go to floor-KEY.log in `work`."""
+    with open(os.path.join(work, "floor-%s.log" % key), "w") as log:
+        return subprocess.Popen([*wrapper, floor, key, DOMAIN, str(DEVICE_PORT), target], stdout=log,
+                                stderr=subprocess.STDOUT,
+                                env=dict(os.environ, SSL_CERT_FILE=os.path.join(work, "good-ca.pem")))
+
+
+def stop_floor(process):
+    process.terminate()
+    process.wait(10)
 
 
 def static_build():
@@ -296,10 +326,7 @@ def measure(args):
         relay = start_devrelay(args.devrelay, work, "good", DEVICE_PORT, PLAIN_PORT, OUTSIDE_PORT, level=4)
         outside = "http://127.0.0.1:%d" % OUTSIDE_PORT
         if args.only_callgrind:
-            instructions = count_instructions(args, work, nginx.authority(), outside + "/1k.html",
-                                              "%s.%s" % (CALLGRIND_KEY, DOMAIN))
-            print("instructions per relayed request (callgrind, all threads, %d s of wrk): c=1 %.0f, c=16 %.0f"
-                  % (args.seconds, instructions[1], instructions[16]))
+            print_instructions(count_instructions(args, work, nginx.authority(), outside + "/1k.html"), args.seconds)
             return 0
         tunnel = SshTunnel(work, nginx.authority())
         write_registration(work, "dev1.info", KEY)
@@ -307,8 +334,7 @@ def measure(args):
         write_registration(work, STATIC_KEY + ".info", STATIC_KEY)
         static = start_ferrule(args.static, work, "ferrule-static", STATIC_KEY + ".info", DEVICE_PORT,
                                nginx.authority(), level=4)
-        floor = subprocess.Popen([args.floor, FLOOR_KEY, DOMAIN, str(DEVICE_PORT), nginx.authority()],
-                                 env=dict(os.environ, SSL_CERT_FILE=os.path.join(work, "good-ca.pem")))
+        floor = start_floor(args.floor, work, FLOOR_KEY, nginx.authority())
         pid, static_pid = ferrule.proc.pid, static.proc.pid
         ferrules = (("ferrule", pid), ("ferrule static", static_pid))
 
@@ -395,10 +421,7 @@ def measure(args):
         print("ferrule static resident now by mapping: " + ", ".join(
             "%s %d kB" % (name, kb) for kb, name in largest_mappings(static_pid, 10)))
         if not args.no_callgrind:
-            instructions = count_instructions(args, work, nginx.authority(), outside + "/1k.html",
-                                              "%s.%s" % (CALLGRIND_KEY, DOMAIN))
-            print("instructions per relayed request (callgrind, all threads, %d s of wrk): c=1 %.0f, c=16 %.0f"
-                  % (args.seconds, instructions[1], instructions[16]))
+            print_instructions(count_instructions(args, work, nginx.authority(), outside + "/1k.html"), args.seconds)
         for route in relayed + ["floor"]:
             print("target %s CPU per request <= 1.5x the ssh client's: " % route + ", ".join(
                 "c=%d %s (%.2fx)" % (c, "met" if ratios[(route, c)] <= 1.5 else "MISSED", ratios[(route, c)])
@@ -412,8 +435,7 @@ def measure(args):
             if daemon:
                 daemon.stop()
         if floor:
-            floor.terminate()
-            floor.wait(10)
+            stop_floor(floor)
         if relay:
             relay.stop(signal.SIGTERM)
         if tunnel:
@@ -452,7 +474,7 @@ def main():
     for tool in tools:
         if not shutil.which(tool):
             sys.exit("missing %s: scripts/setup.sh installs it (scripts/packages/bench.txt)" % tool)
-    for binary in (args.ferrule, args.devrelay) + (() if args.only_callgrind else (args.floor,)):
+    for binary in (args.ferrule, args.devrelay, args.floor):
         if not os.access(binary, os.X_OK):
             sys.exit("missing %s: build it with ninja -C build" % binary)
     if not args.only_callgrind:
@@ -465,7 +487,8 @@ def main():
     options += ["--profile", args.profile] if args.profile else []
     options += ["--floor", args.floor]
     return run_in_namespace("ferrule-bench-%d" % os.getpid(),
-                            [DOMAIN] + ["%s.%s" % (key, DOMAIN) for key in (KEY, STATIC_KEY, CALLGRIND_KEY, FLOOR_KEY)],
+                            [DOMAIN] + ["%s.%s" % (key, DOMAIN) for key in (KEY, STATIC_KEY, CALLGRIND_KEY, FLOOR_KEY,
+                                                                 FLOOR_CALLGRIND_KEY)],
                             [sys.executable, os.path.abspath(__file__), "--inner"] + options
                             + [args.ferrule, args.devrelay], timeout=limit)
 
