@@ -7,7 +7,7 @@
 //
 // Connections are kept and reused, names are looked up once, each message
 // goes out in one write and is read with as few reads as the bytes allow,
-// nothing is logged and nothing is freed on the way.
+// and nothing is logged.
 //
 // Only what the benchmark's relay and target send is understood: messages
 // with Content-Length (no chunked bodies), small enough for one write, no
