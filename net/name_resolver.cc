@@ -26,6 +26,16 @@ struct ServiceEntry {
 // device may not have.
 const ServiceEntry Services[] = {{"http", 80}, {"https", 443}, {"rtsp", 554}, {"stun", 3478}, {"", 0}};
 
+// What an answer given without the worker carries to the loop, in one block:
+// the posted task then holds a single pointer, which fits a Delegate without
+// a block of its own and moves through the loop's queue without copying the
+// caller's callback each time.
+template <typename Held>
+struct Answer {
+  Held result;
+  NameResolver::Callback callback;
+};
+
 }  // namespace
 
 NetNameResolver::NetNameResolver(std::shared_ptr<Reactor> reactor)
@@ -39,13 +49,11 @@ NetNameResolver::NetNameResolver(std::shared_ptr<Reactor> reactor)
 NetNameResolver::~NetNameResolver() { runner_.reset(); }
 
 void NetNameResolver::resolve(const std::string& host, const std::string& service, const Callback& callback) {
-  Result literal;
-  if (resolveLiteral(host, service, literal)) {
-    // Shared, so that the task carries a pointer rather than copies of the
-    // strings and the address list.
-    auto shared = std::make_shared<const Result>(std::move(literal));
-    reactor_->post(token_, [shared, callback]() {
-      if (callback) callback(*shared, true);
+  auto literal = std::make_shared<Answer<Result>>();
+  if (resolveLiteral(host, service, literal->result)) {
+    literal->callback = callback;
+    reactor_->post(token_, [literal]() {
+      if (literal->callback) literal->callback(literal->result, true);
     });
     return;
   }
@@ -57,9 +65,12 @@ void NetNameResolver::resolve(const std::string& host, const std::string& servic
         QLOG(Log, log::Debug, "%s -> %s", host, address.addressText());
       }
     }
-    reactor_->post(token_, [kept, callback]() {
+    auto answer = std::make_shared<Answer<std::shared_ptr<const ResolverCache::Entry>>>();
+    answer->result = std::move(kept);
+    answer->callback = callback;
+    reactor_->post(token_, [answer]() {
       WorkRunner<WorkItem>::deliver([&] {
-        if (callback) callback(*kept, true);
+        if (answer->callback) answer->callback(*answer->result, true);
       });
     });
     return;
