@@ -173,30 +173,38 @@ void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback&
 
 void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& callback) {
   // Every write becomes at least one TLS record, so a chain of small buffers
-  // is gathered first rather than sent as a record per buffer.
-  std::vector<boost::asio::const_buffer> pieces = asio_detail::constBuffers(buffers);
+  // is gathered first rather than sent as a record per buffer. The write's
+  // own block holds all it needs, so the handler that asio moves from layer
+  // to layer carries two pointers and no Delegate.
+  struct Write {
+    BufferChainPtr buffers;
+    TransferCallback callback;
+    std::vector<char> gathered;
+  };
+  auto write = std::make_shared<Write>(Write{buffers, callback, {}});
+  const std::vector<boost::asio::const_buffer> pieces = asio_detail::constBuffers(buffers);
   std::size_t total = 0;
   for (const auto& piece : pieces) total += piece.size();
-  std::shared_ptr<std::vector<char>> gathered;
+  boost::asio::const_buffer whole;
   if (pieces.size() > 1) {
-    gathered = std::make_shared<std::vector<char>>();
-    gathered->reserve(total);
+    write->gathered.reserve(total);
     for (const auto& piece : pieces) {
       const char* data = static_cast<const char*>(piece.data());
-      gathered->insert(gathered->end(), data, data + piece.size());
+      write->gathered.insert(write->gathered.end(), data, data + piece.size());
     }
-    pieces.assign(1, boost::asio::buffer(*gathered));
+    whole = boost::asio::buffer(write->gathered);
+  } else if (!pieces.empty()) {
+    whole = pieces.front();
   }
   auto state = state_;
-  boost::asio::async_write(
-      state->stream, pieces, [state, buffers, gathered, total, callback](const error_code& error, std::size_t bytes) {
-        logTransferFailure(*state, "Send", error);
-        // A stream whose handshake failed takes nothing and says nothing:
-        // the write ends short without an error.
-        int code = transferError(*state, error);
-        if (!code && bytes < total) code = SslStreamError;
-        if (callback) callback(code, bytes);
-      });
+  boost::asio::async_write(state->stream, whole, [state, write, total](const error_code& error, std::size_t bytes) {
+    logTransferFailure(*state, "Send", error);
+    // A stream whose handshake failed takes nothing and says nothing:
+    // the write ends short without an error.
+    int code = transferError(*state, error);
+    if (!code && bytes < total) code = SslStreamError;
+    if (write->callback) write->callback(code, bytes);
+  });
 }
 
 void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) {
@@ -206,33 +214,48 @@ void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const Tr
 void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallback& callback) {
   // A TLS read fills one buffer; what is left of the record already
   // decrypted is then taken into the following buffers without waiting.
-  auto pieces = std::make_shared<std::vector<boost::asio::mutable_buffer>>(asio_detail::mutableBuffers(buffers));
+  // The read's own block holds all it needs, so the handler that asio moves
+  // from layer to layer carries two pointers and no Delegate.
+  struct Read {
+    std::vector<boost::asio::mutable_buffer> pieces;
+    BufferChainPtr buffers;
+    TransferCallback callback;
+  };
+  auto read = std::make_shared<Read>(Read{asio_detail::mutableBuffers(buffers), buffers, callback});
+  // The stream reads into the first piece that has room and nothing more, so
+  // it is given that one alone rather than a copy of the list.
+  boost::asio::mutable_buffer first;
+  for (const auto& piece : read->pieces) {
+    if (piece.size() > 0) {
+      first = piece;
+      break;
+    }
+  }
   auto state = state_;
-  state->stream.async_read_some(
-      *pieces, [state, buffers, pieces, callback](const error_code& error, std::size_t bytes) {
-        if (error) {
-          logTransferFailure(*state, "Receive", error);
-          if (callback) callback(transferError(*state, error), bytes);
-          return;
-        }
-        SSL* ssl = state->stream.native_handle();
-        auto piece = pieces->begin();
-        while (piece != pieces->end() && piece->size() == 0) ++piece;
-        std::size_t offset = bytes;
-        while (piece != pieces->end() && SSL_pending(ssl) > 0) {
-          if (offset == piece->size()) {
-            ++piece;
-            offset = 0;
-            continue;
-          }
-          const int room = static_cast<int>(std::min<std::size_t>(piece->size() - offset, 1 << 30));
-          const int got = SSL_read(ssl, static_cast<char*>(piece->data()) + offset, room);
-          if (got <= 0) break;
-          offset += static_cast<std::size_t>(got);
-          bytes += static_cast<std::size_t>(got);
-        }
-        if (callback) callback(0, bytes);
-      });
+  state->stream.async_read_some(first, [state, read](const error_code& error, std::size_t bytes) {
+    if (error) {
+      logTransferFailure(*state, "Receive", error);
+      if (read->callback) read->callback(transferError(*state, error), bytes);
+      return;
+    }
+    SSL* ssl = state->stream.native_handle();
+    auto piece = read->pieces.begin();
+    while (piece != read->pieces.end() && piece->size() == 0) ++piece;
+    std::size_t offset = bytes;
+    while (piece != read->pieces.end() && SSL_pending(ssl) > 0) {
+      if (offset == piece->size()) {
+        ++piece;
+        offset = 0;
+        continue;
+      }
+      const int room = static_cast<int>(std::min<std::size_t>(piece->size() - offset, 1 << 30));
+      const int got = SSL_read(ssl, static_cast<char*>(piece->data()) + offset, room);
+      if (got <= 0) break;
+      offset += static_cast<std::size_t>(got);
+      bytes += static_cast<std::size_t>(got);
+    }
+    if (read->callback) read->callback(0, bytes);
+  });
 }
 
 void AsioSslSocket::receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) {
