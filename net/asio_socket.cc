@@ -1,6 +1,8 @@
 #include "net/asio_socket.h"
 
+#include <memory>
 #include <stdexcept>
+#include <vector>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/udp.hpp>
@@ -58,12 +60,33 @@ class AsioSocket : public AsyncSocket {
   void close() override { asio_detail::cancelAndClose(state_->socket); }
 
  protected:
-  // Completion of a transfer: keeps the state and the buffers until it runs.
-  static auto transferHandler(std::shared_ptr<SocketState<S>> state, const BufferChainPtr& buffers,
-                              const TransferCallback& callback) {
-    return [state = std::move(state), buffers, callback](const boost::system::error_code& error, std::size_t bytes) {
-      if (callback) callback(asio_detail::errorNumber(error), bytes);
-    };
+  // What a transfer needs until it completes, in one block: asio copies the
+  // buffer list it is given into its operation and moves the handler from
+  // layer to layer, and with the block both are a pointer.
+  template <typename Buffer>
+  struct Transfer {
+    std::vector<Buffer> pieces;
+    BufferChainPtr buffers;
+    TransferCallback callback;
+  };
+  // A buffer sequence that refers to a transfer's list.
+  template <typename Buffer>
+  struct Pieces {
+    const std::vector<Buffer>* list;
+    typename std::vector<Buffer>::const_iterator begin() const { return list->begin(); }
+    typename std::vector<Buffer>::const_iterator end() const { return list->end(); }
+  };
+
+  // Calls start(pieces, handler) to begin the asio operation. The state
+  // stays alive with the handler, so the socket may go while it is in flight.
+  template <typename Buffer, typename Start>
+  void transfer(std::vector<Buffer> pieces, const BufferChainPtr& buffers, const TransferCallback& callback,
+                Start start) {
+    auto op = std::make_unique<Transfer<Buffer>>(Transfer<Buffer>{std::move(pieces), buffers, callback});
+    const Pieces<Buffer> list{&op->pieces};
+    start(list, [state = state_, op = std::move(op)](const boost::system::error_code& error, std::size_t bytes) {
+      if (op->callback) op->callback(asio_detail::errorNumber(error), bytes);
+    });
   }
 
   std::shared_ptr<AsioReactor> reactor_;
@@ -79,8 +102,9 @@ class AsioStreamSocket : public AsioSocket<S> {
 
   // Writes the whole chain.
   void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    boost::asio::async_write(this->state_->socket, asio_detail::constBuffers(buffers),
-                             this->transferHandler(this->state_, buffers, callback));
+    this->transfer(asio_detail::constBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+      boost::asio::async_write(this->state_->socket, pieces, std::move(handler));
+    });
   }
 
   void sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) override {
@@ -89,8 +113,9 @@ class AsioStreamSocket : public AsioSocket<S> {
 
   // Whatever is available, up to the chain's size.
   void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->state_->socket.async_read_some(asio_detail::mutableBuffers(buffers),
-                                         this->transferHandler(this->state_, buffers, callback));
+    this->transfer(asio_detail::mutableBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+      this->state_->socket.async_read_some(pieces, std::move(handler));
+    });
   }
 
   void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) override {
@@ -108,18 +133,22 @@ class AsioDatagramSocket : public AsioSocket<S> {
 
   // One datagram to the connected peer.
   void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->state_->socket.async_send(asio_detail::constBuffers(buffers),
-                                    this->transferHandler(this->state_, buffers, callback));
+    this->transfer(asio_detail::constBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+      this->state_->socket.async_send(pieces, std::move(handler));
+    });
   }
 
   void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) override {
-    this->state_->socket.async_send_to(asio_detail::constBuffers(buffers), asio_detail::toEndpoint<Endpoint>(to),
-                                       this->transferHandler(this->state_, buffers, callback));
+    const Endpoint endpoint = asio_detail::toEndpoint<Endpoint>(to);
+    this->transfer(asio_detail::constBuffers(buffers), buffers, callback, [this, &endpoint](auto pieces, auto handler) {
+      this->state_->socket.async_send_to(pieces, endpoint, std::move(handler));
+    });
   }
 
   void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->state_->socket.async_receive(asio_detail::mutableBuffers(buffers),
-                                       this->transferHandler(this->state_, buffers, callback));
+    this->transfer(asio_detail::mutableBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+      this->state_->socket.async_receive(pieces, std::move(handler));
+    });
   }
 
   long tryReceiveFrom(uint8_t* data, std::size_t size, SocketAddress& from) override {
