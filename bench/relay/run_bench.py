@@ -18,15 +18,15 @@ and MB/s for one 100 MB file (curl). Each measurement is repeated and the
 medians are printed with the ratios, ferrule's CPU seconds per 1000 relayed
 requests (utime+stime from /proc/PID/stat around each wrk run) and its ratio
 to the ssh client's (the tunnel's device side, which does the same kinds of
-work) and to the floor's, the device side's user and system time per request apart, and the
-peak RSS (VmHWM) of both ferrule builds under the same load,
-with the static one's resident memory by mapping.
+work) and to the floor's, the device side's user and system time per
+request apart, and the peak RSS (VmHWM) of both ferrule builds under the
+same load, with the static one's resident memory by mapping.
 
 Then a third ferrule, and a second floor, run under callgrind for a short
-wrk run at each concurrency: the instructions each executes (all threads) per
-relayed request, a figure that a busy machine does not blur. --profile FILE keeps the
-annotated top functions of the c=1 run (and FILE.out, callgrind's own file);
---only-callgrind skips the timed runs.
+wrk run at each concurrency: the instructions each executes (all threads)
+per relayed request, a figure that a busy machine does not blur.
+--profile FILE keeps the annotated top functions of the ferrule's c=1 run
+(and FILE.out, callgrind's own file); --only-callgrind skips the timed runs.
 
 Everything runs on the loopback interface of a network namespace made for the
 run (see scripts/harness/netns.py), so KEY.relay.test resolves without
