@@ -221,7 +221,9 @@ void splitUrl(const std::string& url, std::string& host, std::string& port, std:
 class Floor {
  public:
   Floor(const std::string& key, const std::string& domain, const std::string& tlsPort, const std::string& target)
-      : relayHost_(key + "." + domain), relayAuthority_(relayHost_ + ":" + tlsPort), tls_(SSL_CTX_new(TLS_client_method())) {
+      : relayHost_(key + "." + domain),
+        relayAuthority_(relayHost_ + ":" + tlsPort),
+        tls_(SSL_CTX_new(TLS_client_method())) {
     SSL_CTX_set_default_verify_paths(tls_);
     SSL_CTX_set_verify(tls_, SSL_VERIFY_PEER, nullptr);
     // A record's header and body in one read.
