@@ -284,13 +284,21 @@ def print_instructions(figures, seconds):
 def start_floor(floor, work, key, target, wrapper=()):
     """bench_relay_floor registered with `key`, trusting the "good" CA; its
     messages go to floor-KEY.log in `work`."""
-    with open(os.path.join(work, "floor-%s.log" % key), "w") as log:
-        return subprocess.Popen([*wrapper, floor, key, DOMAIN, str(DEVICE_PORT), target], stdout=log,
-                                stderr=subprocess.STDOUT,
-                                env=dict(os.environ, SSL_CERT_FILE=os.path.join(work, "good-ca.pem")))
+    path = os.path.join(work, "floor-%s.log" % key)
+    with open(path, "w") as log:
+        process = subprocess.Popen([*wrapper, floor, key, DOMAIN, str(DEVICE_PORT), target], stdout=log,
+                                   stderr=subprocess.STDOUT,
+                                   env=dict(os.environ, SSL_CERT_FILE=os.path.join(work, "good-ca.pem")))
+    process.log_path = path
+    return process
 
 
 def stop_floor(process):
+    """Stops the floor; one that ended by itself says why, before the run's
+    directory goes."""
+    if process.poll() is not None:
+        with open(process.log_path) as log:
+            sys.stderr.write("the floor ended with %d:\n%s" % (process.returncode, log.read()))
     process.terminate()
     process.wait(10)
 
