@@ -24,20 +24,20 @@
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <strings.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <openssl/ssl.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -137,17 +137,28 @@ class Connection {
     if (start_ == used_) start_ = end_ = used_ = 0;
   }
 
-  // The exchange that this target or reply connection is busy with.
-  struct Exchange* exchange = nullptr;
+  // A target or reply connection between its request and the answer.
+  bool busy = false;
+  // On a target connection: where its answer is to be posted.
+  std::string replyPath;
 
  private:
+  // Read in place, line by line: the head is not copied.
   std::size_t contentLength(std::size_t headSize) const {
-    const std::string head(buffer_ + start_, headSize);
-    std::string lower = head;
-    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (lower.find("\r\ntransfer-encoding:") != std::string::npos) die("chunked bodies are not understood");
-    const auto at = lower.find("\r\ncontent-length:");
-    return at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 17, nullptr, 10);
+    const std::string_view head(buffer_ + start_, headSize);
+    std::size_t length = 0;
+    for (std::size_t line = head.find("\r\n") + 2; line < head.size();) {
+      const std::size_t next = head.find("\r\n", line) + 2;
+      const std::string_view text = head.substr(line, next - line);
+      if (startsWithIgnoringCase(text, "transfer-encoding:")) die("chunked bodies are not understood");
+      if (startsWithIgnoringCase(text, "content-length:")) length = std::strtoul(text.data() + 15, nullptr, 10);
+      line = next;
+    }
+    return length;
+  }
+
+  static bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
   }
 
   // Bytes read, 0 at the end of the stream, -1 when there is nothing yet.
@@ -186,19 +197,14 @@ class Connection {
   std::size_t start_ = 0, end_ = 0, used_ = 0;
 };
 
-// One relayed request on its way: the target's answer goes to `replyPath`.
-struct Exchange {
-  std::string replyPath;
-};
-
 // The target of the Link field of this relation, or empty.
 std::string link(const char* head, std::size_t size, const std::string& relation) {
-  const std::string text(head, size);
+  const std::string_view text(head, size);
   const std::string wanted = ">; rel=\"" + relation + "\"";
-  for (std::size_t at = text.find("\r\nLink: <"); at != std::string::npos; at = text.find("\r\nLink: <", at + 1)) {
+  for (std::size_t at = text.find("\r\nLink: <"); at != std::string_view::npos; at = text.find("\r\nLink: <", at + 1)) {
     const std::size_t close = text.find(wanted, at);
     const std::size_t lineEnd = text.find("\r\n", at + 2);
-    if (close != std::string::npos && close < lineEnd) return text.substr(at + 9, close - (at + 9));
+    if (close != std::string_view::npos && close < lineEnd) return std::string(text.substr(at + 9, close - (at + 9)));
   }
   return std::string();
 }
@@ -288,7 +294,7 @@ class Floor {
   void onReadable(Connection& connection) {
     if (!connection.readAvailable()) {
       // A kept connection that the peer closed while it was free.
-      if (connection.exchange || connection.role() == Connection::RelayGet) die("connection closed");
+      if (connection.busy || connection.role() == Connection::RelayGet) die("connection closed");
       auto& free = connection.role() == Connection::Target ? freeTargets_ : freeReplies_;
       free.erase(std::find(free.begin(), free.end(), &connection));
       epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd(), nullptr);
@@ -311,15 +317,14 @@ class Floor {
     if (next_.empty()) die("no next link");
     if (code != 200 && code != 204) die("relay answered " + std::to_string(code));
     if (code == 200) {
+      Connection& target = take(Connection::Target, targetHost_, targetPort_);
       std::string host, port;
-      auto* exchange = new Exchange;
-      splitUrl(link(answer, headSize, "reply"), host, port, exchange->replyPath);
+      splitUrl(link(answer, headSize, "reply"), host, port, target.replyPath);
       if (replyHost_.empty()) {
         replyHost_ = host;
         replyPort_ = port;
       }
-      Connection& target = take(Connection::Target, targetHost_, targetPort_);
-      target.exchange = exchange;
+      target.busy = true;
       target.write(std::string(), answer + headSize, relay_->messageSize() - headSize);
     }
     relay_->consume();
@@ -327,19 +332,19 @@ class Floor {
   }
 
   void onTargetAnswer(Connection& target) {
-    Exchange* exchange = std::exchange(target.exchange, nullptr);
     Connection& reply = take(Connection::Reply, replyHost_, replyPort_);
-    reply.exchange = exchange;
-    reply.write("POST " + exchange->replyPath + " HTTP/1.1\r\nHost: " + replyHost_ + ":" + replyPort_ +
+    reply.busy = true;
+    reply.write("POST " + target.replyPath + " HTTP/1.1\r\nHost: " + replyHost_ + ":" + replyPort_ +
                     "\r\nContent-Type: message/http\r\nContent-Length: " + std::to_string(target.messageSize()) +
                     "\r\n\r\n",
                 target.message(), target.messageSize());
     target.consume();
+    target.busy = false;
     freeTargets_.push_back(&target);
   }
 
   void onReplyAnswer(Connection& reply) {
-    delete std::exchange(reply.exchange, nullptr);
+    reply.busy = false;
     reply.consume();
     freeReplies_.push_back(&reply);
   }
