@@ -49,8 +49,10 @@ NetNameResolver::NetNameResolver(std::shared_ptr<Reactor> reactor)
 NetNameResolver::~NetNameResolver() { runner_.reset(); }
 
 void NetNameResolver::resolve(const std::string& host, const std::string& service, const Callback& callback) {
-  auto literal = std::make_shared<Answer<Result>>();
-  if (resolveLiteral(host, service, literal->result)) {
+  Result result;
+  if (resolveLiteral(host, service, result)) {
+    auto literal = std::make_shared<Answer<Result>>();
+    literal->result = std::move(result);
     literal->callback = callback;
     reactor_->post(token_, [literal]() {
       if (literal->callback) literal->callback(literal->result, true);
