@@ -181,7 +181,7 @@ void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& 
     TransferCallback callback;
     std::vector<char> gathered;
   };
-  auto write = std::make_shared<Write>(Write{buffers, callback, {}});
+  auto write = std::make_unique<Write>(Write{buffers, callback, {}});
   const std::vector<boost::asio::const_buffer> pieces = asio_detail::constBuffers(buffers);
   std::size_t total = 0;
   for (const auto& piece : pieces) total += piece.size();
@@ -197,14 +197,15 @@ void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& 
     whole = pieces.front();
   }
   auto state = state_;
-  boost::asio::async_write(state->stream, whole, [state, write, total](const error_code& error, std::size_t bytes) {
-    logTransferFailure(*state, "Send", error);
-    // A stream whose handshake failed takes nothing and says nothing:
-    // the write ends short without an error.
-    int code = transferError(*state, error);
-    if (!code && bytes < total) code = SslStreamError;
-    if (write->callback) write->callback(code, bytes);
-  });
+  boost::asio::async_write(state->stream, whole,
+                           [state, write = std::move(write), total](const error_code& error, std::size_t bytes) {
+                             logTransferFailure(*state, "Send", error);
+                             // A stream whose handshake failed takes nothing and says nothing:
+                             // the write ends short without an error.
+                             int code = transferError(*state, error);
+                             if (!code && bytes < total) code = SslStreamError;
+                             if (write->callback) write->callback(code, bytes);
+                           });
 }
 
 void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) {
@@ -221,7 +222,7 @@ void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallbac
     BufferChainPtr buffers;
     TransferCallback callback;
   };
-  auto read = std::make_shared<Read>(Read{asio_detail::mutableBuffers(buffers), buffers, callback});
+  auto read = std::make_unique<Read>(Read{asio_detail::mutableBuffers(buffers), buffers, callback});
   // The stream reads into the first piece that has room and nothing more, so
   // it is given that one alone rather than a copy of the list.
   boost::asio::mutable_buffer first;
@@ -232,7 +233,7 @@ void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallbac
     }
   }
   auto state = state_;
-  state->stream.async_read_some(first, [state, read](const error_code& error, std::size_t bytes) {
+  state->stream.async_read_some(first, [state, read = std::move(read)](const error_code& error, std::size_t bytes) {
     if (error) {
       logTransferFailure(*state, "Receive", error);
       if (read->callback) read->callback(transferError(*state, error), bytes);
