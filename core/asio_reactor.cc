@@ -6,7 +6,6 @@
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/system_timer.hpp>
 
 #include "core/log.h"
 
@@ -40,12 +39,14 @@ void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
   boost::asio::post(io_, GuardedTask{token, std::move(task)});
 }
 
-void AsioReactor::scheduleAt(const LifetimeToken& token, Time when, Delegate<void()> task) {
-  if (when == MaxTime) return;  // never due
-  auto timer = std::make_shared<boost::asio::system_timer>(io_);
+void AsioReactor::scheduleAt(const LifetimeToken& token, SteadyTime when, Delegate<void()> task) {
+  if (when == MaxSteadyTime) return;  // never due
+  auto timer = std::make_shared<boost::asio::steady_timer>(io_);
+  // steadyClockNow() reads the steady_timer's own clock, so the instant goes
+  // in as it is.
   const int64_t us = when.count() > static_cast<uint64_t>(FarFutureUs) ? FarFutureUs : static_cast<int64_t>(when.count());
-  timer->expires_at(std::chrono::system_clock::time_point(
-      std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::microseconds(us))));
+  timer->expires_at(std::chrono::steady_clock::time_point(
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::microseconds(us))));
   timer->async_wait([timer, guarded = GuardedTask{token, std::move(task)}](const boost::system::error_code& error) {
     if (!error) guarded();
   });

@@ -18,10 +18,11 @@ class AsioReactor : public Reactor {
   ~AsioReactor() override;
 
   void post(const LifetimeToken& token, Delegate<void()> task) override;
-  void scheduleAt(const LifetimeToken& token, Time when, Delegate<void()> task) override;
+  void scheduleAt(const LifetimeToken& token, SteadyTime when, Delegate<void()> task) override;
   void scheduleAfter(const LifetimeToken& token, Duration delay, Delegate<void()> task) override;
   void setExceptionHandler(const Delegate<void()>& handler) override;
   std::shared_ptr<TimeProvider> timeProvider() override { return timeProvider_; }
+  SteadyTime steadyNow() override { return steadyClockNow(); }
   void lock() override { mutex_.lock(); }
   void unlock() override { mutex_.unlock(); }
   bool isLoopThread() const override;

@@ -4,6 +4,7 @@
 
 #include "core/delegate.h"
 #include "core/lifetime.h"
+#include "core/steady_time.h"
 #include "core/time.h"
 #include "core/time_provider.h"
 
@@ -18,12 +19,18 @@ class Reactor {
   // May be called from any thread. Tasks are taken by value so that a
   // lambda becomes one Delegate, moved on rather than copied.
   virtual void post(const LifetimeToken& token, Delegate<void()> task) = 0;
-  // MaxTime means "never".
-  virtual void scheduleAt(const LifetimeToken& token, Time when, Delegate<void()> task) = 0;
+  // An instant on the monotonic clock (steadyNow()); MaxSteadyTime means
+  // "never". A step of the wall clock moves no timer.
+  virtual void scheduleAt(const LifetimeToken& token, SteadyTime when, Delegate<void()> task) = 0;
   virtual void scheduleAfter(const LifetimeToken& token, Duration delay, Delegate<void()> task) = 0;
   // Called after an exception that escaped a task has been logged.
   virtual void setExceptionHandler(const Delegate<void()>& handler) = 0;
+  // The wall clock, for what a person reads: dates in log lines and files.
+  // Never for measuring or waiting; that is steadyNow().
   virtual std::shared_ptr<TimeProvider> timeProvider() = 0;
+  // "Now" on the clock the timers run on, for deadlines, pacing, time-outs
+  // and ages.
+  virtual SteadyTime steadyNow() = 0;
   // Guards state that other threads share with the loop.
   virtual void lock() = 0;
   virtual void unlock() = 0;

@@ -235,7 +235,7 @@ void NetHttpClientRequest::receiveMore() {
 // (and the request's own body producer) can make a request time out.
 void NetHttpClientRequest::checkTimeout() {
   if (done_) return;
-  const Time now = reactor_->timeProvider()->now();
+  const SteadyTime now = reactor_->steadyNow();
   if (receiver_->isPaused()) lastActivity_ = now;
   if (now < lastActivity_ + timeout_) return;
   QLOG(Log, log::Notice, "Request timed out: %s", text());

@@ -61,7 +61,7 @@ class NetHttpClientRequest : public WebClientRequest,
   uintptr_t id() const { return reinterpret_cast<uintptr_t>(this); }
   std::string text() const;
   std::weak_ptr<NetHttpClientRequest> weak() { return shared_from_this(); }
-  void touch() { lastActivity_ = reactor_->timeProvider()->now(); }
+  void touch() { lastActivity_ = reactor_->steadyNow(); }
 
   void onConnection(const std::shared_ptr<HttpConnection>& connection, bool reused);
   void onConnected();
@@ -105,7 +105,7 @@ class NetHttpClientRequest : public WebClientRequest,
   // Asked for by the caller.
   bool closeAfter_ = false;
 
-  Time lastActivity_;
+  SteadyTime lastActivity_;
   LifetimeToken token_ = makeLifetimeToken();
 };
 

@@ -124,7 +124,7 @@ void NetSession::startChecks() {
   state_ = State::Checking;
   formPairs();
   checkRto_ = checkRto(checkList_.size());
-  nextTick_ = deps_.reactor->timeProvider()->now();
+  nextTick_ = deps_.reactor->steadyNow();
   deps_.reactor->scheduleAfter(token_, CheckPhaseLimit, phaseLimitTask_.start());
   scheduleTick();
   checkCompletion();
@@ -154,7 +154,7 @@ void NetSession::formPairs() {
 
 void NetSession::scheduleTick() {
   if (state_ != State::Checking || tickTask_.isStarted()) return;
-  const Time now = deps_.reactor->timeProvider()->now();
+  const SteadyTime now = deps_.reactor->steadyNow();
   deps_.reactor->scheduleAt(token_, std::max(now, nextTick_), tickTask_.start());
 }
 
@@ -189,7 +189,7 @@ void NetSession::onTick() {
   }
   // Nothing to check: the timer rests until a triggered check wakes it.
   if (!pair) return;
-  nextTick_ = deps_.reactor->timeProvider()->now() + CheckPacing;
+  nextTick_ = deps_.reactor->steadyNow() + CheckPacing;
   performCheck(pair, false);
   scheduleTick();
 }

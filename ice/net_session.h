@@ -125,7 +125,7 @@ class NetSession : public Session, public std::enable_shared_from_this<NetSessio
   std::deque<CandidatePairPtr> triggered_;
   std::vector<CandidatePairPtr> valid_;
   Duration checkRto_;
-  Time nextTick_;
+  SteadyTime nextTick_;
   CandidatePairPtr nominated_;
   stun::RequestHandle nominationRequest_ = 0;
   CandidatePairPtr selected_;

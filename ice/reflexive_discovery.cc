@@ -33,7 +33,7 @@ void ReflexiveDiscovery::start(const std::vector<HostCandidate>& hosts, const De
   done_ = done;
   running_ = true;
   resolving_ = true;
-  deadline_ = reactor_->timeProvider()->now() + GatheringLimit;
+  deadline_ = reactor_->steadyNow() + GatheringLimit;
   reactor_->scheduleAt(token_, deadline_, deadlineTask_.start());
   const std::weak_ptr<ReflexiveDiscovery> weak = weak_from_this();
   // The resolver answers later on the reactor, never inside this call.
@@ -59,7 +59,7 @@ void ReflexiveDiscovery::onResolved(const NameResolver::Result& result, bool fou
     QLOG(Log, log::Info, "STUN server %s resolved to %s", stunServer_, address.toString());
   }
 
-  const Time now = reactor_->timeProvider()->now();
+  const SteadyTime now = reactor_->steadyNow();
   for (const HostCandidate& host : hosts_) {
     const auto server = std::find_if(servers_.begin(), servers_.end(), [&](const SocketAddress& s) {
       return s.family() == host.candidate->address.family();

@@ -62,7 +62,7 @@ class ReflexiveDiscovery : public std::enable_shared_from_this<ReflexiveDiscover
   std::vector<stun::RequestHandle> requests_;
   std::vector<CandidatePtr> candidates_;
   Delegate<void()> done_;
-  Time deadline_;
+  SteadyTime deadline_;
   bool resolving_ = false;
   bool running_ = false;
   CancelableTask deadlineTask_;

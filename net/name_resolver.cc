@@ -40,7 +40,6 @@ struct Answer {
 
 NetNameResolver::NetNameResolver(std::shared_ptr<Reactor> reactor)
     : reactor_(std::move(reactor)),
-      time_(reactor_->timeProvider()),
       cache_(std::make_unique<ResolverCache>()),
       runner_(std::make_unique<WorkRunner<WorkItem>>(&NetNameResolver::lookUp,
                                                      boost::bind(&NetNameResolver::handBack, this,
@@ -60,7 +59,7 @@ void NetNameResolver::resolve(const std::string& host, const std::string& servic
     return;
   }
   QLOG(Log, log::Debug, "Resolving host %s, service %s", host, service);
-  if (std::shared_ptr<const ResolverCache::Entry> kept = cache_->find(host, service, time_->now())) {
+  if (std::shared_ptr<const ResolverCache::Entry> kept = cache_->find(host, service, reactor_->steadyNow())) {
     // The lines the lookup logged, so that the log reads the same either way.
     if (Log.isEnabled(log::Debug)) {
       for (const SocketAddress& address : kept->addresses) {
@@ -141,7 +140,7 @@ void NetNameResolver::handBack(const std::shared_ptr<WorkItem>& item) {
   // On the worker thread: the reactor takes it from here; a resolver gone by
   // then takes its token along and the result is dropped.
   reactor_->post(token_, [this, item] {
-    if (!item->addresses.empty()) cache_->store(item->host, item->service, item->addresses, time_->now());
+    if (!item->addresses.empty()) cache_->store(item->host, item->service, item->addresses, reactor_->steadyNow());
     WorkRunner<WorkItem>::deliver([&item] {
       if (item->callback) item->callback(*item, !item->addresses.empty());
     });

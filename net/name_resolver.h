@@ -63,7 +63,6 @@ class NetNameResolver : public NameResolver {
   void handBack(const std::shared_ptr<WorkItem>& item);
 
   std::shared_ptr<Reactor> reactor_;
-  std::shared_ptr<TimeProvider> time_;
   std::unique_ptr<ResolverCache> cache_;
   LifetimeToken token_ = makeLifetimeToken();
   std::unique_ptr<WorkRunner<WorkItem>> runner_;  // last: its thread uses the members above

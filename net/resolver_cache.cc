@@ -8,7 +8,7 @@ constexpr Duration ResolverCache::Lifetime;
 constexpr std::size_t ResolverCache::Capacity;
 
 std::shared_ptr<const ResolverCache::Entry> ResolverCache::find(const std::string& host, const std::string& service,
-                                                                Time now) const {
+                                                                SteadyTime now) const {
   for (const std::shared_ptr<const Entry>& entry : entries_) {
     if (entry->host == host && entry->service == service) return now < entry->expires ? entry : nullptr;
   }
@@ -16,7 +16,7 @@ std::shared_ptr<const ResolverCache::Entry> ResolverCache::find(const std::strin
 }
 
 void ResolverCache::store(const std::string& host, const std::string& service,
-                          const std::vector<SocketAddress>& addresses, Time now) {
+                          const std::vector<SocketAddress>& addresses, SteadyTime now) {
   auto made = std::make_shared<Entry>();
   made->host = host;
   made->service = service;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "core/time.h"
+#include "core/steady_time.h"
 #include "net/name_resolver.h"
 #include "net/socket_address.h"
 
@@ -27,14 +27,14 @@ class ResolverCache {
 
   // An answer as the resolver hands it over, with the end of its life.
   struct Entry : NameResolver::Result {
-    Time expires;
+    SteadyTime expires;
   };
 
   // The entry for host and service while it is fresh at `now`, else null.
-  std::shared_ptr<const Entry> find(const std::string& host, const std::string& service, Time now) const;
+  std::shared_ptr<const Entry> find(const std::string& host, const std::string& service, SteadyTime now) const;
   // Keeps `addresses` (not empty) until now + Lifetime.
   void store(const std::string& host, const std::string& service, const std::vector<SocketAddress>& addresses,
-             Time now);
+             SteadyTime now);
   std::size_t size() const { return entries_.size(); }
 
  private:

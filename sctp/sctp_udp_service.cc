@@ -299,13 +299,13 @@ void SctpUdpService::drainEvents() {
 
 void SctpUdpService::ensureTimer() {
   if (timerTask_.isStarted()) return;
-  lastTick_ = lastActivity_ = reactor_->timeProvider()->now();
+  lastTick_ = lastActivity_ = reactor_->steadyNow();
   slowTicks_ = false;
   reactor_->scheduleAfter(token_, TimerPeriod, timerTask_.start());
 }
 
 void SctpUdpService::noteActivity() {
-  lastActivity_ = reactor_->timeProvider()->now();
+  lastActivity_ = reactor_->steadyNow();
   if (!slowTicks_ || !timerTask_.isStarted()) return;
   slowTicks_ = false;
   timerTask_.cancel();
@@ -313,7 +313,7 @@ void SctpUdpService::noteActivity() {
 }
 
 void SctpUdpService::onTimer() {
-  const Time now = reactor_->timeProvider()->now();
+  const SteadyTime now = reactor_->steadyNow();
   const int64_t elapsedMs = static_cast<int64_t>((now - lastTick_).count() / 1000);
   if (elapsedMs > 0) {
     lastTick_ += Duration::milliseconds(elapsedMs);

@@ -137,8 +137,8 @@ class SctpUdpService {
   bool drainPosted_ = false;
 
   CancelableTask timerTask_{[this] { onTimer(); }};
-  Time lastTick_;
-  Time lastActivity_;
+  SteadyTime lastTick_;
+  SteadyTime lastActivity_;
   bool slowTicks_ = false;
   // Where closing associations' last messages are read and dropped.
   std::vector<uint8_t> scratch_;

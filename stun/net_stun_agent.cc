@@ -40,8 +40,8 @@ struct NetStunAgent::PendingRequest {
   ResponseCallback callback;
   std::string key;
   Duration rto;
-  Time deadline;
-  Time nextDue;
+  SteadyTime deadline;
+  SteadyTime nextDue;
   bool sent = false;
   std::unique_ptr<CancelableTask> task;
 };
@@ -49,7 +49,6 @@ struct NetStunAgent::PendingRequest {
 NetStunAgent::NetStunAgent(std::shared_ptr<Reactor> reactor, std::shared_ptr<BufferChainAllocator> allocator,
                            Duration minSendInterval)
     : reactor_(std::move(reactor)),
-      time_(reactor_->timeProvider()),
       allocator_(std::move(allocator)),
       minSendInterval_(minSendInterval) {}
 
@@ -57,7 +56,7 @@ NetStunAgent::~NetStunAgent() {
   for (const PendingPtr& request : pending_) request->task->cancel();
 }
 
-Time NetStunAgent::nextSendSlot() const { return sentAnything_ ? lastSend_ + minSendInterval_ : MinTime; }
+SteadyTime NetStunAgent::nextSendSlot() const { return sentAnything_ ? lastSend_ + minSendInterval_ : SteadyTime(); }
 
 RequestHandle NetStunAgent::sendRequest(const MessagePtr& message, const std::shared_ptr<AsyncSocket>& socket,
                                         const SocketAddress& to, Duration rto, Duration timeLimit,
@@ -74,8 +73,8 @@ RequestHandle NetStunAgent::sendRequest(const MessagePtr& message, const std::sh
   request->callback = callback;
   request->key = key;
   request->rto = rto;
-  request->deadline = time_->now() + timeLimit;
-  request->nextDue = time_->now();
+  request->deadline = reactor_->steadyNow() + timeLimit;
+  request->nextDue = reactor_->steadyNow();
   const std::weak_ptr<PendingRequest> weak = request;
   request->task = std::make_unique<CancelableTask>([this, weak]() { transmit(weak); });
   pending_.push_back(request);
@@ -96,7 +95,7 @@ RequestHandle NetStunAgent::sendRequest(const MessagePtr& message, const std::sh
   return request->handle;
 }
 
-void NetStunAgent::schedule(const PendingPtr& request, Time when) {
+void NetStunAgent::schedule(const PendingPtr& request, SteadyTime when) {
   if (when > request->deadline) when = request->deadline;
   request->task->cancel();
   reactor_->scheduleAt(token_, when, request->task->start());
@@ -105,7 +104,7 @@ void NetStunAgent::schedule(const PendingPtr& request, Time when) {
 void NetStunAgent::transmit(const std::weak_ptr<PendingRequest>& weak) {
   const PendingPtr request = weak.lock();
   if (!request) return;  // disposed of meanwhile
-  const Time now = time_->now();
+  const SteadyTime now = reactor_->steadyNow();
   if (now >= request->deadline) {
     QLOG(Log, Level, "Request 0x%x timed out", request->handle);
     fail(request, ETIMEDOUT);
@@ -117,7 +116,7 @@ void NetStunAgent::transmit(const std::weak_ptr<PendingRequest>& weak) {
     fail(request, ENOTCONN);
     return;
   }
-  const Time slot = nextSendSlot();
+  const SteadyTime slot = nextSendSlot();
   if (now < slot) {
     schedule(request, slot);
     return;
@@ -174,15 +173,15 @@ bool NetStunAgent::sendBytes(AsyncSocket& socket, const Message& message, const 
     return false;
   }
   sentAnything_ = true;
-  lastSend_ = time_->now();
+  lastSend_ = reactor_->steadyNow();
   return true;
 }
 
 void NetStunAgent::sendMessage(const std::shared_ptr<AsyncSocket>& socket, const Message& message,
                                const SocketAddress& to) {
   if (!socket) return;
-  const Time slot = nextSendSlot();
-  if (time_->now() >= slot) {
+  const SteadyTime slot = nextSendSlot();
+  if (reactor_->steadyNow() >= slot) {
     sendBytes(*socket, message, to, 0);
     return;
   }

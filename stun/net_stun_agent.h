@@ -40,7 +40,7 @@ class NetStunAgent : public StunAgent, public std::enable_shared_from_this<NetSt
   using PendingPtr = std::shared_ptr<PendingRequest>;
 
   void transmit(const std::weak_ptr<PendingRequest>& weak);
-  void schedule(const PendingPtr& request, Time when);
+  void schedule(const PendingPtr& request, SteadyTime when);
   // Ends a transaction that got no usable response; the callback runs after
   // the record is gone, so it may start or cancel other requests.
   void fail(const PendingPtr& request, int error);
@@ -51,15 +51,14 @@ class NetStunAgent : public StunAgent, public std::enable_shared_from_this<NetSt
   bool sendBytes(AsyncSocket& socket, const Message& message, const SocketAddress& to, RequestHandle handle);
   void sendLater(const std::weak_ptr<AsyncSocket>& socket, const MessagePtr& message, const SocketAddress& to);
   // The earliest moment at which pacing allows the next send.
-  Time nextSendSlot() const;
+  SteadyTime nextSendSlot() const;
 
   std::shared_ptr<Reactor> reactor_;
-  std::shared_ptr<TimeProvider> time_;
   std::shared_ptr<BufferChainAllocator> allocator_;
   const Duration minSendInterval_;
   bool sentAnything_ = false;
   // May lie in the future: a response waiting for its slot has claimed it.
-  Time lastSend_;
+  SteadyTime lastSend_;
   std::list<PendingPtr> pending_;
   RequestHandle nextHandle_ = 1;
   RequestHandler requestHandler_;

@@ -40,6 +40,7 @@ class FakeIceSession : public ice::Session {
   bool sendDatagram(const uint8_t* data, std::size_t size) override {
     if (closed) return false;
     lastSent.assign(data, data + size);
+    ++sends;
     if (dropping) return true;  // lost on the way
     auto bytes = std::make_shared<std::vector<uint8_t>>(data, data + size);
     std::weak_ptr<FakeIceSession> weakPeer = peer_;
@@ -67,6 +68,7 @@ class FakeIceSession : public ice::Session {
   int closes = 0;
   bool dropping = false;  // the path is cut: datagrams vanish
   std::vector<uint8_t> lastSent;
+  int sends = 0;
 
  private:
   std::shared_ptr<Reactor> reactor_;

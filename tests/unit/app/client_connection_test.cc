@@ -8,6 +8,7 @@
 #include "tests/support/http_fakes.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/sctp/sctp_fixture.h"
+#include "tests/support/wall_clock_steps.h"
 
 namespace quorvel {
 namespace ferrule {
@@ -132,6 +133,25 @@ TEST_F(ClientConnectionTest, AConnectionWithinThePeriodCancelsTheIdleClose) {
   reactor->advance(Duration::seconds(60));
   EXPECT_EQ(closes, 0);
   EXPECT_FALSE(capture->contains("No incoming connection for 30s, closing"));
+}
+
+// The idle period is monotonic time: a step of the wall clock neither closes
+// the connection early nor keeps it for hours.
+TEST(ClientConnectionClock, AWallClockStepMovesNoIdleClose) {
+  struct Run : ClientConnectionTest {
+    void TestBody() override {}
+    std::vector<int64_t> trace(Duration step) {
+      reactor->advance(Duration::seconds(15));
+      reactor->stepWallClock(step);
+      std::vector<int64_t> seen;
+      for (int second = 16; second <= 32; ++second) {
+        reactor->advance(Duration::seconds(1));
+        seen.push_back(closes);
+      }
+      return seen;
+    }
+  };
+  testing::expectNoWallClockStepMatters([](Duration step) { return Run().trace(step); });
 }
 
 TEST_F(ClientConnectionTest, GoingAwayClosesTheLinkAndTheIceSession) {

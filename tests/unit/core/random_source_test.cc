@@ -18,7 +18,8 @@ TEST(PseudoRandomSource, MatchesStandardMersenneTwister) {
 }
 
 TEST(PseudoRandomSource, SeedsFromLow32BitsOfTheTime) {
-  auto clock = std::make_shared<testing::ManualTimeProvider>(Time((uint64_t{7} << 32) | 12345u));
+  auto clock = std::make_shared<testing::ManualTimeProvider>(std::make_shared<testing::ManualSteadyClock>(),
+                                                             Time((uint64_t{7} << 32) | 12345u));
   PseudoRandomSource source(clock);
   std::mt19937 reference(12345u);
   EXPECT_EQ(source.next(), reference());

@@ -28,7 +28,7 @@ namespace testing {
 class FakeSocket : public AsyncSocket {
  public:
   struct Datagram {
-    Time at;
+    SteadyTime at;
     std::vector<uint8_t> bytes;
     SocketAddress to;
   };
@@ -53,7 +53,7 @@ class FakeSocket : public AsyncSocket {
     if (throwOnSend) throw SocketError("sendTo failed", EPERM);
     std::vector<uint8_t> bytes(buffers.chain().size());
     copyFromChain(buffers.chain().begin(), buffers.chain().end(), bytes.data());
-    datagrams.push_back({reactor_->timeProvider()->now(), bytes, to});
+    datagrams.push_back({reactor_->steadyNow(), bytes, to});
     complete(callback, bytes.size());
   }
   void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override {

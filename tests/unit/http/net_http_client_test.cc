@@ -16,6 +16,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
 #include "tests/support/switchable_allocator.h"
+#include "tests/support/wall_clock_steps.h"
 
 namespace quorvel {
 namespace {
@@ -490,6 +491,30 @@ TEST_F(NetHttpClientTest, TimesOutWithoutProgressOnly) {
   EXPECT_EQ(outcome.code, make_error_code(HttpClientError::TimedOut));
   EXPECT_TRUE(capture->contains("Request timed out: GET http://example/"));
   EXPECT_TRUE(factory->last().closed);
+}
+
+// The time-out counts monotonic time without progress: a step of the wall
+// clock neither ends a request early nor keeps it alive longer.
+TEST(NetHttpClientClock, AWallClockStepMovesNoTimeOut) {
+  struct Run : NetHttpClientTest {
+    void TestBody() override {}
+    std::vector<int64_t> trace(Duration step) {
+      SetUp();
+      Outcome outcome;
+      auto request = get("/", outcome);
+      reactor->advance(Duration::seconds(30));
+      reactor->stepWallClock(step);
+      reactor->advance(Duration::seconds(20));
+      factory->last().deliver("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhe");
+      std::vector<int64_t> seen;
+      for (int second = 0; second < 70 && !outcome.code; ++second) reactor->advance(Duration::seconds(1));
+      seen.push_back((reactor->clock().now() - SteadyTime()).count() / 1000000);
+      seen.push_back(outcome.code == make_error_code(HttpClientError::TimedOut));
+      TearDown();
+      return seen;
+    }
+  };
+  testing::expectNoWallClockStepMatters([](Duration step) { return Run().trace(step); });
 }
 
 // A consumer that cannot take more stops the reading; taking resumes it.

@@ -24,7 +24,7 @@ class FakeUdpSocket;
 class FakeUdpNetwork {
  public:
   struct Datagram {
-    Time at;
+    SteadyTime at;
     SocketAddress from;  // as the receiver sees it
     SocketAddress to;
     std::vector<uint8_t> bytes;

@@ -12,6 +12,7 @@
 #include "stun/integrity.h"
 #include "stun/net_stun_agent.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wall_clock_steps.h"
 #include "tests/unit/ice/fake_udp_network.h"
 
 namespace quorvel {
@@ -151,7 +152,7 @@ class NetSessionTest : public ::testing::Test {
       std::make_shared<stun::NetStunAgent>(reactor_, pool_, AgentSendInterval);
   std::shared_ptr<RandomSource> random_ = std::make_shared<PseudoRandomSource>(42u);
   std::vector<Session::Event> events_;
-  std::vector<Time> eventTimes_;
+  std::vector<SteadyTime> eventTimes_;
   bool stunAnswers_ = true;
 };
 
@@ -171,7 +172,7 @@ TEST_F(NetSessionTest, GathersReachableHostsAndTheirMappings) {
   const auto session = makeSession({remote(SocketAddress(AF_INET6, "fe80::9", 1)),
                                     remote(SocketAddress(AF_INET6, "2001:db8::9", 2)),
                                     remote(SocketAddress(AF_INET, "198.51.100.9", 0)), remote(Peer)});
-  const Time begin = reactor_->clock().now();
+  const SteadyTime begin = reactor_->clock().now();
   start(session);
   EXPECT_THROW(start(session), std::logic_error);
   reactor_->advance(Duration::milliseconds(50));
@@ -215,7 +216,7 @@ TEST_F(NetSessionTest, GatheringEndsInBoundedTimeWhateverTheServerDoes) {
     resolver_->addresses = row.resolves ? std::vector<SocketAddress>{StunServer} : std::vector<SocketAddress>{};
     stunAnswers_ = row.serverAnswers;
     const auto session = makeSession({remote(Peer)});
-    const Time begin = reactor_->clock().now();
+    const SteadyTime begin = reactor_->clock().now();
     start(session);
     reactor_->advance(Duration::seconds(2));
     ASSERT_FALSE(events_.empty()) << row.name;
@@ -246,7 +247,7 @@ TEST_F(NetSessionTest, ChecksArePacedAndRetransmittedAtTheRto) {
     start(session);
     reactor_->advance(Duration::milliseconds(10));
     ASSERT_EQ(row.pairs, session->checkList().size());
-    const Time checksBegin = network_.log.front().at;
+    const SteadyTime checksBegin = network_.log.front().at;
     reactor_->advance(Duration::milliseconds(390));
     std::map<uint16_t, std::vector<int64_t>> sends;
     for (const auto& d : network_.log) sends[d.to.port()].push_back((d.at - checksBegin).count() / 1000);
@@ -270,7 +271,7 @@ TEST_F(NetSessionTest, ChecksArePacedAndRetransmittedAtTheRto) {
 TEST_F(NetSessionTest, SilentPeerFailsInBoundedTimeAndReleasesEverything) {
   const auto session = makeSession({remote(Peer), remote(SocketAddress(AF_INET, "198.51.100.3", 6001))});
   start(session);
-  const Time begin = reactor_->clock().now();
+  const SteadyTime begin = reactor_->clock().now();
   reactor_->advance(Duration::seconds(10));
   ASSERT_EQ(2u, events_.size());
   EXPECT_EQ(Session::Event::Failed, events_[1]);
@@ -575,6 +576,41 @@ TEST_F(NetSessionTest, CloseWhileGatheringOrCheckingReleasesEverything) {
     reactor_->advance(Duration::seconds(20));
     EXPECT_EQ(before, events_.size()) << at;
   }
+}
+
+// Gathering's limit, the pacing of checks, their time limit and keepalives all
+// run on the monotonic clock: steps of the wall clock during gathering, checks
+// and an established path move no datagram and no event.
+TEST(NetSessionClock, WallClockStepsMoveNoCheckNoLimitAndNoKeepalive) {
+  struct Run : NetSessionTest {
+    void TestBody() override {}
+    std::vector<int64_t> trace(Duration step) {
+      const SteadyTime begin = reactor_->clock().now();
+      stunAnswers_ = false;  // gathering waits out its limit
+      const auto silent = makeSession({remote(Peer), remote(SocketAddress(AF_INET, "198.51.100.3", 6001))});
+      start(silent);
+      reactor_->advance(Duration::milliseconds(300));
+      reactor_->stepWallClock(step);
+      reactor_->advance(GatheringLimit + Duration::milliseconds(500));
+      reactor_->stepWallClock(step);
+      reactor_->advance(CheckPhaseLimit + Duration::seconds(1));
+
+      stunAnswers_ = true;
+      ScriptedPeer peer;
+      const auto session = startWith(peer);
+      reactor_->advance(Duration::milliseconds(500));
+      reactor_->stepWallClock(step);
+      reactor_->advance(KeepaliveInterval * 3);
+
+      std::vector<int64_t> seen;
+      for (const auto& datagram : network_.log) seen.push_back((datagram.at - begin).count());
+      for (std::size_t i = 0; i < events_.size(); ++i) {
+        seen.insert(seen.end(), {static_cast<int64_t>(events_[i]), (eventTimes_[i] - begin).count()});
+      }
+      return seen;
+    }
+  };
+  testing::expectNoWallClockStepMatters([](Duration step) { return Run().trace(step); });
 }
 
 }  // namespace

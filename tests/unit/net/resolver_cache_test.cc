@@ -10,7 +10,7 @@
 namespace quorvel {
 namespace {
 
-const Time Start = Time::fromUnixSeconds(1700000000);
+const SteadyTime Start{3600000000};
 
 std::vector<SocketAddress> one(const char* address) { return {SocketAddress(AF_INET, address, 80)}; }
 

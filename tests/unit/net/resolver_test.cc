@@ -18,6 +18,7 @@
 #include "net/local_network_info.h"
 #include "net/name_resolver.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wall_clock_steps.h"
 
 namespace quorvel {
 namespace {
@@ -39,6 +40,7 @@ class ResolverTest : public ::testing::Test {
   template <typename F>
   void isolated(F body, bool ownHosts = false) {
     if (ownHosts) {
+      if (!hostsPath_.empty()) ::unlink(hostsPath_.c_str());
       char name[] = "/tmp/ferrule-hosts-XXXXXX";
       const int fd = ::mkstemp(name);
       ASSERT_GE(fd, 0);
@@ -53,7 +55,7 @@ class ResolverTest : public ::testing::Test {
         return;
       }
       unshared = true;
-      reactor_ = std::make_shared<AsioReactor>();
+      reactor_ = std::make_shared<AsioReactor>(wallClock_);
       resolver_ = std::make_unique<NetNameResolver>(reactor_);
       body();
       resolver_.reset();
@@ -90,6 +92,13 @@ class ResolverTest : public ::testing::Test {
     return answer;
   }
 
+  // The system's wall clock, moved by `step` as NTP would move it.
+  struct SteppedWallClock : TimeProvider {
+    Time now() override { return SystemTimeProvider::instance().now() + step; }
+    Duration step;
+  };
+
+  std::shared_ptr<SteppedWallClock> wallClock_ = std::make_shared<SteppedWallClock>();
   std::shared_ptr<AsioReactor> reactor_;
   std::unique_ptr<NetNameResolver> resolver_;
   LifetimeToken token_ = makeLifetimeToken();
@@ -194,6 +203,21 @@ TEST_F(ResolverTest, ReusesFoundAddressesButNotFailures) {
     EXPECT_EQ(first("kept.test"), SocketAddress(AF_INET, "198.18.0.1", 80));
     EXPECT_EQ(first("later.test"), SocketAddress(AF_INET, "198.18.0.3", 80));
   }, true);
+}
+
+// Answers age on the monotonic clock: a wall clock stepped by years after an
+// answer came neither expires it early nor, stepped back, keeps it for hours.
+TEST_F(ResolverTest, AWallClockStepDoesNotAgeAnswers) {
+  for (const testing::WallClockStep& step : testing::wallClockSteps()) {
+    isolated([&] {
+      writeHosts("198.18.0.1 kept.test\n");
+      EXPECT_EQ(resolve("kept.test", "http").addresses.at(0), SocketAddress(AF_INET, "198.18.0.1", 80));
+      wallClock_->step = step.by;
+      writeHosts("198.18.0.2 kept.test\n");
+      EXPECT_EQ(resolve("kept.test", "http").addresses.at(0), SocketAddress(AF_INET, "198.18.0.1", 80)) << step.name;
+    }, true);
+    wallClock_->step = Duration();
+  }
 }
 
 struct Job {

@@ -1,6 +1,7 @@
 #include <boost/system/error_code.hpp>
 
 #include "tests/unit/revhttp/revhttp_fixture.h"
+#include "tests/support/wall_clock_steps.h"
 
 namespace quorvel {
 namespace testing {
@@ -77,7 +78,7 @@ TEST_F(Registration, BackOffDoublesToThirtySecondsAndOnlySuccessResetsIt) {
   std::vector<int64_t> waits;
   for (int attempt = 0; attempt < 8; ++attempt) {
     last()->complete(Refused);
-    const Time failed = reactor->clock().now();
+    const SteadyTime failed = reactor->clock().now();
     const std::size_t before = sent();
     waits.push_back((reactor->nextDue() - failed).count() / 1000000);
     reactor->advance(reactor->nextDue() - failed);
@@ -93,6 +94,29 @@ TEST_F(Registration, BackOffDoublesToThirtySecondsAndOnlySuccessResetsIt) {
   EXPECT_TRUE(logged("Relay request to https://k1.relay.test/r/1 failed with code 111", log::Notice));
   EXPECT_EQ(reactor->nextDue() - reactor->clock().now(), Duration::seconds(1));
   EXPECT_EQ(client->retryDelay(), Duration::seconds(2));
+}
+
+// The back-off waits on the monotonic clock: a device that boots with no date
+// and has it set while it waits registers on schedule.
+TEST(RegistrationClock, AWallClockStepMovesNoRetry) {
+  struct Run : Registration {
+    void TestBody() override {}
+    std::vector<int64_t> trace(Duration step) {
+      client->start();
+      std::vector<int64_t> seen;
+      const SteadyTime begin = reactor->clock().now();
+      for (int attempt = 0; attempt < 5; ++attempt) {
+        last()->complete(Refused);
+        reactor->advance(Duration::milliseconds(500));
+        reactor->stepWallClock(step);
+        reactor->advance(Duration::seconds(40));
+        seen.push_back(static_cast<int64_t>(sent()));
+      }
+      seen.push_back((reactor->nextDue() - begin).count());
+      return seen;
+    }
+  };
+  testing::expectNoWallClockStepMatters([](Duration step) { return Run().trace(step); });
 }
 
 TEST_F(Registration, LateCallbacksOfAHandledRegistrationChangeNothing) {

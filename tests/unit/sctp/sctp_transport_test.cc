@@ -9,6 +9,7 @@
 
 #include "sctp/sctp_udp_socket.h"
 #include "tests/unit/sctp/sctp_fixture.h"
+#include "tests/support/wall_clock_steps.h"
 
 namespace quorvel {
 namespace testing {
@@ -229,7 +230,7 @@ using Timers = SctpFixture;
 TEST_F(Timers, SlowDownWhenQuietAndSpeedUpWithTheNextPacket) {
   associate();
   reactor->advance(Duration::seconds(2));  // heartbeats come every 10 s
-  const Time now = reactor->clock().now();
+  const SteadyTime now = reactor->clock().now();
   EXPECT_GT(reactor->nextDue() - now, Duration::milliseconds(10));
   EXPECT_LE(reactor->nextDue() - now, Duration::milliseconds(250));
   sendText(*client, "query");
@@ -239,6 +240,29 @@ TEST_F(Timers, SlowDownWhenQuietAndSpeedUpWithTheNextPacket) {
   const Completion& got = receiveText(*accepted, 100);
   run(0);
   EXPECT_EQ(got.text, "query");
+}
+
+// The stack's timers are driven by elapsed monotonic time: a step of the wall
+// clock neither fires them in a burst nor holds them back.
+TEST(SctpClock, AWallClockStepMovesNoStackTimer) {
+  struct Run : SctpFixture {
+    void TestBody() override {}
+    std::vector<int64_t> trace(Duration step) {
+      associate();
+      run(2000);
+      reactor->stepWallClock(step);
+      std::vector<int64_t> seen{(reactor->nextDue() - reactor->clock().now()).count()};
+      sendText(*client, "query");
+      run(0);
+      seen.push_back((reactor->nextDue() - reactor->clock().now()).count());
+      const Completion& got = receiveText(*accepted, 100);
+      run(30000);  // heartbeats and their answers
+      seen.push_back(got.text == "query");
+      seen.push_back(sessions.device->sends);
+      return seen;
+    }
+  };
+  expectNoWallClockStepMatters([](Duration step) { return Run().trace(step); });
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "stun/integrity.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
+#include "tests/support/wall_clock_steps.h"
 #include "tests/unit/http/fake_network.h"
 
 namespace quorvel {
@@ -77,7 +78,7 @@ class AgentTest : public ::testing::Test {
                                   requireFingerprint, handler);
   }
 
-  static std::vector<int64_t> sendTimesMs(const FakeSocket& socket, Time start) {
+  static std::vector<int64_t> sendTimesMs(const FakeSocket& socket, SteadyTime start) {
     std::vector<int64_t> times;
     for (const FakeSocket::Datagram& s : socket.datagrams) times.push_back((s.at - start).count() / 1000);
     return times;
@@ -105,7 +106,7 @@ TEST_F(AgentTest, RetransmitsWithDoublingRtoUntilTheTimeLimit) {
   // An RTO of zero sends once and waits out the limit.
   for (const int64_t rto : {100, 0}) {
     socket_->datagrams.clear();
-    const Time start = reactor_->clock().now();
+    const SteadyTime start = reactor_->clock().now();
     Outcome outcome;
     const MessagePtr message = request(7);
     send(message, outcome, Duration::milliseconds(2000), "", Duration::milliseconds(rto));
@@ -213,7 +214,7 @@ TEST_F(AgentTest, ClassifiesAndDispatchesIncomingDatagrams) {
 
 TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
   agent_ = std::make_shared<NetStunAgent>(reactor_, pool_, Duration::milliseconds(20));
-  const Time start = reactor_->clock().now();
+  const SteadyTime start = reactor_->clock().now();
   for (uint8_t i = 1; i <= 4; ++i) {
     agent_->sendRequest(request(i), socket_, server_, Duration::milliseconds(30), Duration::milliseconds(900), "", {});
   }
@@ -233,6 +234,28 @@ TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
   for (const FakeSocket::Datagram& s : socket_->datagrams) responses += s.bytes == response.bytes();
   EXPECT_EQ(responses, 10u);
   EXPECT_EQ(agent_->pendingCount(), 0u);
+}
+
+// Retransmission, pacing and the time limit run on the monotonic clock: a
+// step of the wall clock in the middle changes no send and no outcome.
+TEST_F(AgentTest, AWallClockStepMovesNoSendAndNoTimeLimit) {
+  testing::expectNoWallClockStepMatters([this](Duration step) {
+    reactor_ = std::make_shared<ManualReactor>();
+    socket_ = std::make_shared<FakeSocket>(reactor_, nullptr, SocketAddress(2, "127.0.0.1", 5000));
+    agent_ = std::make_shared<NetStunAgent>(reactor_, pool_, Duration::milliseconds(20));
+    const SteadyTime start = reactor_->clock().now();
+    Outcome first, second;
+    send(request(1), first, Duration::milliseconds(1000));
+    send(request(2), second, Duration::milliseconds(700));
+    reactor_->advance(Duration::milliseconds(150));
+    reactor_->stepWallClock(step);
+    agent_->sendMessage(socket_, Message(Message::SuccessResponse, 1, TransactionId{}), server_);
+    reactor_->advance(Duration::seconds(2));
+
+    std::vector<int64_t> seen = sendTimesMs(*socket_, start);
+    seen.insert(seen.end(), {first.calls, first.error, second.calls, second.error});
+    return seen;
+  });
 }
 
 TEST_F(AgentTest, SocketFailuresEndTheTransactionNeverFromInsideTheCall) {
