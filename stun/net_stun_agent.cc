@@ -1,5 +1,6 @@
 #include "stun/net_stun_agent.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <stdexcept>
@@ -172,8 +173,10 @@ bool NetStunAgent::sendBytes(AsyncSocket& socket, const Message& message, const 
     }
     return false;
   }
+  // A later slot may already be claimed by a response waiting its turn; it
+  // stays the last send.
+  lastSend_ = std::max(lastSend_, reactor_->steadyNow());
   sentAnything_ = true;
-  lastSend_ = reactor_->steadyNow();
   return true;
 }
 
@@ -186,7 +189,6 @@ void NetStunAgent::sendMessage(const std::shared_ptr<AsyncSocket>& socket, const
     return;
   }
   // Claims the next slot now, so that requests due meanwhile wait behind it.
-  sentAnything_ = true;
   lastSend_ = slot;
   sendLater(socket, std::make_shared<Message>(message), to);
 }

@@ -236,6 +236,20 @@ TEST_F(AgentTest, NoTwoSendsCloserThanTheMinimumInterval) {
   EXPECT_EQ(agent_->pendingCount(), 0u);
 }
 
+// A response whose slot was claimed behind others must not hand back the
+// later slot when it goes: the send after it would come too close.
+TEST_F(AgentTest, ClaimedSlotsAreNotGivenBack) {
+  agent_ = std::make_shared<NetStunAgent>(reactor_, pool_, Duration::milliseconds(20));
+  const SteadyTime start = reactor_->clock().now();
+  const Message response(Message::SuccessResponse, 1, TransactionId{});
+  for (int i = 0; i < 3; ++i) agent_->sendMessage(socket_, response, server_);  // at 0, 20 and 40
+  reactor_->advance(Duration::milliseconds(21));
+  agent_->sendMessage(socket_, response, server_);
+  agent_->sendRequest(request(1), socket_, server_, Duration::milliseconds(100), Duration::seconds(1), "", {});
+  reactor_->advance(Duration::milliseconds(100));
+  EXPECT_EQ(sendTimesMs(*socket_, start), (std::vector<int64_t>{0, 20, 40, 60, 80}));
+}
+
 // Retransmission, pacing and the time limit run on the monotonic clock: a
 // step of the wall clock in the middle changes no send and no outcome.
 TEST_F(AgentTest, AWallClockStepMovesNoSendAndNoTimeLimit) {
