@@ -20,6 +20,8 @@ struct CandidatePair {
   void setRole(bool controlling);
   // "[local, remote]" with ports, as every log line prints a pair.
   std::string toString() const;
+  // Its check may still succeed: frozen, waiting or in progress.
+  bool isPending() const { return state == State::Frozen || state == State::Waiting || state == State::InProgress; }
 
   CandidatePtr local;
   CandidatePtr remote;

@@ -1,21 +1,21 @@
 #pragma once
 
-#include <deque>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "core/cancelable_task.h"
 #include "core/lifetime.h"
-#include "core/random_source.h"
-#include "core/reactor.h"
+#include "ice/candidate_gathering.h"
+#include "ice/check_answerer.h"
 #include "ice/check_list.h"
-#include "ice/host_candidates.h"
-#include "ice/reflexive_discovery.h"
+#include "ice/check_pacer.h"
+#include "ice/check_results.h"
+#include "ice/keepalive.h"
+#include "ice/nomination.h"
 #include "ice/session.h"
+#include "ice/session_candidates.h"
 #include "ice/session_description.h"
-#include "net/local_network_info.h"
-#include "net/name_resolver.h"
+#include "ice/session_link.h"
 #include "stun/stun_agent.h"
 
 namespace quorvel {
@@ -26,17 +26,17 @@ namespace ice {
 // with the remote candidates, answers the peer's checks, and as the
 // controlling agent nominates one valid pair by regular nomination. Every
 // clock it runs on is in session_timing.h.
-class NetSession : public Session, public std::enable_shared_from_this<NetSession> {
+//
+// It owns and wires its parts, each with one job: CandidateGathering,
+// CheckPacer, CheckResults, Nomination, CheckAnswerer and Keepalive. It
+// holds what they share (credentials, role, candidates, check list, valid
+// pairs, selected pair), alone moves from state to state and reports
+// events, and routes each part's calls on the link (SessionLink) to the part
+// whose job they are. Its own jobs: the check phase's time limit, the end of
+// the checks, role switches, and establishing on the selected pair.
+class NetSession : public Session, public SessionLink, public std::enable_shared_from_this<NetSession> {
  public:
-  struct Dependencies {
-    std::shared_ptr<Reactor> reactor;
-    std::shared_ptr<AsyncSocketFactory> socketFactory;
-    std::shared_ptr<stun::StunAgent> agent;
-    std::shared_ptr<LocalNetworkInfo> networkInfo;
-    std::shared_ptr<NameResolver> resolver;
-    std::shared_ptr<RandomSource> random;
-    std::string stunServer;
-  };
+  using Dependencies = SessionDependencies;
 
   // Starts in the controlling role, as the device always does.
   explicit NetSession(Dependencies dependencies, bool controlling = true);
@@ -54,58 +54,37 @@ class NetSession : public Session, public std::enable_shared_from_this<NetSessio
   void close() override;
 
   // For tests and diagnostics.
-  bool isControlling() const { return controlling_; }
-  uint64_t tieBreaker() const { return tieBreaker_; }
+  bool isControlling() const override { return controlling_; }
+  uint64_t tieBreaker() const override { return tieBreaker_; }
   const CheckList& checkList() const { return checkList_; }
-  const std::vector<CandidatePairPtr>& validPairs() const { return valid_; }
-  std::size_t socketCount() const { return hosts_.size(); }
+  const ValidPairs& validPairs() const { return valid_; }
+  std::size_t socketCount() const { return candidates_.hosts().size(); }
 
  private:
-  enum class State { Idle, Gathering, Checking, Established, Failed, Closed };
+  SessionState state() const override { return state_; }
+  std::weak_ptr<SessionLink> weakLink() override { return weak_from_this(); }
+  stun::RequestHandle sendCheck(const CandidatePairPtr& pair, bool nominate) override;
+  void onCheckResult(const CandidatePairPtr& pair, bool nominate, int error, const stun::MessagePtr& response,
+                     const SocketAddress& from, const SocketAddress& local) override;
+  void trigger(const CandidatePairPtr& pair) override { pacer_.trigger(pair); }
+  void nominateOrWait() override { nomination_.nominateOrWait(); }
+  void checkCompletion() override;
+  void switchRole() override;
+  void establish(const CandidatePairPtr& pair) override;
 
   void onGathered();
   void startChecks();
-  void formPairs();
-  void scheduleTick();
-  void onTick();
-  void performCheck(const CandidatePairPtr& pair, bool nominate);
-  void onCheckResult(const CandidatePairPtr& pair, bool nominate, int error, const stun::MessagePtr& response,
-                     const SocketAddress& from, const SocketAddress& local);
-  void onCheckSucceeded(const CandidatePairPtr& pair, const stun::Message& response);
-  void addValidPair(const CandidatePairPtr& checked, const SocketAddress& mapped);
-  void unfreezeFoundation(const std::string& foundation);
-  void nominateOrWait();
-  void onNominationWait();
-  void checkCompletion();
   void onCheckPhaseLimit();
-  void establish(const CandidatePairPtr& pair);
   void fail();
-  void switchRole();
-  void trigger(const CandidatePairPtr& pair);
-
   void onDatagram(const std::shared_ptr<SessionSocket>& socket, const SocketAddress& from, const uint8_t* data,
                   std::size_t size);
-  void nominate(const CandidatePairPtr& pair);
-  void onRequest(const std::shared_ptr<AsyncSocket>& socket, const SocketAddress& from,
-                 const stun::MessagePtr& request);
-  void handleCheck(const std::shared_ptr<AsyncSocket>& socket, const SocketAddress& from,
-                   const stun::Message& request);
-  void sendKeepalive();
-  void reject(const std::shared_ptr<AsyncSocket>& socket, const SocketAddress& from, const stun::Message& request,
-              int code, const char* reason);
-  CandidatePairPtr validPairFor(const CandidatePair& checked) const;
-
-  const HostCandidate* hostFor(const Candidate& local) const;
-  CandidatePtr localCandidateAt(const SocketAddress& address) const;
-  CandidatePtr remoteCandidateAt(const SocketAddress& address) const;
-  bool isPending(const CandidatePair& pair) const;
   void report(Event event);
   void release();
 
   Dependencies deps_;
   bool controlling_;
   uint64_t tieBreaker_;
-  State state_ = State::Idle;
+  SessionState state_ = SessionState::Idle;
   EventCallback callback_;
   stun::StunAgent::RequestHandler requestHandler_;
   DatagramHandler datagramHandler_;
@@ -115,26 +94,20 @@ class NetSession : public Session, public std::enable_shared_from_this<NetSessio
   std::string outgoingUserName_;  // remote fragment ":" local fragment
   std::string incomingUserName_;  // local fragment ":" remote fragment
 
-  std::vector<HostCandidate> hosts_;
-  std::shared_ptr<ReflexiveDiscovery> discovery_;
-  std::vector<CandidatePtr> localCandidates_;  // hosts, server and peer reflexive
-  std::vector<CandidatePtr> remoteCandidates_;
-  unsigned peerReflexiveCount_ = 0;
-
+  SessionCandidates candidates_;
   CheckList checkList_;
-  std::deque<CandidatePairPtr> triggered_;
-  std::vector<CandidatePairPtr> valid_;
-  Duration checkRto_;
-  SteadyTime nextTick_;
-  CandidatePairPtr nominated_;
-  stun::RequestHandle nominationRequest_ = 0;
+  ValidPairs valid_;
   CandidatePairPtr selected_;
   std::shared_ptr<SessionSocket> selectedSocket_;
 
-  CancelableTask tickTask_;
-  CancelableTask nominationWaitTask_;
+  CandidateGathering gathering_;
+  CheckPacer pacer_;
+  CheckResults results_;
+  Nomination nomination_;
+  CheckAnswerer answerer_;
+  Keepalive keepalive_;
+
   CancelableTask phaseLimitTask_;
-  CancelableTask keepaliveTask_;
   LifetimeToken token_ = makeLifetimeToken();
 };
 
