@@ -75,10 +75,14 @@ class Device:
     """One network with the relay side, and ferrule with nginx and the odd
     target on the device."""
 
-    def __init__(self, shape, work, binaries, sample, ferrule_options=()):
-        """ferrule_options: more of ferrule's options (e.g. log levels)."""
+    def __init__(self, shape, work, binaries, sample, ferrule_options=(), ferrule_wrapper=(), registered=True):
+        """ferrule_options: more of ferrule's options (e.g. log levels);
+        ferrule_wrapper: a command prefix for ferrule (e.g. a stepped clock's);
+        registered: return only once ferrule has registered with the relay."""
         self.work = work
         self.ferrule_options = list(ferrule_options)
+        self.ferrule_wrapper = list(ferrule_wrapper)
+        self.registered = registered
         self.binaries = binaries
         self.sample = sample
         self.processes = []
@@ -119,13 +123,14 @@ class Device:
         registration = os.path.join(work, "ferrule.info")
         with open(registration, "w") as f:
             f.write("DeviceRelayKey = %s\n" % KEY)
-        wrapper = shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
+        wrapper = self.ferrule_wrapper + shlex.split(os.environ.get("FERRULE_WRAPPER", ""))
         self.ferrule = self._logged("ferrule", device.command(
             *wrapper, self.binaries.ferrule, "-r", "%s:%d" % (DOMAIN, DEVICE_PORT), "-s", "stun." + DOMAIN, "-f", registration,
             "-t", self.nginx.authority(), "-l", "5", "-l", "icesessionlink:6",
             *self.ferrule_options),
             env={"SSL_CERT_FILE": os.path.join(work, "good-ca.pem")})
-        self.ferrule.wait_for(r"\[revhttp\] Registration succeeded")
+        if self.registered:
+            self.ferrule.wait_for(r"\[revhttp\] Registration succeeded")
 
     def client_argv(self, query, output, *extra, timeout=20):
         return self.net.client.command(*client_argv(self.binaries.p2pclient, DEVICE_URL, stun=DOMAIN, ice_timeout=timeout,

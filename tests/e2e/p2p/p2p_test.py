@@ -23,6 +23,7 @@ back. "file=sample.bin" is a 100 MB random sample made once per run.
 
 Needs root. Namespaces, their /etc/netns entries and every process are gone
 afterwards, also when a case fails."""
+import calendar
 import os
 import re
 import shutil
@@ -37,8 +38,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "scripts"))
 from harness import topology  # noqa: E402
 from harness.digest import file_sha256  # noqa: E402
-from harness.p2p_client import run_client  # noqa: E402
+from harness.p2p_client import ClientResult, run_client  # noqa: E402
 from harness.proc_figures import reset_peak_rss, status_field  # noqa: E402
+from harness.stepped_clock import CACHE_SECONDS, SteppedClock  # noqa: E402
 from harness.video_device import (DEVICE_URL, DOMAIN, SAMPLE_SIZE, Binaries, Device,  # noqa: E402
                                    make_sample)
 
@@ -74,10 +76,25 @@ class DeviceCase(unittest.TestCase):
         else:
             shutil.rmtree(self.work, ignore_errors=True)
 
-    def start(self, shape=topology.flat, files=None, ferrule_options=()):
-        """files: what nginx serves under "file=" (default: the sample)."""
-        self.device = Device(shape, self.work, BINARIES, files or sample(), ferrule_options=ferrule_options)
+    def start(self, shape=topology.flat, files=None, ferrule_options=(), **options):
+        """files: what nginx serves under "file=" (default: the sample);
+        options: Device's."""
+        self.device = Device(shape, self.work, BINARIES, files or sample(), ferrule_options=ferrule_options, **options)
         return self.device
+
+    def assert_complete(self, result, count=1):
+        self.assertEqual(result.status, 0, result)
+        self.assertEqual([download["end"] for download in result.downloads], ["complete"] * count, result)
+
+    def assert_body(self, result, path, body):
+        self.assert_complete(result)
+        with open(path, "rb") as f:
+            self.assertEqual(f.read(), body)
+
+    def assert_sample(self, result, path):
+        self.assert_complete(result)
+        self.assertEqual(result.downloads[0]["bytes"], SAMPLE_SIZE, result)
+        self.assertEqual(file_sha256(path), sample()[1])
 
 
 class IceSessions(DeviceCase):
@@ -181,20 +198,6 @@ class IceSessions(DeviceCase):
 
 
 class VideoOverSctp(DeviceCase):
-    def assert_complete(self, result, count=1):
-        self.assertEqual(result.status, 0, result)
-        self.assertEqual([download["end"] for download in result.downloads], ["complete"] * count, result)
-
-    def assert_body(self, result, path, body):
-        self.assert_complete(result)
-        with open(path, "rb") as f:
-            self.assertEqual(f.read(), body)
-
-    def assert_sample(self, result, path):
-        self.assert_complete(result)
-        self.assertEqual(result.downloads[0]["bytes"], SAMPLE_SIZE, result)
-        self.assertEqual(file_sha256(path), sample()[1])
-
     # ---- the video arrives
 
     def test_short_answers_arrive_and_end_each_relay_cleanly(self):
@@ -359,6 +362,67 @@ def main():
     finally:
         shutil.rmtree(SAMPLE_WORK, ignore_errors=True)
     sys.exit(0 if program.result.wasSuccessful() else 1)
+
+
+class WallClockSteps(DeviceCase):
+    """ferrule's wall clock stepped under it, as NTP steps a board's: only log
+    dates and certificate checks may notice."""
+
+    def relayed(self, device, number):
+        """One request through the relay to nginx; returns the body."""
+        argv = device.net.client.command("curl", "-sS", "--noproxy", "*", "--max-time", "30",
+                                         "%s/video.vdo?relayed=%d" % (DEVICE_URL, number))
+        return subprocess.run(argv, capture_output=True, text=True, timeout=60).stdout
+
+    def await_step(self, device, seconds):
+        """Relays requests until ferrule's log dates show its clock `seconds`
+        off the true time; every one of them must be answered."""
+        for number in range(4 * CACHE_SECONDS * 10):
+            mark = device.ferrule.mark()
+            self.assertEqual(self.relayed(device, number), "query=relayed=%d\n" % number)
+            line = device.ferrule.wait_for(r"Got target response", start=mark)[0]
+            logged = calendar.timegm(time.strptime(line[:19], "%Y-%m-%d %H:%M:%S"))
+            if abs(logged - time.time() - seconds) < 60:
+                return
+            time.sleep(0.25)
+        self.fail("ferrule's wall clock never took the step to %+d s" % seconds)
+
+    def test_steps_back_and_forward_mid_transfer_and_between_sessions(self):
+        clock = SteppedClock(self.work)
+        device = self.start(ferrule_wrapper=clock.wrapper())
+        for offset, seconds in (("-3600", -3600), ("+0", 0)):
+            # Mid-transfer: the video in flight goes on untouched.
+            mark = device.ferrule.mark()
+            output = os.path.join(self.work, "in-flight")
+            client = subprocess.Popen(device.client_argv("file=sample.bin", output, "--rate", "10M", timeout=30),
+                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            try:
+                device.ferrule.wait_for(r"\[ferrule\] Got video response: 200", start=mark, timeout=60)
+                clock.set(offset)
+                self.await_step(device, seconds)
+                out, err = client.communicate(timeout=120)
+            finally:
+                if client.poll() is None:
+                    client.kill()
+                    client.wait()
+            self.assert_sample(ClientResult(client.returncode, out, err), output)
+            # Between sessions: a new one checks, establishes and streams.
+            mark = device.ferrule.mark()
+            result, path = device.download("file=sample.bin")
+            self.assert_sample(result, path)
+            device.ferrule.wait_for(r"\[connreqhandler\] ICE session established", start=mark)
+            self.assertEqual(self.relayed(device, 1000), "query=relayed=1000\n")
+        self.assertEqual(device.ferrule.matching(r"timed out"), [])
+
+    def test_boot_years_behind_registers_within_the_back_off_once_the_clock_is_set(self):
+        clock = SteppedClock(self.work, "-2000d")
+        device = self.start(ferrule_wrapper=clock.wrapper(), registered=False)
+        device.ferrule.wait_for(r"certificate is not yet valid", timeout=30)
+        clock.set("+0")
+        set_right = time.monotonic()
+        device.ferrule.wait_for(r"\[revhttp\] Registration succeeded", timeout=40)
+        print("registered %.1f s after the clock was set" % (time.monotonic() - set_right))
+        self.assertEqual(self.relayed(device, 1), "query=relayed=1\n")
 
 
 if __name__ == "__main__":
