@@ -152,10 +152,13 @@ bool ChunkedEncodingParser::parseHeader() {
     }
     sawCr = *it == '\r';
   }
+  // Without its line end the header waits for more, unless it is already
+  // too long to be one; either way nothing more can be parsed now.
   if (!found) {
-    if (pendingSize_ < MaxHeaderBytes) return false;
-    QLOG(Log, log::Notice, "Parsing header; CRLF not found in %u bytes", pendingSize_);
-    fail();
+    if (pendingSize_ >= MaxHeaderBytes) {
+      QLOG(Log, log::Notice, "Parsing header; CRLF not found in %u bytes", pendingSize_);
+      fail();
+    }
     return false;
   }
   uint32_t size = 0;

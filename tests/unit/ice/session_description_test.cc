@@ -33,7 +33,12 @@ TEST(CandidateType, TextBothWays) {
     EXPECT_TRUE(parseCandidateType(row.text, parsed));
     EXPECT_EQ(row.type, parsed);
   }
-  EXPECT_EQ("9", candidateTypeText(static_cast<CandidateType>(9)));
+  // An unknown type, also the first one past the table, prints as its number
+  // and has no preference.
+  for (const int unknown : {4, 9}) {
+    EXPECT_EQ(std::to_string(unknown), candidateTypeText(static_cast<CandidateType>(unknown)));
+    EXPECT_EQ(0u, typePreference(static_cast<CandidateType>(unknown)));
+  }
   CandidateType unused;
   EXPECT_FALSE(parseCandidateType("HOST", unused));
 }
