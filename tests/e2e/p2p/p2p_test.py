@@ -39,7 +39,8 @@ sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "scripts"))
 from harness import topology  # noqa: E402
 from harness.digest import file_sha256  # noqa: E402
 from harness.p2p_client import ClientResult, run_client  # noqa: E402
-from harness.proc_figures import reset_peak_rss, status_field  # noqa: E402
+from harness.proc_figures import (assert_settles_at, descriptor_kinds, reset_peak_rss, settled,  # noqa: E402
+                                  status_field)
 from harness.stepped_clock import CACHE_SECONDS, SteppedClock  # noqa: E402
 from harness.video_device import (DEVICE_URL, DOMAIN, SAMPLE_SIZE, Binaries, Device,  # noqa: E402
                                    make_sample)
@@ -308,47 +309,23 @@ class VideoOverSctp(DeviceCase):
     def test_idle_session_closes_after_30_s_and_leaves_nothing(self):
         device = self.start()
         pid = device.ferrule.proc.pid
-        before = self.resources(pid)
+        # TCP sockets are left out: the relay exchange and the pool to the
+        # target keep connections of their own in time.
+        descriptors = lambda: descriptor_kinds(pid, without_tcp=True)  # noqa: E731
+        before = settled(descriptors, "ferrule's descriptors before the session")
         result = run_client(BINARIES.p2pclient, DEVICE_URL, command=device.net.client.command, stun=DOMAIN, verbose=False)
         self.assertEqual(result.status, 0, result)
         device.ferrule.wait_for(r"\[ferrule\] New session established: ")
         # The session's UDP sockets.
-        self.assertGreater(self.resources(pid).get("socket", 0), before.get("socket", 0))
+        during = settled(descriptors, "ferrule's descriptors during the session")
+        self.assertGreater(during.get("socket", 0), before.get("socket", 0), (before, during))
         device.ferrule.wait_for(r"\[ferrule\] No incoming connection for 30s, closing$", timeout=45)
         device.ferrule.wait_for(r"Deregistering address 0x", timeout=5)
-        # Judged on one reading: a connection being opened to the relay is a
-        # socket for a moment before it shows in the TCP table.
-        deadline = time.monotonic() + 5
-        now = self.resources(pid)
-        while now != before and time.monotonic() < deadline:
-            time.sleep(0.1)
-            now = self.resources(pid)
-        self.assertEqual(now, before)
+        assert_settles_at(descriptors, before, "ferrule's descriptors after the session closed")
         log = device.ferrule
         self.assertEqual(len(log.matching(r"Registering address 0x")), len(log.matching(r"Deregistering address 0x")))
         opened = len(log.matching(r"(Created|Using existing) socket 0x"))
         self.assertEqual(opened, len(log.matching(r"Closing socket 0x")))
-
-    def resources(self, pid):
-        """The daemon's descriptors by kind. TCP sockets are left out: the
-        relay exchange and the pool to the target keep connections of their
-        own in time."""
-        tcp = set()
-        for table in ("tcp", "tcp6"):
-            with open("/proc/%d/net/%s" % (pid, table)) as f:
-                tcp |= {line.split()[9] for line in f.read().splitlines()[1:]}
-        kinds = {}
-        for name in os.listdir("/proc/%d/fd" % pid):
-            try:
-                target = os.readlink("/proc/%d/fd/%s" % (pid, name))
-            except OSError:
-                continue
-            inode = re.match(r"socket:\[(\d+)\]", target)
-            if inode and inode.group(1) in tcp:
-                continue
-            kind = "file" if target.startswith("/") else re.sub(r"[:\[].*", "", target)
-            kinds[kind] = kinds.get(kind, 0) + 1
-        return kinds
 
 
 def main():
