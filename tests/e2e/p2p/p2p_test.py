@@ -266,11 +266,12 @@ class VideoOverSctp(DeviceCase):
         try:
             device.ferrule.wait_for(r"Processing video request: odd=silent", timeout=30)
             reset_peak_rss(pid)
-            before = status_field(pid, "VmRSS")
+            # Within a few pages: the bound below is megabytes.
+            before = settled(lambda: status_field(pid, "VmRSS"), "ferrule's VmRSS before the download", tolerance=64)
             # Another client meanwhile is served in full.
             result, path = device.download("file=sample.bin", "--rate", "4M", timeout=30)
             self.assert_sample(result, path)
-            peak = status_field(pid, "VmHWM")
+            peak = settled(lambda: status_field(pid, "VmHWM"), "ferrule's VmHWM after the download")
             out, err = silent.communicate(timeout=180)
         finally:
             if silent.poll() is None:
