@@ -323,7 +323,11 @@ class VideoOverSctp(DeviceCase):
         device.ferrule.wait_for(r"\[ferrule\] No incoming connection for 30s, closing$", timeout=45)
         device.ferrule.wait_for(r"Deregistering address 0x", timeout=5)
         assert_settles_at(descriptors, before, "ferrule's descriptors after the session closed")
+        # Every address and socket of the stack that was made was closed; the
+        # lines may reach us a moment after the descriptors have gone.
         log = device.ferrule
+        log.wait_for(r"Deregistering address 0x", count=len(log.matching(r"Registering address 0x")), timeout=5)
+        log.wait_for(r"Closing socket 0x", count=len(log.matching(r"(Created|Using existing) socket 0x")), timeout=5)
         self.assertEqual(len(log.matching(r"Registering address 0x")), len(log.matching(r"Deregistering address 0x")))
         opened = len(log.matching(r"(Created|Using existing) socket 0x"))
         self.assertEqual(opened, len(log.matching(r"Closing socket 0x")))
