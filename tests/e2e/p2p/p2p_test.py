@@ -238,6 +238,9 @@ class VideoOverSctp(DeviceCase):
         for index in (1, 2):
             self.assertEqual(file_sha256("%s.%d" % (path, index)), sample()[1])
         device.ferrule.wait_for(r"\[ferrule\] Got new SCTP connection from ", count=2)
+        # The client has its end of stream only after these lines were
+        # logged, but they may reach us a moment after it has exited.
+        device.ferrule.wait_for(r"\[ferrule\] Response data stream is finished$", count=2)
         # Both ran at once: the second arrived before the first had ended.
         lines = device.ferrule.lines
         second = [i for i, line in enumerate(lines) if "Got new SCTP connection" in line][1]
