@@ -168,10 +168,10 @@ class IceSessions(DeviceCase):
         self.assertIn(self.address_part(local), session.net.device_addresses)
         self.assertIn(self.address_part(remote), session.net.client_addresses)
         # Both families gathered, nothing else (no loopback, no link-local).
+        session.ferrule.wait_for(r"Finished gathering candidates")
         gathered = sorted({self.address_part(candidate) for candidate in self.local_candidates()})
         self.assertEqual(gathered, sorted(session.net.device_addresses))
         self.assertEqual(client.datagrams["sent"], 3, client)
-        session.ferrule.wait_for(r"Finished gathering candidates", timeout=1)
 
     def test_device_behind_nat(self):
         self.start(topology.device_behind_nat)
