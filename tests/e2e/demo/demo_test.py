@@ -10,8 +10,11 @@ import re
 import signal
 import subprocess
 import sys
-import time
+import tempfile
 import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts"))
+from harness.logged_process import LoggedProcess  # noqa: E402
 
 DEMO = FERRULE = DEVRELAY = P2PCLIENT = None
 PAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "scripts", "demo", "www",
@@ -51,27 +54,22 @@ class Demo(unittest.TestCase):
         self.check_cleaned_up(output)
 
     def test_two_interrupts_still_clean_up(self):
-        demo = self.start({})
-        lines = []
-        deadline = time.monotonic() + 60
-        for line in demo.stdout:
-            lines.append(line)
-            if "Ctrl-C stops everything" in line or time.monotonic() > deadline:
-                break
-        demo.send_signal(signal.SIGINT)
-        # The second one lands while the clean-up is under way.
-        for line in demo.stdout:
-            lines.append(line)
-            if line.startswith("demo: stopping") or time.monotonic() > deadline:
-                break
-        demo.send_signal(signal.SIGINT)
-        rest, _ = demo.communicate(timeout=60)
-        output = "".join(lines) + rest
-        self.assertEqual(demo.returncode, 0, output)
+        with tempfile.TemporaryDirectory(prefix="ferrule-demo-test-") as log_dir:
+            demo = LoggedProcess("demo", [sys.executable, DEMO, FERRULE, DEVRELAY, P2PCLIENT], log_dir)
+            try:
+                demo.wait_for(r"Ctrl-C stops everything", timeout=90)
+                demo.proc.send_signal(signal.SIGINT)
+                # The second one lands while the clean-up is under way.
+                demo.wait_for(r"^demo: stopping$", timeout=30)
+                demo.proc.send_signal(signal.SIGINT)
+                demo.proc.wait(60)
+            finally:
+                demo.stop()  # only if it still runs: SIGINT, then SIGKILL after 10 s
+        output = "\n".join(demo.lines) + "\n"
+        self.assertEqual(demo.proc.returncode, 0, output)
         self.assertIn("still stopping, please wait", output)
         self.assertIn("ferrule stopped with status 0", output)
         self.check_cleaned_up(output)
-
 
 if __name__ == "__main__":
     if len(sys.argv) != 5:
