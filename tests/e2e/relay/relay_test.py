@@ -14,6 +14,7 @@ the tests fail. Needs root.
 FERRULE_WRAPPER, when set, is a command line that ferrule is started through,
 e.g. "qemu-ppc" to run the device's own (static) build under emulation
 against the host's relay, nginx and curl."""
+import datetime
 import hashlib
 import os
 import random
@@ -173,11 +174,12 @@ def tearDownModule():
 
 
 def stamp(line):
-    """ferrule's own time of a log line, in seconds."""
-    match = re.match(r"(\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\.(\d{3}) ", line)
+    """ferrule's own time of a log line, in seconds; with its date, so that
+    gaps across midnight come out right."""
+    match = re.match(r"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) ", line)
     assert match, line
-    _, _, _, hours, minutes, seconds, millis = (int(g) for g in match.groups())
-    return hours * 3600 + minutes * 60 + seconds + millis / 1000.0
+    moment = datetime.datetime.strptime(match.group(1), "%Y-%m-%d %H:%M:%S.%f")
+    return (moment - datetime.datetime(1970, 1, 1)).total_seconds()
 
 
 class Requests(unittest.TestCase):
