@@ -11,6 +11,7 @@
 
 #include "core/log.h"
 #include "sctp/sctp_udp_output.h"
+#include "sctp/stack_clock.h"
 #include "sctp/stack_calls.h"
 
 namespace quorvel {
@@ -92,6 +93,8 @@ SctpUdpService::SctpUdpService(std::shared_ptr<Reactor> reactor) : reactor_(std:
 void SctpUdpService::startStack() {
   if (started_) return;
   started_ = true;
+  // Anchors the stack's clock before its first reading, and links it in.
+  stackClockMicroseconds();
   // No UDP encapsulation port: the links carry the packets.
   usrsctp_init_nothreads(0, &SctpUdpService::onOutput, &SctpUdpService::onDebugText);
   applyStackSettings();

@@ -24,6 +24,7 @@ back. "file=sample.bin" is a 100 MB random sample made once per run.
 Needs root. Namespaces, their /etc/netns entries and every process are gone
 afterwards, also when a case fails."""
 import calendar
+import contextlib
 import os
 import re
 import shutil
@@ -377,6 +378,23 @@ class WallClockSteps(DeviceCase):
             time.sleep(0.25)
         self.fail("ferrule's wall clock never took the step to %+d s" % seconds)
 
+    @contextlib.contextmanager
+    def udp_lost(self, device, seconds):
+        """Every UDP packet the client sends is dropped for at least `seconds`
+        while the block runs."""
+        rules = os.path.join(self.work, "loss.nft")
+        with open(rules, "w") as f:
+            f.write("table inet loss {\n chain out {\n  type filter hook output priority 0;\n"
+                    "  meta l4proto udp drop\n }\n}\n")
+        nft = lambda *args: subprocess.run(device.net.client.command("nft", *args), check=True, timeout=10)
+        nft("-f", rules)
+        began = time.monotonic()
+        try:
+            yield
+            time.sleep(max(0.0, seconds - (time.monotonic() - began)))  # the loss lasts its time
+        finally:
+            nft("delete", "table", "inet", "loss")
+
     def test_steps_back_and_forward_mid_transfer_and_between_sessions(self):
         clock = SteppedClock(self.work)
         device = self.start(ferrule_wrapper=clock.wrapper())
@@ -388,8 +406,11 @@ class WallClockSteps(DeviceCase):
                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
             try:
                 device.ferrule.wait_for(r"\[ferrule\] Got video response: 200", start=mark, timeout=60)
-                clock.set(offset)
-                self.await_step(device, seconds)
+                # With packets lost around the step, so that the SCTP stack
+                # has to retransmit what it sent before it.
+                with self.udp_lost(device, seconds=3):
+                    clock.set(offset)
+                    self.await_step(device, seconds)
                 out, err = client.communicate(timeout=120)
             finally:
                 if client.poll() is None:
