@@ -97,7 +97,9 @@ void ConnectRequestHandler::startSession(const PendingPtr& pending, const std::s
   ice::SessionDescription description;
   bool parsed = false;
   try {
-    parsed = !pending->tooLong && ice::parseDescription(body, description);
+    // A description that cannot authenticate is answered as one that does
+    // not parse, before any socket opens.
+    parsed = !pending->tooLong && ice::parseDescription(body, description) && ice::canAuthenticate(description);
   } catch (const std::exception& e) {
     QLOG(Log, log::Notice, "Exception thrown while processing session request: %s", e.what());
   }

@@ -18,8 +18,10 @@ namespace quorvel {
 // ICE description; the answer (201) carries the device's once its
 // candidates are gathered, and the session, once established, goes to the
 // established-session callback. Answers: 400 for a description that does
-// not parse, 404 for other resources under "/sg/", 405 for other methods,
-// 500 for a session that fails before the answer.
+// not parse or cannot authenticate (no user fragment, no password, or a
+// password longer than the HMAC key limit), 404 for other resources under
+// "/sg/", 405 for other methods, 500 for a session that fails before the
+// answer.
 class ConnectRequestHandler : public WebRequestHandler {
  public:
   using SessionCallback = Delegate<void(const ice::SessionPtr& session)>;

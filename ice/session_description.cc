@@ -101,5 +101,10 @@ bool parseDescription(const std::string& text, SessionDescription& description) 
   return true;
 }
 
+bool canAuthenticate(const SessionDescription& description) {
+  return !description.userFragment.empty() && !description.password.empty() &&
+         description.password.size() <= MaxPasswordLength;
+}
+
 }  // namespace ice
 }  // namespace quorvel

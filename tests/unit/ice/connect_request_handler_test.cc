@@ -169,6 +169,45 @@ TEST_F(ConnectRequestHandlerTest, RefusesWhatDoesNotParse) {
   EXPECT_EQ(0u, handler_->pendingCount());
 }
 
+// A session that could never authenticate is not started: without a user
+// fragment no check names it, without a password its checks would go
+// unsigned, and a password over the HMAC key limit signs nothing. Short
+// credentials are the client's own risk and work.
+TEST_F(ConnectRequestHandlerTest, RefusesDescriptionsThatCannotAuthenticate) {
+  const std::string candidate = "candidate=1 1 UDP 2130706431 198.51.100.2 6000 typ host\n";
+  const std::string longest(ice::MaxPasswordLength, 'p');
+  const struct {
+    std::string credentials;
+    bool refused;
+  } table[] = {
+      {"password=peerpasswordpeerpassword\n", true},
+      {"userfrag=peer\n", true},
+      {"", true},
+      {"userfrag=peer\npassword=" + longest + "p\n", true},
+      {"userfrag=peer\npassword=" + longest + "\n", false},
+      {"userfrag=p\npassword=q\n", false},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.credentials);
+    const std::size_t sessionsBefore = factory_->sessions.size();
+    const auto r = post(candidate + row.credentials);
+    if (row.refused) {
+      ASSERT_EQ(1, r->responses);
+      EXPECT_EQ(400u, r->response->headers().statusCode());
+      EXPECT_EQ("Unable to parse session information", r->response->headers().reason().str());
+      EXPECT_EQ(sessionsBefore, factory_->sessions.size());
+      continue;
+    }
+    EXPECT_EQ(0, r->responses);
+    ASSERT_EQ(sessionsBefore + 1, factory_->sessions.size());
+    const auto session = factory_->sessions.back();
+    EXPECT_FALSE(session->remote.userFragment.empty());
+    EXPECT_FALSE(session->remote.password.empty());
+    session->events(Session::Event::Failed);
+  }
+  EXPECT_EQ(0u, handler_->pendingCount());
+}
+
 TEST_F(ConnectRequestHandlerTest, LogLinesAndLevels) {
   const auto capture = testing::LogCapture::install();
   handler_->handle(request("GET", "/x"));
