@@ -19,8 +19,10 @@ class IceSessionLink {
   // are supported". SocketError when the stack cannot open one.
   virtual std::shared_ptr<AsyncSocket> createSocket(int family, int type, int protocol) = 0;
   virtual std::shared_ptr<AsyncListener> createListener(int family, int type, int protocol) = 0;
-  // Stops carrying packets and closes the ICE session. Sockets made here
-  // then see their associations time out or abort; safe to call twice.
+  // Stops carrying packets and closes the ICE session. Associations already
+  // shutting down are aborted first, so that their ABORTs still reach the
+  // peer; sockets still open then see theirs time out or abort. Safe to
+  // call twice.
   virtual void close() = 0;
 };
 

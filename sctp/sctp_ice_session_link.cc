@@ -53,6 +53,9 @@ std::shared_ptr<AsyncListener> SctpIceSessionLink::createListener(int family, in
 
 void SctpIceSessionLink::close() {
   if (closed_) return;
+  // Associations shutting down send their ABORT while the path is still
+  // there; the client hears of the end at once.
+  service_->abortClosing(connData_);
   closed_ = true;
   session_->setDatagramHandler(ice::Session::DatagramHandler());
   session_->close();

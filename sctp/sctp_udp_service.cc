@@ -133,13 +133,18 @@ uintptr_t SctpUdpService::registerLink(SctpUdpOutput* output) {
   return connData;
 }
 
-void SctpUdpService::deregisterLink(uintptr_t connData) {
-  if (!links_.erase(connData)) return;
+void SctpUdpService::abortClosing(uintptr_t connData) {
   std::vector<struct socket*> closing;
   for (const auto& entry : sockets_) {
     if (entry.second.connData == connData && entry.second.closing) closing.push_back(entry.first);
   }
   for (struct socket* handle : closing) abortSocket(handle);
+}
+
+void SctpUdpService::deregisterLink(uintptr_t connData) {
+  if (!links_.count(connData)) return;
+  abortClosing(connData);
+  links_.erase(connData);
   if (inCallback_) {
     reactor_->post(token_, [connData] { usrsctp_deregister_address(reinterpret_cast<void*>(connData)); });
   } else {

@@ -62,8 +62,12 @@ class SctpUdpService {
   // ---- links
   // The address value under which `output` receives the stack's packets.
   uintptr_t registerLink(SctpUdpOutput* output);
+  // Aborts the link's associations that are still shutting down, while the
+  // link can carry their ABORTs: a peer told nothing would learn of the end
+  // only from its own retransmission limit.
+  void abortClosing(uintptr_t connData);
   // No packet goes to the output after this; associations still closing on
-  // that address are aborted.
+  // that address are aborted first.
   void deregisterLink(uintptr_t connData);
   // One datagram that arrived for the link.
   void input(uintptr_t connData, const uint8_t* data, std::size_t size);

@@ -225,6 +225,30 @@ TEST_F(Closing, ClosingTheLinkClosesTheSessionAndAbortsShutdowns) {
   EXPECT_EQ(reactor->pending(), 0u);
 }
 
+// A device that goes while its association still has data on the way (a
+// reader that has fallen behind) tells the client: the ABORT leaves on the
+// path before the path goes, and the client's next receive ends at once
+// rather than after its own retransmission limit.
+TEST_F(Closing, ClosingTheLinkTellsThePeerOfShutdownsInProgress) {
+  associate();
+  sendText(*accepted, pattern(2 * 1024 * 1024));
+  run(500);  // the client reads nothing: its window fills
+  accepted->close();  // a graceful shutdown waiting for the data to be taken
+  accepted.reset();
+  deviceLink->close();
+  // Whatever had arrived may still be read first; the end follows it
+  // within a second.
+  const Completion* got = &receiveText(*client, 64 * 1024);
+  for (int waited = 0; waited < 1000; waited += 10) {
+    run(10);
+    if (!got->done) continue;
+    if (got->error || got->bytes == 0) break;
+    got = &receiveText(*client, 64 * 1024);
+  }
+  ASSERT_TRUE(got->done);
+  EXPECT_NE(got->error, 0);
+}
+
 using Timers = SctpFixture;
 
 TEST_F(Timers, SlowDownWhenQuietAndSpeedUpWithTheNextPacket) {
