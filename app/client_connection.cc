@@ -1,5 +1,6 @@
 #include "app/client_connection.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <netinet/in.h>
@@ -55,8 +56,24 @@ void ClientConnection::accept() {
 
 void ClientConnection::onAccepted(int error, const std::shared_ptr<AsyncSocket>& socket) {
   if (error == ECANCELED) return;
-  if (!error && socket) onNewConnection(socket->remoteAddress(), socket);
+  if (error || !socket) {
+    retryAccept(error);
+    return;
+  }
+  acceptRetry_ = Duration();
+  onNewConnection(socket->remoteAddress(), socket);
   accept();
+}
+
+// Logged once per run of failures, at its start.
+void ClientConnection::retryAccept(int error) {
+  if (acceptRetry_ == Duration()) {
+    QLOG(Log, log::Notice, "SCTP accept failed with code %d, retrying with back-off", error);
+    acceptRetry_ = FirstAcceptRetry;
+  } else {
+    acceptRetry_ = std::min(acceptRetry_ * 2, MaxAcceptRetry);
+  }
+  reactor_->scheduleAfter(token_, acceptRetry_, [this] { accept(); });
 }
 
 void ClientConnection::onNewConnection(const SocketAddress& peer, const std::shared_ptr<AsyncSocket>& socket) {

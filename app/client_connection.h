@@ -29,6 +29,10 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   using ClosedCallback = Delegate<void(ClientConnection* connection)>;
 
   static const Duration IdlePeriod;
+  // An accept that fails is tried again after this, doubling up to the
+  // maximum: a persistent error must not become a busy loop.
+  static constexpr Duration FirstAcceptRetry = Duration::milliseconds(100);
+  static constexpr Duration MaxAcceptRetry = Duration::seconds(5);
   // The device's end of every association.
   static constexpr uint16_t SctpPort = 5000;
 
@@ -53,6 +57,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
  private:
   void accept();
   void onAccepted(int error, const std::shared_ptr<AsyncSocket>& socket);
+  void retryAccept(int error);
   void onStreamClosed(StreamRelay* relay);
   void startIdleTimer();
   void onIdle();
@@ -66,6 +71,9 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 
   std::shared_ptr<AsyncListener> listener_;
   std::vector<std::shared_ptr<StreamRelay>> streams_;
+  // The wait before the next retry of a failing accept; zero while accepts
+  // work.
+  Duration acceptRetry_;
   CancelableTask idleTask_;
   LifetimeToken token_ = makeLifetimeToken();
 };

@@ -64,9 +64,13 @@ void SctpUdpListener::continueAccept() {
     auto made = std::make_shared<SctpUdpSocket>(service_, connData_, accepted);
     made->start();
     socket = made;
+    acceptFailing_ = false;
   } else {
     error = errno;
-    QLOG(Log, log::Warning, "Accept failed");
+    // Once per run of failures: a persistent error would repeat the line at
+    // every retry of the owner.
+    if (!acceptFailing_) QLOG(Log, log::Warning, "Accept failed");
+    acceptFailing_ = true;
   }
   service_->reactor().post(service_->token(), [callback, error, socket] { callback(error, socket); });
 }

@@ -39,6 +39,7 @@ class SctpUdpListener : public AsyncListener,
   const uintptr_t connData_;
   struct socket* handle_ = nullptr;  // null once closed
   AcceptCallback acceptCallback_;
+  bool acceptFailing_ = false;  // since the last accept that worked
 };
 
 }  // namespace quorvel

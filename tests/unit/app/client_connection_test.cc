@@ -179,6 +179,63 @@ TEST_F(ClientConnectionTest, GoingAwayTellsTheClientThenClosesTheLinkAndTheIceSe
   EXPECT_NE(got->error, 0);
 }
 
+// A link whose listener fails its first `failures` accepts with EIO, each
+// reported from a later event as the real one does, then waits.
+class FailingAccepts : public ::testing::Test {
+ protected:
+  struct Listener : AsyncListener {
+    Listener(std::shared_ptr<testing::ManualReactor> reactor, int failures)
+        : reactor(std::move(reactor)), failures(failures) {}
+    void bind(const SocketAddress&) override {}
+    void listen(int) override {}
+    void accept(const AcceptCallback& callback) override {
+      acceptTimes.push_back(reactor->steadyNow());
+      if (failures-- <= 0) return;
+      reactor->post(token, [callback] { callback(EIO, nullptr); });
+    }
+    void setOption(int, int, const void*, std::size_t) override {}
+    void getOption(int, int, void*, std::size_t&) override {}
+    SocketAddress localAddress() const override { return SocketAddress(); }
+    void close() override {}
+
+    std::shared_ptr<testing::ManualReactor> reactor;
+    int failures;
+    std::vector<SteadyTime> acceptTimes;
+    LifetimeToken token = makeLifetimeToken();
+  };
+  struct Link : IceSessionLink {
+    std::shared_ptr<AsyncSocket> createSocket(int, int, int) override { return nullptr; }
+    std::shared_ptr<AsyncListener> createListener(int, int, int) override { return listener; }
+    void close() override {}
+    std::shared_ptr<Listener> listener;
+  };
+
+  void start(int failures) {
+    link->listener = std::make_shared<Listener>(reactor, failures);
+    connection = std::make_shared<ClientConnection>(reactor, link, std::make_shared<BufferPool>(512, 0, 0),
+                                                    std::make_shared<FakeHttpClient>(), "camera.local",
+                                                    [](ClientConnection*) {});
+    connection->start();
+  }
+
+  std::shared_ptr<testing::ManualReactor> reactor = std::make_shared<testing::ManualReactor>();
+  std::shared_ptr<Link> link = std::make_shared<Link>();
+  std::shared_ptr<LogCapture> capture = LogCapture::install();
+  std::shared_ptr<ClientConnection> connection;
+};
+
+TEST_F(FailingAccepts, APersistentErrorBacksOffAndIsLoggedOnce) {
+  start(1000);
+  const SteadyTime begin = reactor->steadyNow();
+  reactor->advance(Duration::seconds(20));
+  const std::vector<SteadyTime>& times = link->listener->acceptTimes;
+  // 0, 0.1, 0.3, 0.7, 1.5, 3.1, 6.3, then every 5 s.
+  ASSERT_EQ(times.size(), 9u);
+  EXPECT_EQ(times[1] - begin, ClientConnection::FirstAcceptRetry);
+  EXPECT_EQ(times[8] - times[7], ClientConnection::MaxAcceptRetry);
+  EXPECT_EQ(capture->count("SCTP accept failed with code 5, retrying with back-off"), 1u);
+}
+
 }  // namespace
 }  // namespace ferrule
 }  // namespace quorvel

@@ -56,14 +56,19 @@ TEST_F(Misuse, IsRefusedWithItsOwnText) {
   EXPECT_EQ(thrownText([&] { client->send(chainOf("x"), ignore); }), "Unexpected send call");
 }
 
-// An accept the stack refuses is reported, not left waiting for ever.
-TEST_F(Misuse, AcceptBeforeListenFails) {
+// An accept the stack refuses is reported, not left waiting for ever; an
+// error that persists is logged once, however often the owner retries.
+TEST_F(Misuse, AcceptBeforeListenFailsAndIsLoggedOnce) {
+  std::shared_ptr<LogCapture> capture = LogCapture::install();
   listener = deviceLink->createListener(SocketAddress::FamilySpecial, SOCK_STREAM, 0);
   listener->bind(p2p(5000));
-  int error = 0;
-  listener->accept([&error](int e, std::shared_ptr<AsyncSocket>) { error = e; });
-  run(0);
-  EXPECT_EQ(error, EINVAL);
+  std::vector<int> errors;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    listener->accept([&errors](int e, std::shared_ptr<AsyncSocket>) { errors.push_back(e); });
+    run(0);
+  }
+  EXPECT_EQ(errors, std::vector<int>(5, EINVAL));
+  EXPECT_EQ(capture->count("Accept failed"), 1u);
 }
 
 TEST_F(Misuse, LogLinesNameHandlesAndAddresses) {
