@@ -80,9 +80,14 @@ void ClientConnection::onNewConnection(const SocketAddress& peer, const std::sha
   QLOG(Log, log::Notice, "Got new SCTP connection from %s", peer.toString());
   idleTask_.cancel();
   const std::weak_ptr<ClientConnection> weak = shared_from_this();
-  auto relay = std::make_shared<StreamRelay>(socket, pool_, httpClient_, targetHost_, [weak](StreamRelay* closed) {
-    if (std::shared_ptr<ClientConnection> self = weak.lock()) self->onStreamClosed(closed);
-  });
+  // A connection that sends no query goes after the idle period, as a
+  // session without connections does.
+  auto relay = std::make_shared<StreamRelay>(reactor_, socket, pool_, httpClient_, targetHost_, IdlePeriod,
+                                             [weak](StreamRelay* closed) {
+                                               if (std::shared_ptr<ClientConnection> self = weak.lock()) {
+                                                 self->onStreamClosed(closed);
+                                               }
+                                             });
   streams_.push_back(relay);
   relay->start();
 }

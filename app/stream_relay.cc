@@ -17,19 +17,32 @@ constexpr std::size_t BodyQueue = 2;
 
 }  // namespace
 
-StreamRelay::StreamRelay(std::shared_ptr<AsyncSocket> socket, std::shared_ptr<BufferPool> pool,
-                         std::shared_ptr<HttpClient> httpClient, std::string targetHost, CloseCallback closeCallback)
-    : socket_(std::move(socket)),
+StreamRelay::StreamRelay(std::shared_ptr<Reactor> reactor, std::shared_ptr<AsyncSocket> socket,
+                         std::shared_ptr<BufferPool> pool, std::shared_ptr<HttpClient> httpClient,
+                         std::string targetHost, Duration queryWait, CloseCallback closeCallback)
+    : reactor_(std::move(reactor)),
+      socket_(std::move(socket)),
       pool_(std::move(pool)),
       httpClient_(std::move(httpClient)),
       targetHost_(std::move(targetHost)),
-      closeCallback_(std::move(closeCallback)) {}
+      queryWait_(queryWait),
+      closeCallback_(std::move(closeCallback)),
+      queryWaitTask_([this] { onQueryWaitOver(); }) {}
 
 StreamRelay::~StreamRelay() {
   if (!closed_) release();
 }
 
-void StreamRelay::start() { receive(); }
+void StreamRelay::start() {
+  reactor_->scheduleAfter(token_, queryWait_, queryWaitTask_.start());
+  receive();
+}
+
+void StreamRelay::onQueryWaitOver() {
+  if (closed_ || request_) return;
+  QLOG(Log, log::Notice, "No video request for %ds, closing", queryWait_.count() / 1000000);
+  close();
+}
 
 void StreamRelay::receive() {
   BufferChainPtr chain(pool_->allocate(MaxRequestSize));
@@ -65,6 +78,7 @@ void StreamRelay::onReceived(const BufferChainPtr& chain, int error, std::size_t
 }
 
 void StreamRelay::processRequest(const std::string& text) {
+  queryWaitTask_.cancel();
   QLOG(Log, log::Notice, "Processing video request: %s", text);
   const std::string path = "/video.vdo?" + text;
   try {
@@ -157,6 +171,7 @@ void StreamRelay::close() {
 // stream.
 void StreamRelay::release() {
   closed_ = true;
+  queryWaitTask_.cancel();
   // A body that has ended whole leaves nothing to stop.
   const bool bodyComplete = body_ && body_->endArrived();
   if (request_ && !requestDone_ && !bodyComplete) request_->cancel();

@@ -6,7 +6,11 @@
 
 #include <boost/system/error_code.hpp>
 
+#include "core/cancelable_task.h"
 #include "core/delegate.h"
+#include "core/lifetime.h"
+#include "core/reactor.h"
+#include "core/time.h"
 #include "http/http_client.h"
 #include "http/web_client.h"
 #include "net/async_socket.h"
@@ -21,7 +25,9 @@ namespace ferrule {
 // the target host; the response body goes back over the connection as it
 // arrives, one send at a time, so a slow client holds the target back
 // instead of filling memory. Ends (once) when the body has been sent, on any
-// error, or when the client goes; then the close callback runs.
+// error, when the client goes, or when no query has come within the query
+// wait (a connection that never asks would otherwise keep its association
+// and the client's session alive for ever); then the close callback runs.
 class StreamRelay : public std::enable_shared_from_this<StreamRelay> {
  public:
   using CloseCallback = Delegate<void(StreamRelay* relay)>;
@@ -30,15 +36,16 @@ class StreamRelay : public std::enable_shared_from_this<StreamRelay> {
   // would count as unexpected data.
   static constexpr std::size_t MaxRequestSize = 4096;
 
-  StreamRelay(std::shared_ptr<AsyncSocket> socket, std::shared_ptr<BufferPool> pool,
-              std::shared_ptr<HttpClient> httpClient, std::string targetHost, CloseCallback closeCallback);
+  StreamRelay(std::shared_ptr<Reactor> reactor, std::shared_ptr<AsyncSocket> socket,
+              std::shared_ptr<BufferPool> pool, std::shared_ptr<HttpClient> httpClient, std::string targetHost,
+              Duration queryWait, CloseCallback closeCallback);
   // Cancels the target request and closes the connection, without calling
   // the close callback.
   ~StreamRelay();
   StreamRelay(const StreamRelay&) = delete;
   StreamRelay& operator=(const StreamRelay&) = delete;
 
-  // Starts receiving the query.
+  // Starts receiving the query, and the query wait.
   void start();
   bool isClosed() const { return closed_; }
 
@@ -50,20 +57,25 @@ class StreamRelay : public std::enable_shared_from_this<StreamRelay> {
   void onRequestDone(const boost::system::error_code& code);
   void pump();
   void onSent(int error);
+  void onQueryWaitOver();
   void close();
   void release();
 
+  std::shared_ptr<Reactor> reactor_;
   std::shared_ptr<AsyncSocket> socket_;
   std::shared_ptr<BufferPool> pool_;
   std::shared_ptr<HttpClient> httpClient_;
   const std::string targetHost_;
+  const Duration queryWait_;
   CloseCallback closeCallback_;
+  CancelableTask queryWaitTask_;
 
   std::shared_ptr<WebClientRequest> request_;  // the active one
   bool requestDone_ = false;
   std::shared_ptr<BodySink> body_;
   BufferChainPtr sending_;  // the chain of the outstanding send
   bool closed_ = false;
+  LifetimeToken token_ = makeLifetimeToken();
 };
 
 }  // namespace ferrule

@@ -122,17 +122,35 @@ TEST_F(ClientConnectionTest, ClosesAfter30sWhenNoConnectionEverComes) {
 }
 
 TEST_F(ClientConnectionTest, AConnectionWithinThePeriodCancelsTheIdleClose) {
+  // Each connection asks for a video the target is slow to send.
   reactor->advance(Duration::seconds(29));
   std::shared_ptr<AsyncSocket> stream = open(5000);
+  sendText(*stream, "q=1");
   reactor->advance(Duration::seconds(60));
   EXPECT_EQ(closes, 0);
   stream->close();
   run(100);
   reactor->advance(Duration::seconds(29));
   std::shared_ptr<AsyncSocket> again = open(5001);
+  sendText(*again, "q=2");
   reactor->advance(Duration::seconds(60));
   EXPECT_EQ(closes, 0);
   EXPECT_FALSE(capture->contains("No incoming connection for 30s, closing"));
+}
+
+// A connection that never sends its query does not pin the session: it is
+// closed after the idle period, and the session goes idle like any other.
+TEST_F(ClientConnectionTest, AConnectionThatNeverAsksLetsTheSessionGoIdle) {
+  std::shared_ptr<AsyncSocket> silent = open(5000);
+  const Completion& ended = receiveText(*silent, 100);
+  reactor->advance(ClientConnection::IdlePeriod + Duration::seconds(1));
+  EXPECT_EQ(connection->streamCount(), 0u);
+  EXPECT_TRUE(ended.done);
+  EXPECT_EQ(ended.bytes, 0u);  // an orderly end of the association
+  EXPECT_EQ(closes, 0);
+  reactor->advance(ClientConnection::IdlePeriod);
+  EXPECT_EQ(closes, 1);
+  EXPECT_TRUE(http->requests.empty());
 }
 
 // The idle period is monotonic time: a step of the wall clock neither closes

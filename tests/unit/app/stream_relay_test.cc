@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/http_fakes.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/manual_reactor.h"
 #include "tests/unit/http/fake_network.h"
 
@@ -26,14 +27,17 @@ using testing::ManualReactor;
 // a fake HTTP client (the test plays the target host).
 class StreamRelayTest : public ::testing::Test {
  public:
+  static constexpr Duration QueryWait = Duration::seconds(30);
+
   StreamRelayTest()
       : reactor(std::make_shared<ManualReactor>()),
         socket(std::make_shared<FakeSocket>(reactor, &refused)),
         http(std::make_shared<FakeHttpClient>()),
-        relay(std::make_shared<StreamRelay>(socket, pool, http, "camera.local", [this](StreamRelay* closed) {
-          EXPECT_EQ(closed, relay.get());
-          ++closes;
-        })) {
+        relay(std::make_shared<StreamRelay>(reactor, socket, pool, http, "camera.local", QueryWait,
+                                            [this](StreamRelay* closed) {
+                                              EXPECT_EQ(closed, relay.get());
+                                              ++closes;
+                                            })) {
     relay->start();
   }
 
@@ -132,7 +136,8 @@ TEST_F(StreamRelayTest, EachWayOfEndingClosesOnceAndStopsTheTarget) {
     SCOPED_TRACE(c.name);
     socket = std::make_shared<FakeSocket>(reactor, &refused);
     closes = 0;
-    relay = std::make_shared<StreamRelay>(socket, pool, http, "camera.local", [this](StreamRelay*) { ++closes; });
+    relay = std::make_shared<StreamRelay>(reactor, socket, pool, http, "camera.local", QueryWait,
+                                          [this](StreamRelay*) { ++closes; });
     relay->start();
     query("id=1");
     target().respond(200, "OK");
@@ -144,6 +149,27 @@ TEST_F(StreamRelayTest, EachWayOfEndingClosesOnceAndStopsTheTarget) {
     EXPECT_EQ(target().cancels, c.cancels);
     EXPECT_TRUE(socket->closed);
   }
+}
+
+// A connection that never asks would hold its association, and with it the
+// client's session, for as long as the client keeps the path open.
+TEST_F(StreamRelayTest, AConnectionWithoutAQueryClosesAfterTheQueryWait) {
+  const auto capture = testing::LogCapture::install();
+  reactor->advance(QueryWait - Duration::milliseconds(1));
+  EXPECT_EQ(closes, 0);
+  reactor->advance(Duration::milliseconds(1));
+  EXPECT_EQ(closes, 1);
+  EXPECT_TRUE(socket->closed);
+  EXPECT_EQ(capture->count("No video request for 30s, closing"), 1u);
+}
+
+TEST_F(StreamRelayTest, AQueryWithinTheWaitKeepsTheConnectionForItsWholeTransfer) {
+  reactor->advance(QueryWait - Duration::seconds(1));
+  query("id=1");
+  target().respond(200, "OK")->put("slow");
+  reactor->advance(QueryWait * 10);
+  EXPECT_EQ(closes, 0);
+  EXPECT_FALSE(socket->closed);
 }
 
 TEST_F(StreamRelayTest, DestroyingStopsTheTargetWithoutTheCallback) {
