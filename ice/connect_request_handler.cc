@@ -73,7 +73,20 @@ bool ConnectRequestHandler::handle(const std::shared_ptr<WebRequest>& request) {
   const std::weak_ptr<Pending> weak = pending;
   request->setBodyDataHandler(
       [this, weak](const BufferChainPtr& piece, bool end) { onBody(weak, piece, end); });
+  if (!pending->session && !pending->responded) {
+    reactor_->scheduleAfter(token_, BodyWait, [this, weak] { onBodyWaitOver(weak); });
+  }
   return true;
+}
+
+void ConnectRequestHandler::onBodyWaitOver(const std::weak_ptr<Pending>& weak) {
+  const PendingPtr pending = weak.lock();
+  if (!pending || pending->session || pending->responded) return;
+  QLOG(Log, log::Notice, "Session request body incomplete after %ds, dropping the request",
+       static_cast<int>(BodyWait.count() / 1000000));
+  pending->responded = true;
+  if (pending->request->isActive()) answer(*pending->request, 400, ParseFailure, ParseFailure);
+  finish(pending);
 }
 
 void ConnectRequestHandler::onBody(const std::weak_ptr<Pending>& weak, const BufferChainPtr& piece, bool end) {

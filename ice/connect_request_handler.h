@@ -8,6 +8,7 @@
 #include "core/delegate.h"
 #include "core/lifetime.h"
 #include "core/reactor.h"
+#include "core/time.h"
 #include "http/web_request.h"
 #include "ice/ice_session_manager.h"
 #include "ice/session.h"
@@ -29,6 +30,11 @@ class ConnectRequestHandler : public WebRequestHandler {
   // Bodies longer than this are not descriptions (a hundred candidates take
   // under 8 KB) and are refused like any unparsable text.
   static constexpr std::size_t MaxBodySize = 64 * 1024;
+  // A body not complete this long after its request arrived never will be:
+  // the relay exchange that carried it failed, was cut or was cancelled,
+  // and its end will not come. The request is then let go (answered 400 if
+  // the relay still carries it).
+  static constexpr Duration BodyWait = Duration::seconds(10);
 
   ConnectRequestHandler(std::shared_ptr<Reactor> reactor, std::shared_ptr<ice::IceSessionManager> manager);
   ~ConnectRequestHandler() override;
@@ -51,6 +57,7 @@ class ConnectRequestHandler : public WebRequestHandler {
 
   void startSession(const PendingPtr& pending, const std::string& body);
   void onBody(const std::weak_ptr<Pending>& weak, const BufferChainPtr& piece, bool end);
+  void onBodyWaitOver(const std::weak_ptr<Pending>& weak);
   void onEvent(const std::weak_ptr<Pending>& weak, ice::Session::Event event);
   void finish(const PendingPtr& pending);
 

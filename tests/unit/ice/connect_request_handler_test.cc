@@ -208,6 +208,38 @@ TEST_F(ConnectRequestHandlerTest, RefusesDescriptionsThatCannotAuthenticate) {
   EXPECT_EQ(0u, handler_->pendingCount());
 }
 
+// A body whose end never comes (the relay exchange failed, was cut or was
+// cancelled) does not keep its request for ever: after the body wait it is
+// let go, answered 400 only if the relay still carries it.
+TEST_F(ConnectRequestHandlerTest, ARequestWhoseBodyNeverEndsIsLetGo) {
+  std::weak_ptr<testing::FakeWebRequest> cut, slow;
+  {
+    const auto r = request("POST", "/sg/sessions", true);
+    ASSERT_TRUE(handler_->handle(r));
+    r->pushBody("candidate=1 1 UDP 2130706431 198.51.100.2 6000 typ host\n");
+    r->active = false;  // its exchange is over: answers go nowhere
+    cut = r;
+    const auto s = request("POST", "/sg/sessions", true);
+    ASSERT_TRUE(handler_->handle(s));
+    s->pushBody("userfrag=peer\n");
+    slow = s;
+  }
+  const auto stillCarried = slow.lock();
+  reactor_->advance(ConnectRequestHandler::BodyWait - Duration::milliseconds(1));
+  EXPECT_EQ(2u, handler_->pendingCount());
+  reactor_->advance(Duration::milliseconds(1));
+  EXPECT_EQ(0u, handler_->pendingCount());
+  reactor_->advance(Duration::seconds(1));
+  EXPECT_TRUE(cut.expired());
+  ASSERT_EQ(1, stillCarried->responses);
+  EXPECT_EQ(400u, stillCarried->response->headers().statusCode());
+  EXPECT_TRUE(factory_->sessions.empty());
+  // A body that ends later changes nothing.
+  stillCarried->endBody();
+  EXPECT_EQ(1, stillCarried->responses);
+  EXPECT_TRUE(factory_->sessions.empty());
+}
+
 TEST_F(ConnectRequestHandlerTest, LogLinesAndLevels) {
   const auto capture = testing::LogCapture::install();
   handler_->handle(request("GET", "/x"));
