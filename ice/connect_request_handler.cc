@@ -1,5 +1,6 @@
 #include "ice/connect_request_handler.h"
 
+#include <algorithm>
 #include <exception>
 
 #include "core/log.h"
@@ -125,6 +126,13 @@ void ConnectRequestHandler::startSession(const PendingPtr& pending, const std::s
   }
   QLOG(Log, log::Debug, "Processing session request with %u candidates",
        static_cast<unsigned>(description.candidates.size()));
+  // Only a usable description counts against the bound: junk ends no one.
+  if (!makeRoom()) {
+    pending->responded = true;
+    answer(*pending->request, 503, "Service Unavailable");
+    finish(pending);
+    return;
+  }
   try {
     pending->session = manager_->createSession(description);
     const std::weak_ptr<Pending> weak = pending;
@@ -137,6 +145,41 @@ void ConnectRequestHandler::startSession(const PendingPtr& pending, const std::s
     }
     finish(pending);
   }
+}
+
+std::size_t ConnectRequestHandler::sessionCount() {
+  handedOn_.erase(std::remove_if(handedOn_.begin(), handedOn_.end(),
+                                 [](const std::weak_ptr<ice::Session>& session) { return session.expired(); }),
+                  handedOn_.end());
+  std::size_t count = handedOn_.size();
+  for (const PendingPtr& pending : pending_) {
+    if (pending->session) ++count;
+  }
+  return count;
+}
+
+bool ConnectRequestHandler::makeRoom() {
+  if (sessionCount() < MaxSessions) return true;
+  PendingPtr oldest;
+  for (const PendingPtr& pending : pending_) {
+    if (pending->session) {
+      oldest = pending;
+      break;
+    }
+  }
+  if (!oldest) {
+    QLOG(Log, log::Notice, "Session limit of %u reached with every session established, refusing new session",
+         static_cast<unsigned>(MaxSessions));
+    return false;
+  }
+  QLOG(Log, log::Notice, "Session limit of %u reached, ending the oldest session not yet established",
+       static_cast<unsigned>(MaxSessions));
+  if (!oldest->responded) {
+    oldest->responded = true;
+    answer(*oldest->request, 503, "Service Unavailable");
+  }
+  finish(oldest);
+  return true;
 }
 
 void ConnectRequestHandler::onEvent(const std::weak_ptr<Pending>& weak, ice::Session::Event event) {
@@ -163,6 +206,7 @@ void ConnectRequestHandler::onEvent(const std::weak_ptr<Pending>& weak, ice::Ses
       // The session is the callback's now: this record only lets go of it.
       pending->session.reset();
       finish(pending);
+      handedOn_.push_back(session);
       if (established_) established_(session);
       return;
     }

@@ -4,6 +4,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/delegate.h"
 #include "core/lifetime.h"
@@ -22,7 +23,16 @@ namespace quorvel {
 // not parse or cannot authenticate (no user fragment, no password, or a
 // password longer than the HMAC key limit), 404 for other resources under
 // "/sg/", 405 for other methods, 500 for a session that fails before the
-// answer.
+// answer, 503 when every session of the bound below is established.
+//
+// Sessions are bounded: at most MaxSessions at once, established or not.
+// A remote party can ask for sessions as fast as the relay carries its
+// requests, and each one holds a UDP socket per local address until its
+// checks end; the device has about a thousand descriptors for everything.
+// At the bound a new request replaces the oldest session that is not yet
+// established (its client would most likely never have answered); only
+// when all of them are established is the new request refused with 503.
+// An established session is never ended for a newcomer.
 class ConnectRequestHandler : public WebRequestHandler {
  public:
   using SessionCallback = Delegate<void(const ice::SessionPtr& session)>;
@@ -35,6 +45,9 @@ class ConnectRequestHandler : public WebRequestHandler {
   // and its end will not come. The request is then let go (answered 400 if
   // the relay still carries it).
   static constexpr Duration BodyWait = Duration::seconds(10);
+  // Sessions at once, those being set up and those handed on as
+  // established: a camera serves a handful of viewers.
+  static constexpr std::size_t MaxSessions = 16;
 
   ConnectRequestHandler(std::shared_ptr<Reactor> reactor, std::shared_ptr<ice::IceSessionManager> manager);
   ~ConnectRequestHandler() override;
@@ -50,12 +63,17 @@ class ConnectRequestHandler : public WebRequestHandler {
 
   // Requests whose session is neither established nor failed yet.
   std::size_t pendingCount() const { return pending_.size(); }
+  // Sessions that count against MaxSessions.
+  std::size_t sessionCount();
 
  private:
   struct Pending;
   using PendingPtr = std::shared_ptr<Pending>;
 
   void startSession(const PendingPtr& pending, const std::string& body);
+  // Below the bound, or brought below it by ending the oldest session not
+  // yet established; false when every session is established.
+  bool makeRoom();
   void onBody(const std::weak_ptr<Pending>& weak, const BufferChainPtr& piece, bool end);
   void onBodyWaitOver(const std::weak_ptr<Pending>& weak);
   void onEvent(const std::weak_ptr<Pending>& weak, ice::Session::Event event);
@@ -65,7 +83,9 @@ class ConnectRequestHandler : public WebRequestHandler {
   std::shared_ptr<ice::IceSessionManager> manager_;
   SessionCallback established_;
   Duration cleanupDelay_ = Duration::milliseconds(100);
-  std::list<PendingPtr> pending_;
+  std::list<PendingPtr> pending_;  // in order of arrival
+  // The established sessions handed on, while their owner keeps them.
+  std::vector<std::weak_ptr<ice::Session>> handedOn_;
   LifetimeToken token_ = makeLifetimeToken();
 };
 

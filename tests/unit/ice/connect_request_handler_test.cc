@@ -240,6 +240,60 @@ TEST_F(ConnectRequestHandlerTest, ARequestWhoseBodyNeverEndsIsLetGo) {
   EXPECT_TRUE(factory_->sessions.empty());
 }
 
+// At the bound a new request takes the place of the oldest session not yet
+// established; established sessions are never ended for it.
+TEST_F(ConnectRequestHandlerTest, AtTheBoundTheOldestSessionNotYetEstablishedMakesRoom) {
+  const auto capture = testing::LogCapture::install();
+  const std::size_t bound = ConnectRequestHandler::MaxSessions;
+  std::vector<std::shared_ptr<FakeWebRequest>> requests;
+  for (std::size_t i = 0; i < bound; ++i) requests.push_back(post(Description));
+  const auto& sessions = factory_->sessions;
+  // The oldest is still gathering; the second is established; the rest have
+  // their answer and check.
+  sessions[1]->events(Session::Event::CandidatesGathered);
+  sessions[1]->events(Session::Event::Established);
+  for (std::size_t i = 2; i < bound; ++i) sessions[i]->events(Session::Event::CandidatesGathered);
+  EXPECT_EQ(bound, handler_->sessionCount());
+
+  requests.push_back(post(Description));
+  ASSERT_EQ(bound + 1, sessions.size());
+  EXPECT_EQ(1, sessions[0]->closes);
+  ASSERT_EQ(1, requests[0]->responses);
+  EXPECT_EQ(503u, requests[0]->response->headers().statusCode());
+  EXPECT_EQ("Service Unavailable", requests[0]->response->headers().reason().str());
+
+  requests.push_back(post(Description));
+  ASSERT_EQ(bound + 2, sessions.size());
+  EXPECT_EQ(0, sessions[1]->closes);  // established: never ended for a newcomer
+  EXPECT_EQ(1, sessions[2]->closes);
+  EXPECT_EQ(1, requests[2]->responses);  // its 201, nothing more
+  EXPECT_EQ(bound, handler_->sessionCount());
+  EXPECT_EQ(2u, capture->count("Session limit of 16 reached, ending the oldest session not yet established"));
+}
+
+TEST_F(ConnectRequestHandlerTest, WithEverySessionEstablishedANewRequestIsRefused) {
+  const auto capture = testing::LogCapture::install();
+  for (std::size_t i = 0; i < ConnectRequestHandler::MaxSessions; ++i) {
+    post(Description);
+    factory_->sessions.back()->events(Session::Event::CandidatesGathered);
+    factory_->sessions.back()->events(Session::Event::Established);
+  }
+  const auto refused = post(Description);
+  EXPECT_EQ(ConnectRequestHandler::MaxSessions, factory_->sessions.size());
+  ASSERT_EQ(1, refused->responses);
+  EXPECT_EQ(503u, refused->response->headers().statusCode());
+  EXPECT_EQ(0u, handler_->pendingCount());
+  EXPECT_EQ(1u, capture->count("Session limit of 16 reached with every session established, refusing new session"));
+  for (const auto& session : factory_->sessions) EXPECT_EQ(0, session->closes);
+
+  // Once an established session's owner lets it go, there is room again.
+  established_.erase(established_.begin());
+  factory_->sessions.erase(factory_->sessions.begin());
+  const auto admitted = post(Description);
+  EXPECT_EQ(ConnectRequestHandler::MaxSessions, factory_->sessions.size());
+  EXPECT_EQ(0, admitted->responses);
+}
+
 TEST_F(ConnectRequestHandlerTest, LogLinesAndLevels) {
   const auto capture = testing::LogCapture::install();
   handler_->handle(request("GET", "/x"));
