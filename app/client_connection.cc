@@ -77,6 +77,13 @@ void ClientConnection::retryAccept(int error) {
 }
 
 void ClientConnection::onNewConnection(const SocketAddress& peer, const std::shared_ptr<AsyncSocket>& socket) {
+  if (streams_.size() >= MaxConnections) {
+    // Shut down at once: the client sees its association end without data.
+    QLOG(Log, log::Notice, "Connection limit of %u reached, closing SCTP connection from %s",
+         static_cast<unsigned>(MaxConnections), peer.toString());
+    socket->close();
+    return;
+  }
   QLOG(Log, log::Notice, "Got new SCTP connection from %s", peer.toString());
   idleTask_.cancel();
   const std::weak_ptr<ClientConnection> weak = shared_from_this();

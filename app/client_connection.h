@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -35,6 +36,9 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   static constexpr Duration MaxAcceptRetry = Duration::seconds(5);
   // The device's end of every association.
   static constexpr uint16_t SctpPort = 5000;
+  // Connections served at once on one session; more are closed as they come,
+  // so that one client cannot take the device's memory with associations.
+  static constexpr std::size_t MaxConnections = 8;
 
   ClientConnection(std::shared_ptr<Reactor> reactor, std::shared_ptr<IceSessionLink> link,
                    std::shared_ptr<BufferPool> pool, std::shared_ptr<HttpClient> httpClient, std::string targetHost,

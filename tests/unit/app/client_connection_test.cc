@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -111,6 +112,36 @@ TEST_F(ClientConnectionTest, ConnectionsOnOneSessionEachGetARelay) {
   run(100);
   EXPECT_EQ(connection->streamCount(), 0u);
   EXPECT_TRUE(capture->contains("All connections closed, starting idle timer"));
+}
+
+// One session serves a bounded number of connections; those beyond are
+// shut down as they come and leave the others alone.
+TEST_F(ClientConnectionTest, ConnectionsBeyondTheBoundAreClosedAsTheyCome) {
+  std::vector<std::shared_ptr<AsyncSocket>> streams;
+  for (std::size_t i = 0; i < ClientConnection::MaxConnections; ++i) {
+    streams.push_back(open(static_cast<uint16_t>(5000 + i)));
+    sendText(*streams.back(), "q=" + std::to_string(i));
+  }
+  run(50);
+  EXPECT_EQ(connection->streamCount(), ClientConnection::MaxConnections);
+  std::shared_ptr<AsyncSocket> extra = open(6000);
+  const Completion& ended = receiveText(*extra, 100);
+  run(500);
+  EXPECT_TRUE(ended.done);
+  EXPECT_EQ(ended.bytes, 0u);
+  EXPECT_EQ(connection->streamCount(), ClientConnection::MaxConnections);
+  EXPECT_EQ(http->requests.size(), ClientConnection::MaxConnections);
+  EXPECT_EQ(capture->count("Connection limit of 8 reached, closing SCTP connection from p2p:6000"), 1u);
+
+  // A place that frees up is taken by the next one.
+  streams.front()->close();
+  run(500);
+  std::shared_ptr<AsyncSocket> next = open(6001);
+  EXPECT_EQ(connection->streamCount(), ClientConnection::MaxConnections);
+  Completion sent;
+  sendText(*next, "q=next", sent);
+  run(50);
+  EXPECT_EQ(http->last().path, "/video.vdo?q=next");
 }
 
 TEST_F(ClientConnectionTest, ClosesAfter30sWhenNoConnectionEverComes) {
