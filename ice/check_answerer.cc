@@ -66,6 +66,7 @@ void CheckAnswerer::handleCheck(const std::shared_ptr<AsyncSocket>& socket, cons
       break;
   }
   agent_->sendMessage(socket, makeCheckSuccess(request, from, password_), from);
+  answeredPeer_ = true;
 
   const std::optional<uint32_t> priority = readPriority(request);
   const bool useCandidate = request.findAttribute(Message::UseCandidate).has_value();

@@ -18,7 +18,7 @@ namespace ice {
 // (487), confirms the rest, and learns from them: a peer-reflexive remote
 // candidate, a new pair, the peer's nomination, and a triggered check back.
 // Log: "icesession".
-//   Owns: the credentials it checks with.
+//   Owns: the credentials it checks with, and whether a check has passed them.
 //   Changes: the remote candidates and the check list (adds to them); marks
 //     a pair the peer nominated.
 //   Reads: the session's state and role, the hosts, the valid pairs.
@@ -34,6 +34,8 @@ class CheckAnswerer {
   // A request on one of the session's sockets, handed over by the agent.
   void onRequest(const std::shared_ptr<AsyncSocket>& socket, const SocketAddress& from,
                  const stun::MessagePtr& request);
+  // A check with the right credentials has come: the peer is at work.
+  bool hasAnsweredPeer() const { return answeredPeer_; }
 
  private:
   void handleCheck(const std::shared_ptr<AsyncSocket>& socket, const SocketAddress& from,
@@ -48,6 +50,7 @@ class CheckAnswerer {
   const ValidPairs& valid_;
   std::string userName_;
   std::string password_;
+  bool answeredPeer_ = false;
 };
 
 }  // namespace ice

@@ -160,10 +160,13 @@ std::size_t ConnectRequestHandler::sessionCount() {
 
 bool ConnectRequestHandler::makeRoom() {
   if (sessionCount() < MaxSessions) return true;
-  PendingPtr oldest;
+  // In order of arrival: the oldest silent one, else the oldest.
+  PendingPtr oldest, oldestSilent;
   for (const PendingPtr& pending : pending_) {
-    if (pending->session) {
-      oldest = pending;
+    if (!pending->session) continue;
+    if (!oldest) oldest = pending;
+    if (!pending->session->hasHeardFromPeer()) {
+      oldestSilent = pending;
       break;
     }
   }
@@ -172,13 +175,14 @@ bool ConnectRequestHandler::makeRoom() {
          static_cast<unsigned>(MaxSessions));
     return false;
   }
-  QLOG(Log, log::Notice, "Session limit of %u reached, ending the oldest session not yet established",
+  const PendingPtr ending = oldestSilent ? oldestSilent : oldest;
+  QLOG(Log, log::Notice, "Session limit of %u reached, ending a session not yet established",
        static_cast<unsigned>(MaxSessions));
-  if (!oldest->responded) {
-    oldest->responded = true;
-    answer(*oldest->request, 503, "Service Unavailable");
+  if (!ending->responded) {
+    ending->responded = true;
+    answer(*ending->request, 503, "Service Unavailable");
   }
-  finish(oldest);
+  finish(ending);
   return true;
 }
 

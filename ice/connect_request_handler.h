@@ -29,10 +29,13 @@ namespace quorvel {
 // A remote party can ask for sessions as fast as the relay carries its
 // requests, and each one holds a UDP socket per local address until its
 // checks end; the device has about a thousand descriptors for everything.
-// At the bound a new request replaces the oldest session that is not yet
-// established (its client would most likely never have answered); only
-// when all of them are established is the new request refused with 503.
-// An established session is never ended for a newcomer.
+// At the bound a new request replaces a session that is not yet
+// established: the oldest one whose client has not been heard from (a
+// client that asked and went quiet), else the oldest of them all. A client
+// at work on its checks, which across NATs can take seconds, thus outlives
+// a flood of silent ones. Only when all sessions are established is the
+// new request refused with 503. An established session is never ended for
+// a newcomer.
 class ConnectRequestHandler : public WebRequestHandler {
  public:
   using SessionCallback = Delegate<void(const ice::SessionPtr& session)>;
@@ -71,7 +74,7 @@ class ConnectRequestHandler : public WebRequestHandler {
   using PendingPtr = std::shared_ptr<Pending>;
 
   void startSession(const PendingPtr& pending, const std::string& body);
-  // Below the bound, or brought below it by ending the oldest session not
+  // Below the bound, or brought below it by ending a session not
   // yet established; false when every session is established.
   bool makeRoom();
   void onBody(const std::weak_ptr<Pending>& weak, const BufferChainPtr& piece, bool end);

@@ -47,6 +47,7 @@ class NetSession : public Session, public SessionLink, public std::enable_shared
   void setRemoteDescription(const SessionDescription& remote) override;
   void start(const EventCallback& callback) override;
   const SessionDescription& localDescription() const override { return local_; }
+  bool hasHeardFromPeer() const override { return answerer_.hasAnsweredPeer() || !valid_.empty(); }
   SocketAddress localAddress() const override;
   SocketAddress remoteAddress() const override;
   void setDatagramHandler(const DatagramHandler& handler) override { datagramHandler_ = handler; }

@@ -42,6 +42,11 @@ class Session {
   // CandidatesGathered has been reported).
   virtual const SessionDescription& localDescription() const = 0;
 
+  // True once the remote side has shown that it takes part: a check of its
+  // own with the right credentials, or an answer to one of ours. A client
+  // that asked for a session and went quiet never gets here.
+  virtual bool hasHeardFromPeer() const = 0;
+
   // The selected pair's addresses once established; empty before.
   virtual SocketAddress localAddress() const = 0;
   virtual SocketAddress remoteAddress() const = 0;

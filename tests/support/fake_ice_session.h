@@ -34,6 +34,7 @@ class FakeIceSession : public ice::Session {
     events = callback;
   }
   const ice::SessionDescription& localDescription() const override { return local; }
+  bool hasHeardFromPeer() const override { return heardFromPeer; }
   SocketAddress localAddress() const override { return local_; }
   SocketAddress remoteAddress() const override { return remote_; }
   void setDatagramHandler(const DatagramHandler& handler) override { handler_ = handler; }
@@ -64,6 +65,7 @@ class FakeIceSession : public ice::Session {
   ice::SessionDescription local, remote;
   EventCallback events;
   bool failStart = false;
+  bool heardFromPeer = false;
   bool closed = false;
   int closes = 0;
   bool dropping = false;  // the path is cut: datagrams vanish

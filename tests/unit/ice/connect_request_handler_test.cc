@@ -240,19 +240,22 @@ TEST_F(ConnectRequestHandlerTest, ARequestWhoseBodyNeverEndsIsLetGo) {
   EXPECT_TRUE(factory_->sessions.empty());
 }
 
-// At the bound a new request takes the place of the oldest session not yet
-// established; established sessions are never ended for it.
-TEST_F(ConnectRequestHandlerTest, AtTheBoundTheOldestSessionNotYetEstablishedMakesRoom) {
+// At the bound a new request takes the place of a session not yet
+// established: the oldest whose client has not been heard from, so that a
+// client at work on its checks outlives a flood of silent ones; else the
+// oldest. Established sessions are never ended for it.
+TEST_F(ConnectRequestHandlerTest, AtTheBoundASessionNotYetEstablishedMakesRoom) {
   const auto capture = testing::LogCapture::install();
   const std::size_t bound = ConnectRequestHandler::MaxSessions;
   std::vector<std::shared_ptr<FakeWebRequest>> requests;
   for (std::size_t i = 0; i < bound; ++i) requests.push_back(post(Description));
   const auto& sessions = factory_->sessions;
   // The oldest is still gathering; the second is established; the rest have
-  // their answer and check.
+  // their answer and check, and the third's client has answered.
   sessions[1]->events(Session::Event::CandidatesGathered);
   sessions[1]->events(Session::Event::Established);
   for (std::size_t i = 2; i < bound; ++i) sessions[i]->events(Session::Event::CandidatesGathered);
+  sessions[2]->heardFromPeer = true;
   EXPECT_EQ(bound, handler_->sessionCount());
 
   requests.push_back(post(Description));
@@ -263,12 +266,19 @@ TEST_F(ConnectRequestHandlerTest, AtTheBoundTheOldestSessionNotYetEstablishedMak
   EXPECT_EQ("Service Unavailable", requests[0]->response->headers().reason().str());
 
   requests.push_back(post(Description));
-  ASSERT_EQ(bound + 2, sessions.size());
   EXPECT_EQ(0, sessions[1]->closes);  // established: never ended for a newcomer
+  EXPECT_EQ(0, sessions[2]->closes);  // heard from: spared while a silent one is left
+  EXPECT_EQ(1, sessions[3]->closes);
+  EXPECT_EQ(1, requests[3]->responses);  // its 201, nothing more
+
+  // With every client heard from, the oldest goes.
+  for (const auto& session : sessions) session->heardFromPeer = true;
+  requests.push_back(post(Description));
   EXPECT_EQ(1, sessions[2]->closes);
-  EXPECT_EQ(1, requests[2]->responses);  // its 201, nothing more
+  EXPECT_EQ(0, sessions[4]->closes);
+  EXPECT_EQ(0, sessions[1]->closes);
   EXPECT_EQ(bound, handler_->sessionCount());
-  EXPECT_EQ(2u, capture->count("Session limit of 16 reached, ending the oldest session not yet established"));
+  EXPECT_EQ(3u, capture->count("Session limit of 16 reached, ending a session not yet established"));
 }
 
 TEST_F(ConnectRequestHandlerTest, WithEverySessionEstablishedANewRequestIsRefused) {

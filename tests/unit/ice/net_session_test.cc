@@ -272,7 +272,9 @@ TEST_F(NetSessionTest, SilentPeerFailsInBoundedTimeAndReleasesEverything) {
   const auto session = makeSession({remote(Peer), remote(SocketAddress(AF_INET, "198.51.100.3", 6001))});
   start(session);
   const SteadyTime begin = reactor_->clock().now();
-  reactor_->advance(Duration::seconds(10));
+  reactor_->advance(Duration::seconds(1));
+  EXPECT_FALSE(session->hasHeardFromPeer());
+  reactor_->advance(Duration::seconds(9));
   ASSERT_EQ(2u, events_.size());
   EXPECT_EQ(Session::Event::Failed, events_[1]);
   EXPECT_LE(eventTimes_[1] - begin, CheckTimeLimit + Duration::milliseconds(100));
@@ -298,6 +300,7 @@ TEST_F(NetSessionTest, EstablishesWithAPeerAndCarriesDatagramsBothWays) {
 
   ASSERT_EQ((std::vector<Session::Event>{Session::Event::CandidatesGathered, Session::Event::Established}), events_);
   EXPECT_LT(eventTimes_[1] - eventTimes_[0], Duration::milliseconds(60));
+  EXPECT_TRUE(session->hasHeardFromPeer());
   EXPECT_EQ(SocketAddress(AF_INET, "10.0.0.2", 40000), session->localAddress());
   EXPECT_EQ(Peer, session->remoteAddress());
   EXPECT_EQ(1, peer.useCandidates);
@@ -422,10 +425,13 @@ TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
     EXPECT_EQ(pairs, session->checkList().size()) << row.name;
   }
   EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
+  // None of those proves that the client is at work on this session.
+  EXPECT_FALSE(session->hasHeardFromPeer());
 
   peer.received.clear();
   const stun::MessagePtr check = sendCheck(Peer, local, mine, false, 1, 1862270975u);
   reactor_->advance(Duration::milliseconds(10));
+  EXPECT_TRUE(session->hasHeardFromPeer());
   ASSERT_FALSE(peer.received.empty());
   const Message& answer = peer.received[0];
   EXPECT_EQ(Message::SuccessResponse, answer.messageClass());
