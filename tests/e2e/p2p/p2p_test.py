@@ -19,6 +19,10 @@ VideoOverSctp: the client associates SCTP on the pair and sends a video
 query; ferrule fetches "/video.vdo?" + query from nginx and streams the body
 back. "file=sample.bin" is a 100 MB random sample made once per run.
 
+SessionFlood: a few hundred session requests from silent clients while a
+client streams: ferrule's descriptors and memory stay bounded and come back,
+the stream arrives whole, and the next client is served.
+
     p2p_test.py FERRULE DEVRELAY P2PCLIENT [unittest arguments]
 
 Needs root. Namespaces, their /etc/netns entries and every process are gone
@@ -32,6 +36,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -434,6 +439,103 @@ class WallClockSteps(DeviceCase):
         device.ferrule.wait_for(r"\[revhttp\] Registration succeeded", timeout=40)
         print("registered %.1f s after the clock was set" % (time.monotonic() - set_right))
         self.assertEqual(self.relayed(device, 1), "query=relayed=1\n")
+
+
+class SessionFlood(DeviceCase):
+    """Session requests from silent clients, as a retry loop or a hostile
+    party sends them, while a real client streams and another one comes:
+    ferrule holds at most 16 sessions at once, ending a session not yet
+    established for each newcomer, so its descriptors and memory stay
+    bounded; the streaming client never notices, and the newcomers during
+    and after the flood are served."""
+
+    # Session requests: at least this many, and on until the client that
+    # comes during the flood is done, at most MAX_FLOOD.
+    MIN_FLOOD = 300
+    MAX_FLOOD = 2000
+    RATE = 50  # a second, as a retry loop of a few clients sends them
+    AT_ONCE = 16  # in flight at most
+    MAX_SESSIONS = 16  # ferrule's bound
+    MARGIN = 6  # descriptors open for a moment (a name lookup, a log file)
+    RSS_GROWTH_KB = 4 * 1024
+
+    def descriptors(self, pid):
+        return sum(descriptor_kinds(pid, without_tcp=True).values())
+
+    def test_silent_flood_while_a_client_streams(self):
+        device = self.start()
+        pid = device.ferrule.proc.pid
+        output = os.path.join(self.work, "streamed")
+        # Slowed down so that it streams through the whole flood, and until
+        # the session of the client during the flood has closed.
+        streaming = subprocess.Popen(device.client_argv("file=sample.bin", output, "--rate", "2M", timeout=30),
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        flood = None
+        try:
+            device.ferrule.wait_for(r"\[ferrule\] Got video response: 200", timeout=60)
+            # Its session's sockets are part of the baseline.
+            before = settled(lambda: self.descriptors(pid), "ferrule's descriptors")
+            reset_peak_rss(pid)
+            time.sleep(2)
+            rss_before = status_field(pid, "VmHWM")
+            reset_peak_rss(pid)
+            peak = [before]
+            sampling = threading.Event()
+
+            def sample():
+                while not sampling.is_set():
+                    peak[0] = max(peak[0], self.descriptors(pid))
+                    time.sleep(0.01)
+            sampler = threading.Thread(target=sample)
+            sampler.start()
+            try:
+                mark = device.ferrule.mark()
+                flood = subprocess.Popen(
+                    device.net.client.command(sys.executable, os.path.join(HERE, "silent_clients.py"), DEVICE_URL,
+                                              device.net.client_addresses[0], str(self.MIN_FLOOD), str(self.MAX_FLOOD),
+                                              str(self.RATE), str(self.AT_ONCE)),
+                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+                device.ferrule.wait_for(r"Session limit of 16 reached, ending a session not yet established", start=mark, timeout=30)
+                during, during_path = device.download("during=flood", name="during")
+                self.assert_body(during, during_path, b"query=during=flood\n")
+                flood.stdin.write("stop\n")
+                flood.stdin.flush()
+                answers = flood.stdout.readline().split()
+                # The flood's last sessions end when their checks do (9 s at
+                # most); the session of the client during the flood stays
+                # until its idle close.
+                per_session = len(device.net.device_addresses)  # one UDP socket per local address
+                assert_settles_at(lambda: self.descriptors(pid), before + per_session, "ferrule's descriptors",
+                                  timeout=20)
+            finally:
+                sampling.set()
+                sampler.join()
+            after = assert_settles_at(lambda: self.descriptors(pid), before, "ferrule's descriptors", timeout=45)
+            rss_peak = status_field(pid, "VmHWM")
+            rss_after = settled(lambda: status_field(pid, "VmRSS"), "ferrule's VmRSS", tolerance=64)
+            flood.stdin.close()
+            flood.wait(timeout=30)
+            out, err = streaming.communicate(timeout=180)
+        finally:
+            for process in (streaming, flood):
+                if process is not None and process.poll() is None:
+                    process.kill()
+                    process.wait()
+        print("flood of silent session requests: %s" % " ".join(answers))
+        print("ferrule's descriptors before %d, peak %d, after %d; RSS before %d kB, peak %d kB, after %d kB"
+              % (before, peak[0], after, rss_before, rss_peak, rss_after))
+        fields = dict(answer.split("=") for answer in answers[1:])
+        self.assertEqual(int(fields["201"]) + int(fields["503"]), int(fields["sent"]), answers)
+        self.assertGreaterEqual(int(fields["sent"]), self.MIN_FLOOD, answers)
+        self.assertLessEqual(peak[0], before + per_session * self.MAX_SESSIONS + self.MARGIN)
+        self.assertLessEqual(rss_peak - rss_before, self.RSS_GROWTH_KB)
+        self.assertLessEqual(rss_after - rss_before, self.RSS_GROWTH_KB)
+        # Established sessions were never in the way of the flood.
+        self.assertEqual(device.ferrule.matching(r"refusing new session"), [])
+        self.assert_sample(ClientResult(streaming.returncode, out, err), output)
+        # A new client right after the flood gets its video.
+        result, path = device.download("after=flood", name="after")
+        self.assert_body(result, path, b"query=after=flood\n")
 
 
 if __name__ == "__main__":
