@@ -37,6 +37,8 @@ struct ConnectRequestHandler::Pending {
   std::string body;
   bool tooLong = false;
   ice::SessionPtr session;
+  // Answered, or finished and never to be answered: body pieces, timers and
+  // session events that come later leave it alone.
   bool responded = false;
 };
 
@@ -85,7 +87,6 @@ void ConnectRequestHandler::onBodyWaitOver(const std::weak_ptr<Pending>& weak) {
   if (!pending || pending->session || pending->responded) return;
   QLOG(Log, log::Notice, "Session request body incomplete after %ds, dropping the request",
        static_cast<int>(BodyWait.count() / 1000000));
-  pending->responded = true;
   if (pending->request->isActive()) answer(*pending->request, 400, ParseFailure, ParseFailure);
   finish(pending);
 }
@@ -119,7 +120,6 @@ void ConnectRequestHandler::startSession(const PendingPtr& pending, const std::s
   }
   if (!parsed) {
     QLOG(Log, log::Notice, "Failed to parse session input:\n%s", body);
-    pending->responded = true;
     answer(*pending->request, 400, ParseFailure, ParseFailure);
     finish(pending);
     return;
@@ -128,7 +128,6 @@ void ConnectRequestHandler::startSession(const PendingPtr& pending, const std::s
        static_cast<unsigned>(description.candidates.size()));
   // Only a usable description counts against the bound: junk ends no one.
   if (!makeRoom()) {
-    pending->responded = true;
     answer(*pending->request, 503, "Service Unavailable");
     finish(pending);
     return;
@@ -139,10 +138,7 @@ void ConnectRequestHandler::startSession(const PendingPtr& pending, const std::s
     pending->session->start([this, weak](ice::Session::Event event) { onEvent(weak, event); });
   } catch (const std::exception& e) {
     QLOG(Log, log::Notice, "Exception thrown while processing session request: %s", e.what());
-    if (!pending->responded) {
-      pending->responded = true;
-      answer(*pending->request, 500, "Session failed");
-    }
+    if (!pending->responded) answer(*pending->request, 500, "Session failed");
     finish(pending);
   }
 }
@@ -178,10 +174,7 @@ bool ConnectRequestHandler::makeRoom() {
   const PendingPtr ending = oldestSilent ? oldestSilent : oldest;
   QLOG(Log, log::Notice, "Session limit of %u reached, ending a session not yet established",
        static_cast<unsigned>(MaxSessions));
-  if (!ending->responded) {
-    ending->responded = true;
-    answer(*ending->request, 503, "Service Unavailable");
-  }
+  if (!ending->responded) answer(*ending->request, 503, "Service Unavailable");
   finish(ending);
   return true;
 }
@@ -216,16 +209,14 @@ void ConnectRequestHandler::onEvent(const std::weak_ptr<Pending>& weak, ice::Ses
     }
     case ice::Session::Event::Failed:
       QLOG(Log, log::Info, "ICE session failed");
-      if (!pending->responded) {
-        pending->responded = true;
-        answer(*pending->request, 500, "Session failed");
-      }
+      if (!pending->responded) answer(*pending->request, 500, "Session failed");
       finish(pending);
       return;
   }
 }
 
 void ConnectRequestHandler::finish(const PendingPtr& pending) {
+  pending->responded = true;
   pending_.remove(pending);
   // Closed now, destroyed later: this may be running inside the session's
   // own callback.
