@@ -14,25 +14,22 @@ const log::Log Log("httpclient");
 
 }  // namespace
 
-ConnectionAcquirer::ConnectionAcquirer(uintptr_t identity, std::shared_ptr<NameResolver> resolver,
+ConnectionAcquirer::ConnectionAcquirer(Owner& owner, uintptr_t identity, std::shared_ptr<NameResolver> resolver,
                                        std::shared_ptr<HttpConnectionPool> pool, const std::string& connectHost,
                                        const std::string& defaultService)
-    : identity_(identity), resolver_(std::move(resolver)), pool_(std::move(pool)), connectHost_(connectHost) {
+    : owner_(owner),
+      identity_(identity),
+      resolver_(std::move(resolver)),
+      pool_(std::move(pool)),
+      connectHost_(connectHost) {
   NetHttpClient::splitConnectHost(connectHost_, defaultService, host_, service_);
 }
 
 ConnectionAcquirer::~ConnectionAcquirer() { giveBack(); }
 
-void ConnectionAcquirer::setHandlers(const ReadyHandler& ready, const FailedHandler& failed,
-                                     const Delegate<void()>& progress) {
-  ready_ = ready;
-  failed_ = failed;
-  progress_ = progress;
-}
-
-void ConnectionAcquirer::start() {
+void ConnectionAcquirer::start(std::weak_ptr<ConnectionAcquirer> self) {
+  self_ = self;
   QLOG(Log, log::Debug, "Resolving host %s", connectHost_);
-  std::weak_ptr<ConnectionAcquirer> self = shared_from_this();
   resolver_->resolve(host_, service_, [self](const NameResolver::Result& result, bool found) {
     if (auto acquirer = self.lock()) acquirer->onResolved(result, found);
   });
@@ -62,8 +59,8 @@ void ConnectionAcquirer::onResolved(const NameResolver::Result& result, bool fou
 void ConnectionAcquirer::again() { request(); }
 
 void ConnectionAcquirer::request() {
-  std::weak_ptr<ConnectionAcquirer> self = shared_from_this();
-  pool_->requestConnection(destination_, token_, [self](const std::shared_ptr<HttpConnection>& connection) {
+  const std::weak_ptr<ConnectionAcquirer> self = self_;
+  pool_->requestConnection(destination_, self_, [self](const std::shared_ptr<HttpConnection>& connection) {
     if (auto acquirer = self.lock()) {
       acquirer->onConnection(connection);
     } else {
@@ -84,12 +81,12 @@ void ConnectionAcquirer::onConnection(const std::shared_ptr<HttpConnection>& con
       QLOG(Log, log::Debug, "Got an already connected connection for %s, %s", connectHost_,
            connection->remoteAddress().toString());
       connecting_.reset();
-      if (ready_) ready_(connection, true);
+      owner_.onAcquired(connection, true);
       break;
     case HttpConnection::Unconnected: {
       QLOG(Log, log::Debug, "Got a not yet connected connection for %s, %s", connectHost_,
            destination_.addressText());
-      std::weak_ptr<ConnectionAcquirer> self = shared_from_this();
+      const std::weak_ptr<ConnectionAcquirer> self = self_;
       connection->connectAny(
           identity_,
           [self](int error) {
@@ -118,29 +115,26 @@ void ConnectionAcquirer::onConnect(int error) {
   }
   std::shared_ptr<HttpConnection> connection = std::move(connecting_);
   connecting_.reset();
-  if (ready_) ready_(connection, false);
+  owner_.onAcquired(connection, false);
 }
 
 void ConnectionAcquirer::progress() {
-  if (progress_) progress_();
+  if (!stopped_) owner_.onAcquireProgress();
 }
 
 void ConnectionAcquirer::fail(HttpClientError error) {
   giveBack();
-  if (failed_) failed_(error);
+  if (!stopped_) owner_.onAcquireFailed(error);
 }
 
 void ConnectionAcquirer::stop() {
   stopped_ = true;
-  ready_.clear();
-  failed_.clear();
-  progress_.clear();
   giveBack();
 }
 
 void ConnectionAcquirer::withdraw() {
   stop();
-  token_ = makeLifetimeToken();
+  pool_->withdrawRequest(self_);
 }
 
 void ConnectionAcquirer::giveBack() {

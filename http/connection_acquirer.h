@@ -5,7 +5,6 @@
 #include <string>
 
 #include "core/delegate.h"
-#include "core/lifetime.h"
 #include "http/http_client_error.h"
 #include "http/http_connection.h"
 #include "http/http_connection_pool.h"
@@ -15,18 +14,29 @@ namespace quorvel {
 
 // Gets one connected HttpConnection for a client request: resolves the
 // connect host once, asks the pool, and has a new connection try the
-// resolved addresses in turn. A connection stays here until it is connected;
-// the handlers run on the reactor's thread, never inside start() or again().
-// Log: "httpclient", with the request's identity.
-class ConnectionAcquirer : public std::enable_shared_from_this<ConnectionAcquirer> {
+// resolved addresses in turn. A connection stays here until it is connected.
+// It is a part of its request: it reports to it directly, and its own
+// callbacks reach it through a weak reference that the request gives it
+// (one that shares the request's life). The reports come on the reactor's
+// thread, never inside start() or again(). Log: "httpclient", with the
+// request's identity.
+class ConnectionAcquirer {
  public:
-  // `reused`: it came open from the pool rather than newly connected.
-  using ReadyHandler = Delegate<void(const std::shared_ptr<HttpConnection>& connection, bool reused)>;
-  using FailedHandler = Delegate<void(HttpClientError error)>;
+  class Owner {
+   public:
+    // `reused`: it came open from the pool rather than newly connected.
+    virtual void onAcquired(const std::shared_ptr<HttpConnection>& connection, bool reused) = 0;
+    virtual void onAcquireFailed(HttpClientError error) = 0;
+    // A step that counts as network progress.
+    virtual void onAcquireProgress() = 0;
+
+   protected:
+    ~Owner() = default;
+  };
 
   // `connectHost` is "host", "host:port" or "[v6]:port"; without a port the
   // service is `defaultService` (the scheme).
-  ConnectionAcquirer(uintptr_t identity, std::shared_ptr<NameResolver> resolver,
+  ConnectionAcquirer(Owner& owner, uintptr_t identity, std::shared_ptr<NameResolver> resolver,
                      std::shared_ptr<HttpConnectionPool> pool, const std::string& connectHost,
                      const std::string& defaultService);
   // A connection still being connected is closed and given back.
@@ -34,13 +44,12 @@ class ConnectionAcquirer : public std::enable_shared_from_this<ConnectionAcquire
   ConnectionAcquirer(const ConnectionAcquirer&) = delete;
   ConnectionAcquirer& operator=(const ConnectionAcquirer&) = delete;
 
-  // `progress` runs at each step that counts as network progress.
-  void setHandlers(const ReadyHandler& ready, const FailedHandler& failed, const Delegate<void()>& progress);
-  void start();
+  // `self` refers to this acquirer and lives as long as its owner.
+  void start(std::weak_ptr<ConnectionAcquirer> self);
   // Another connection to the same destination, without a new lookup.
   void again();
-  // No handler runs any more; a connection handed over later, or one being
-  // connected, is closed and given back to the pool.
+  // Nothing is reported any more; a connection handed over later, or one
+  // being connected, is closed and given back to the pool.
   void stop();
   // stop(), and the pool forgets a request still waiting for a connection.
   void withdraw();
@@ -54,6 +63,7 @@ class ConnectionAcquirer : public std::enable_shared_from_this<ConnectionAcquire
   void fail(HttpClientError error);
   void giveBack();
 
+  Owner& owner_;
   const uintptr_t identity_;
   std::shared_ptr<NameResolver> resolver_;
   std::shared_ptr<HttpConnectionPool> pool_;
@@ -62,10 +72,7 @@ class ConnectionAcquirer : public std::enable_shared_from_this<ConnectionAcquire
   HttpDestination destination_;
   std::shared_ptr<HttpConnection> connecting_;
   bool stopped_ = false;
-  ReadyHandler ready_;
-  FailedHandler failed_;
-  Delegate<void()> progress_;
-  LifetimeToken token_ = makeLifetimeToken();
+  std::weak_ptr<ConnectionAcquirer> self_;
 };
 
 }  // namespace quorvel

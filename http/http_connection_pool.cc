@@ -41,6 +41,13 @@ void HttpConnectionPool::requestConnection(const HttpDestination& destination, c
   waiting_.push_back(Waiting{destination, owner, callback});
 }
 
+void HttpConnectionPool::withdrawRequest(const WeakLifetimeToken& owner) {
+  const auto same = [&owner](const Waiting& waiting) {
+    return !waiting.owner.owner_before(owner) && !owner.owner_before(waiting.owner);
+  };
+  waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), same), waiting_.end());
+}
+
 std::shared_ptr<HttpConnection> HttpConnectionPool::satisfy(const HttpDestination& destination) {
   QLOG(Log, log::Debug, "Trying to satisfy request for %s (%u free, %u used)", destination.text(), free_.size(),
        used_.size());

@@ -35,6 +35,8 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   // released. A waiting request whose `owner` has expired by then is dropped.
   void requestConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
                          const ConnectionCallback& callback);
+  // A request of `owner` that still waits is forgotten.
+  void withdrawRequest(const WeakLifetimeToken& owner);
   // Every connection handed out comes back here exactly once; the release
   // itself runs later on the reactor. With `close` (or when it is found
   // closed) the connection is dropped, otherwise kept for reuse.

@@ -35,11 +35,11 @@ NetHttpClientRequest::NetHttpClientRequest(std::shared_ptr<Reactor> reactor,
       scheme_(scheme),
       headers_(MessageHeaders::request(method_, path.empty() ? StringSection("/") : StringSection(path))),
       timeout_(NetHttpClient::RequestTimeout),
+      acquirer_(*this, reinterpret_cast<uintptr_t>(this), std::move(resolver), std::move(pool), connectHost, scheme),
       sender_(reinterpret_cast<uintptr_t>(this), allocator_),
-      receiver_(std::make_shared<ResponseReceiver>(reinterpret_cast<uintptr_t>(this), allocator_, method_)) {
+      receiver_(*this, reinterpret_cast<uintptr_t>(this), allocator_, method_) {
   if (!headers_.isValid()) throw std::invalid_argument("Request line too long");
   headers_.addField(HttpHeader::Host, hostValue);
-  acquirer_ = std::make_shared<ConnectionAcquirer>(id(), std::move(resolver), std::move(pool), connectHost, scheme);
 }
 
 std::string NetHttpClientRequest::text() const {
@@ -55,32 +55,14 @@ NetHttpClientRequest::~NetHttpClientRequest() {
 
 void NetHttpClientRequest::begin() {
   touch();
-  watchdog_->add(shared_from_this());
-  std::weak_ptr<NetHttpClientRequest> self = weak();
-  acquirer_->setHandlers(
-      [self](const std::shared_ptr<HttpConnection>& connection, bool reused) {
-        if (auto request = self.lock()) request->onConnection(connection, reused);
-      },
-      [self](HttpClientError error) {
-        if (auto request = self.lock()) request->fail(error);
-      },
-      [self]() {
-        if (auto request = self.lock()) request->touch();
-      });
-  receiver_->setHooks(
-      [self]() {
-        if (auto request = self.lock()) request->receiveMore();
-      },
-      [self]() {
-        if (auto request = self.lock()) request->complete();
-      },
-      [self](HttpClientError error) {
-        if (auto request = self.lock()) request->fail(error);
-      });
-  acquirer_->start();
+  const std::shared_ptr<NetHttpClientRequest> self = shared_from_this();
+  watchdog_->add(self);
+  // The parts' own callbacks hold references that share the request's life.
+  receiver_.bind(std::shared_ptr<ResponseReceiver>(self, &receiver_));
+  acquirer_.start(std::shared_ptr<ConnectionAcquirer>(self, &acquirer_));
 }
 
-void NetHttpClientRequest::onConnection(const std::shared_ptr<HttpConnection>& connection, bool reused) {
+void NetHttpClientRequest::onAcquired(const std::shared_ptr<HttpConnection>& connection, bool reused) {
   connection_ = connection;
   reused_ = reused;
   onConnected();
@@ -201,7 +183,7 @@ bool NetHttpClientRequest::retryOnNewConnection() {
   if (done_ || !sender_.rewind()) return false;
   QLOG(Log, log::Debug, "0x%x: Kept connection closed by the server, retrying on a new one", id());
   releaseConnection(true);
-  acquirer_->again();
+  acquirer_.again();
   return true;
 }
 
@@ -209,21 +191,21 @@ void NetHttpClientRequest::onReceive(int error, BufferChain& data) {
   if (done_) return;
   // The handlers may drop the caller's last reference.
   std::shared_ptr<NetHttpClientRequest> hold = shared_from_this();
-  if ((error || data.empty()) && receiver_->receivedBytes() == 0 && retryOnNewConnection()) return;
+  if ((error || data.empty()) && receiver_.receivedBytes() == 0 && retryOnNewConnection()) return;
   if (error) {
     QLOG(Log, log::Notice, "0x%x: Receive error: %d", id(), error);
     fail(HttpClientError::ReceiveFailed);
     return;
   }
   if (data.empty()) {
-    receiver_->end();
+    receiver_.end();
     return;
   }
   touch();
   QLOG(Log, log::Spam, "0x%x: Received %u bytes", id(), data.size());
   // The server has answered: nothing goes again.
   sender_.dropResend();
-  receiver_->feed(data);
+  receiver_.feed(data);
 }
 
 void NetHttpClientRequest::receiveMore() {
@@ -236,7 +218,7 @@ void NetHttpClientRequest::receiveMore() {
 void NetHttpClientRequest::checkTimeout() {
   if (done_) return;
   const SteadyTime now = reactor_->steadyNow();
-  if (receiver_->isPaused()) lastActivity_ = now;
+  if (receiver_.isPaused()) lastActivity_ = now;
   if (now < lastActivity_ + timeout_) return;
   QLOG(Log, log::Notice, "Request timed out: %s", text());
   fail(HttpClientError::TimedOut);
@@ -245,28 +227,29 @@ void NetHttpClientRequest::checkTimeout() {
 void NetHttpClientRequest::complete() {
   // A response that ended before the request body was sent leaves the
   // connection in the middle of a request.
-  releaseConnection(closeAfter_ || receiver_->closesConnection() || !sender_.isFinished());
+  releaseConnection(closeAfter_ || receiver_.closesConnection() || !sender_.isFinished());
   finish(boost::system::error_code());
 }
 
 void NetHttpClientRequest::fail(HttpClientError error) {
   if (done_) return;
-  acquirer_->stop();
+  acquirer_.stop();
   releaseConnection(true);
   finish(make_error_code(error));
 }
 
 void NetHttpClientRequest::failLater(HttpClientError error) {
   std::weak_ptr<NetHttpClientRequest> self = weak();
-  reactor_->post(token_, [self, error]() {
+  // The request is its own token: the failure goes with it.
+  reactor_->post(shared_from_this(), [self, error]() {
     if (auto request = self.lock()) request->fail(error);
   });
 }
 
 void NetHttpClientRequest::finish(const boost::system::error_code& code) {
   done_ = true;
-  acquirer_->stop();
-  receiver_->stop();
+  acquirer_.stop();
+  receiver_.stop();
   watchdog_->remove(this);
   if (bodySink_) bodySink_->setReadyHandler(Delegate<void()>());
   ErrorHandler handler = std::move(errorHandler_);
@@ -288,9 +271,8 @@ void NetHttpClientRequest::cancel() {
   done_ = true;
   watchdog_->remove(this);
   // Expire the pool's hold on this request and the pending timer.
-  acquirer_->withdraw();
-  token_ = makeLifetimeToken();
-  receiver_->stop();
+  acquirer_.withdraw();
+  receiver_.stop();
   errorHandler_.clear();
   if (bodySink_) bodySink_->setReadyHandler(Delegate<void()>());
   releaseConnection(true);

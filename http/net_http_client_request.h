@@ -24,10 +24,14 @@ namespace quorvel {
 
 // One exchange of NetHttpClient (see there for the calling order): gets a
 // connection (ConnectionAcquirer), sends the request (RequestSender), reads
-// the response (ResponseReceiver), and retries a GET
-// or HEAD once when a kept connection turns out closed. Log: "httpclient", lines beginning with the request's address.
+// the response (ResponseReceiver), and retries a GET or HEAD once when a kept
+// connection turns out closed. The three are parts of the request, made with
+// it in one block, and report to it by direct calls. Log: "httpclient", lines
+// beginning with the request's address.
 class NetHttpClientRequest : public WebClientRequest,
                              public RequestWatchdog::Watched,
+                             private ConnectionAcquirer::Owner,
+                             private ResponseReceiver::Owner,
                              public std::enable_shared_from_this<NetHttpClientRequest> {
  public:
   NetHttpClientRequest(std::shared_ptr<Reactor> reactor, std::shared_ptr<BufferChainAllocator> allocator,
@@ -39,9 +43,9 @@ class NetHttpClientRequest : public WebClientRequest,
 
   void begin();
 
-  void setResponseHandler(const ResponseHandler& handler) override { receiver_->setResponseHandler(handler); }
+  void setResponseHandler(const ResponseHandler& handler) override { receiver_.setResponseHandler(handler); }
   void setErrorHandler(const ErrorHandler& handler) override { errorHandler_ = handler; }
-  void setBodyDataHandler(const BodyDataHandler& handler) override { receiver_->setBodyDataHandler(handler); }
+  void setBodyDataHandler(const BodyDataHandler& handler) override { receiver_.setBodyDataHandler(handler); }
   MessageHeaders& headers() override { return headers_; }
   void setCloseConnection() override;
   void send(const void* data, std::size_t length) override;
@@ -63,7 +67,15 @@ class NetHttpClientRequest : public WebClientRequest,
   std::weak_ptr<NetHttpClientRequest> weak() { return shared_from_this(); }
   void touch() { lastActivity_ = reactor_->steadyNow(); }
 
-  void onConnection(const std::shared_ptr<HttpConnection>& connection, bool reused);
+  // ConnectionAcquirer::Owner
+  void onAcquired(const std::shared_ptr<HttpConnection>& connection, bool reused) override;
+  void onAcquireFailed(HttpClientError error) override { fail(error); }
+  void onAcquireProgress() override { touch(); }
+  // ResponseReceiver::Owner
+  void receiveMore() override;
+  void responseComplete() override { complete(); }
+  void responseFailed(HttpClientError error) override { fail(error); }
+
   void onConnected();
 
   void startSending();
@@ -72,7 +84,6 @@ class NetHttpClientRequest : public WebClientRequest,
   bool retryOnNewConnection();
 
   void onReceive(int error, BufferChain& data);
-  void receiveMore();
 
   void complete();
   void fail(HttpClientError error);
@@ -91,7 +102,7 @@ class NetHttpClientRequest : public WebClientRequest,
 
   ErrorHandler errorHandler_;
 
-  std::shared_ptr<ConnectionAcquirer> acquirer_;
+  ConnectionAcquirer acquirer_;
   std::shared_ptr<HttpConnection> connection_;
   bool connected_ = false;
 
@@ -101,12 +112,11 @@ class NetHttpClientRequest : public WebClientRequest,
   std::shared_ptr<BodySink> bodySink_;
   RequestSender sender_;
 
-  std::shared_ptr<ResponseReceiver> receiver_;
+  ResponseReceiver receiver_;
   // Asked for by the caller.
   bool closeAfter_ = false;
 
   SteadyTime lastActivity_;
-  LifetimeToken token_ = makeLifetimeToken();
 };
 
 }  // namespace quorvel

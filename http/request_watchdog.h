@@ -1,7 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
-#include <unordered_map>
+#include <vector>
 
 #include "core/lifetime.h"
 #include "core/reactor.h"
@@ -24,22 +25,33 @@ class RequestWatchdog : public std::enable_shared_from_this<RequestWatchdog> {
 
    protected:
     ~Watched() = default;
+
+   private:
+    friend class RequestWatchdog;
+    // Where it is in the watchdog's list, while it is there.
+    std::size_t watchSlot_ = NotWatched;
   };
 
   explicit RequestWatchdog(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {}
-  void add(const std::shared_ptr<Watched>& request) {
-    active_.emplace(request.get(), request);
-    arm();
-  }
+  // Once per request until remove(); adding allocates nothing once the list
+  // has grown to the number of requests in flight.
+  void add(const std::shared_ptr<Watched>& request);
   // Also from the request's destructor.
-  void remove(Watched* request) { active_.erase(request); }
+  void remove(Watched* request);
+  std::size_t size() const { return active_.size(); }
 
  private:
+  static constexpr std::size_t NotWatched = static_cast<std::size_t>(-1);
+
   void arm();
   void tick();
 
   std::shared_ptr<Reactor> reactor_;
-  std::unordered_map<Watched*, std::weak_ptr<Watched>> active_;
+  struct Entry {
+    Watched* raw;
+    std::weak_ptr<Watched> weak;
+  };
+  std::vector<Entry> active_;
   bool armed_ = false;
   LifetimeToken token_ = makeLifetimeToken();
 };

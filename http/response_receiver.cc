@@ -24,18 +24,12 @@ bool keepsConnection(const MessageHeaders& response) {
 
 }  // namespace
 
-ResponseReceiver::ResponseReceiver(uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator,
+ResponseReceiver::ResponseReceiver(Owner& owner, uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator,
                                    std::string method)
-    : identity_(identity), allocator_(std::move(allocator)), method_(std::move(method)), reader_(identity) {}
+    : owner_(owner),
+      identity_(identity), allocator_(std::move(allocator)), method_(std::move(method)), reader_(identity) {}
 
 ResponseReceiver::~ResponseReceiver() = default;
-
-void ResponseReceiver::setHooks(const Delegate<void()>& receiveMore, const Delegate<void()>& complete,
-                                const Delegate<void(HttpClientError)>& failed) {
-  receiveMore_ = receiveMore;
-  complete_ = complete;
-  failed_ = failed;
-}
 
 void ResponseReceiver::feed(BufferChain& data) {
   if (parser_) {
@@ -50,7 +44,7 @@ void ResponseReceiver::feed(BufferChain& data) {
         fail(HttpClientError::HeadTooLarge);
         return;
       }
-      receiveMore_();
+      owner_.receiveMore();
       return;
     case ResponseHeadReader::State::Bad:
       QLOG(Log, log::Notice, "0x%x: %s", identity_, ResponseHeadReader::BadFormatText);
@@ -82,7 +76,7 @@ void ResponseReceiver::onHead() {
   BufferChain rest = reader_.takeBodyBytes();
   if (hasBody) {
     parser_ = reader_.makeBodyParser(allocator_);
-    std::weak_ptr<ResponseReceiver> self = shared_from_this();
+    const std::weak_ptr<ResponseReceiver> self = self_;
     response_->body().setUnblockedHandler([self]() {
       if (auto receiver = self.lock()) receiver->onUnblocked();
     });
@@ -101,7 +95,7 @@ void ResponseReceiver::onHead() {
   if (!hasBody) {
     rest.releaseBuffers();
     endBody();
-    if (!stopped_) complete_();
+    if (!stopped_) owner_.responseComplete();
     return;
   }
   parser_->feed(rest);
@@ -128,7 +122,7 @@ void ResponseReceiver::deliverBody() {
   if (parser_->isFinished()) {
     QLOG(Log, log::Debug, "0x%x: Parser finished, completing request", identity_);
     endBody();
-    if (!stopped_) complete_();
+    if (!stopped_) owner_.responseComplete();
     return;
   }
   if (!more) {
@@ -136,7 +130,7 @@ void ResponseReceiver::deliverBody() {
     paused_ = true;
     return;
   }
-  receiveMore_();
+  owner_.receiveMore();
 }
 
 void ResponseReceiver::endBody() {
@@ -151,10 +145,10 @@ void ResponseReceiver::endBody() {
 void ResponseReceiver::onUnblocked() {
   if (!paused_ || stopped_) return;
   paused_ = false;
-  receiveMore_();
+  owner_.receiveMore();
 }
 
-void ResponseReceiver::fail(HttpClientError error) { failed_(error); }
+void ResponseReceiver::fail(HttpClientError error) { owner_.responseFailed(error); }
 
 void ResponseReceiver::stop() {
   stopped_ = true;

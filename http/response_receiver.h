@@ -21,13 +21,28 @@ class NetHttpClientResponse;
 // caller's data handler or the response's body source, and stops reading
 // while that source is blocked. The request does the reading and is told
 // when more is wanted, when the response is complete and when it failed.
-// Log lines go to "httpclient" and begin with the request's identity.
-class ResponseReceiver : public std::enable_shared_from_this<ResponseReceiver> {
+// It is a part of its request and reports to it directly; the one callback
+// it installs reaches it through a weak reference that shares the request's
+// life. Log lines go to "httpclient" and begin with the request's identity.
+class ResponseReceiver {
  public:
   using ResponseHandler = WebClientRequest::ResponseHandler;
 
+  class Owner {
+   public:
+    // Read the next piece.
+    virtual void receiveMore() = 0;
+    // The whole response has been delivered.
+    virtual void responseComplete() = 0;
+    virtual void responseFailed(HttpClientError error) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
   // `method` is the request's, for the body rule.
-  ResponseReceiver(uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator, std::string method);
+  ResponseReceiver(Owner& owner, uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator,
+                   std::string method);
   ~ResponseReceiver();
   ResponseReceiver(const ResponseReceiver&) = delete;
   ResponseReceiver& operator=(const ResponseReceiver&) = delete;
@@ -35,10 +50,8 @@ class ResponseReceiver : public std::enable_shared_from_this<ResponseReceiver> {
   // The caller's handlers.
   void setResponseHandler(const ResponseHandler& handler) { responseHandler_ = handler; }
   void setBodyDataHandler(const BodyDataHandler& handler) { bodyDataHandler_ = handler; }
-  // The request's: read the next piece; the whole response has been
-  // delivered; the response failed.
-  void setHooks(const Delegate<void()>& receiveMore, const Delegate<void()>& complete,
-                const Delegate<void(HttpClientError)>& failed);
+  // `self` refers to this receiver and lives as long as its owner.
+  void bind(std::weak_ptr<ResponseReceiver> self) { self_ = std::move(self); }
 
   // A piece from the connection (not empty); the receiver takes its buffers.
   void feed(BufferChain& data);
@@ -61,6 +74,7 @@ class ResponseReceiver : public std::enable_shared_from_this<ResponseReceiver> {
   void onUnblocked();
   void fail(HttpClientError error);
 
+  Owner& owner_;
   const uintptr_t identity_;
   std::shared_ptr<BufferChainAllocator> allocator_;
   const std::string method_;
@@ -72,9 +86,7 @@ class ResponseReceiver : public std::enable_shared_from_this<ResponseReceiver> {
   bool stopped_ = false;
   ResponseHandler responseHandler_;
   BodyDataHandler bodyDataHandler_;
-  Delegate<void()> receiveMore_;
-  Delegate<void()> complete_;
-  Delegate<void(HttpClientError)> failed_;
+  std::weak_ptr<ResponseReceiver> self_;
 };
 
 }  // namespace quorvel
