@@ -30,6 +30,12 @@ ConnectionAcquirer::~ConnectionAcquirer() { giveBack(); }
 void ConnectionAcquirer::start(std::weak_ptr<ConnectionAcquirer> self) {
   self_ = self;
   QLOG(Log, log::Debug, "Resolving host %s", connectHost_);
+  // A literal or a name still fresh in the resolver's memory needs no turn
+  // of the loop: the pool is asked at once.
+  if (const NameResolver::Result* known = resolver_->knownAnswer(host_, service_)) {
+    onResolved(*known, true);
+    return;
+  }
   resolver_->resolve(host_, service_, [self](const NameResolver::Result& result, bool found) {
     if (auto acquirer = self.lock()) acquirer->onResolved(result, found);
   });

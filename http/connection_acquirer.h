@@ -18,8 +18,9 @@ namespace quorvel {
 // It is a part of its request: it reports to it directly, and its own
 // callbacks reach it through a weak reference that the request gives it
 // (one that shares the request's life). The reports come on the reactor's
-// thread, never inside start() or again(). Log: "httpclient", with the
-// request's identity.
+// thread: inside start() when the host is known without a lookup and the
+// pool has a connection for it at once, never inside again(). Log:
+// "httpclient", with the request's identity.
 class ConnectionAcquirer {
  public:
   class Owner {

@@ -50,7 +50,7 @@ std::string NetHttpClientRequest::text() const {
 
 NetHttpClientRequest::~NetHttpClientRequest() {
   watchdog_->remove(this);
-  if (connection_) releaseConnection(true);
+  if (connection_) releaseConnection(!isConnectionUntouched());
 }
 
 void NetHttpClientRequest::begin() {
@@ -59,7 +59,18 @@ void NetHttpClientRequest::begin() {
   watchdog_->add(self);
   // The parts' own callbacks hold references that share the request's life.
   receiver_.bind(std::shared_ptr<ResponseReceiver>(self, &receiver_));
+  beginning_ = true;
   acquirer_.start(std::shared_ptr<ConnectionAcquirer>(self, &acquirer_));
+  beginning_ = false;
+}
+
+void NetHttpClientRequest::onAcquireFailed(HttpClientError error) {
+  // Failures reach the caller later, once it has had its chance to listen.
+  if (beginning_) {
+    failLater(error);
+    return;
+  }
+  fail(error);
 }
 
 void NetHttpClientRequest::onAcquired(const std::shared_ptr<HttpConnection>& connection, bool reused) {
@@ -275,7 +286,7 @@ void NetHttpClientRequest::cancel() {
   receiver_.stop();
   errorHandler_.clear();
   if (bodySink_) bodySink_->setReadyHandler(Delegate<void()>());
-  releaseConnection(true);
+  releaseConnection(!isConnectionUntouched());
 }
 
 }  // namespace quorvel

@@ -69,7 +69,7 @@ class NetHttpClientRequest : public WebClientRequest,
 
   // ConnectionAcquirer::Owner
   void onAcquired(const std::shared_ptr<HttpConnection>& connection, bool reused) override;
-  void onAcquireFailed(HttpClientError error) override { fail(error); }
+  void onAcquireFailed(HttpClientError error) override;
   void onAcquireProgress() override { touch(); }
   // ResponseReceiver::Owner
   void receiveMore() override;
@@ -90,6 +90,9 @@ class NetHttpClientRequest : public WebClientRequest,
   void failLater(HttpClientError error);
   void finish(const boost::system::error_code& code);
   void releaseConnection(bool close);
+  // A connection taken at once may go back before anything was sent on it
+  // (the caller dropped the request unsent); it can then be kept.
+  bool isConnectionUntouched() const { return !sender_.hasSent() && receiver_.receivedBytes() == 0; }
 
   std::shared_ptr<Reactor> reactor_;
   std::shared_ptr<BufferChainAllocator> allocator_;
@@ -106,6 +109,8 @@ class NetHttpClientRequest : public WebClientRequest,
   std::shared_ptr<HttpConnection> connection_;
   bool connected_ = false;
 
+  // Inside begin(), where the caller's handlers are not set yet.
+  bool beginning_ = false;
   bool started_ = false;
   bool done_ = false;
   bool reused_ = false;

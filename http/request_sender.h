@@ -34,6 +34,8 @@ class RequestSender {
 
   // A head (or whole request) waits for a connection.
   bool hasHead() const { return !headSent_ && static_cast<bool>(whole_); }
+  // Something of the request has gone onto a connection.
+  bool hasSent() const { return headSent_; }
   std::size_t bodyBytes() const { return bodyBytes_; }
   // Takes the head for sending, with the streamed body that `sink` holds
   // already; null when there are no buffers for that. A `repeatable` whole

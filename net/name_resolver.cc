@@ -83,6 +83,20 @@ void NetNameResolver::resolve(const std::string& host, const std::string& servic
   runner_->enqueue(item);
 }
 
+const NameResolver::Result* NetNameResolver::knownAnswer(const std::string& host, const std::string& service) {
+  if (resolveLiteral(host, service, literal_)) return &literal_;
+  const std::shared_ptr<const ResolverCache::Entry> kept = cache_->find(host, service, reactor_->steadyNow());
+  if (!kept) return nullptr;
+  // The lines resolve() logs, so that the log reads the same either way.
+  if (Log.isEnabled(log::Debug)) {
+    QLOG(Log, log::Debug, "Resolving host %s, service %s", host, service);
+    for (const SocketAddress& address : kept->addresses) QLOG(Log, log::Debug, "%s -> %s", host, address.addressText());
+  }
+  // The cache holds the entry until a later answer for the same name
+  // replaces it, which only the loop can bring.
+  return kept.get();
+}
+
 bool NetNameResolver::resolveLiteral(const std::string& host, const std::string& service, Result& result) {
   in6_addr bytes;
   int family;

@@ -32,6 +32,11 @@ class NameResolver {
   // names "http", "https", "rtsp", "stun", any other service name the system
   // knows, or empty for port 0.
   virtual void resolve(const std::string& host, const std::string& service, const Callback& callback) = 0;
+  // The answer when it is known without waiting (an address literal, or a
+  // lookup that is still fresh), with the log lines resolve() gives it;
+  // null when resolve() is needed. Reactor thread only; the answer stays
+  // valid until the loop goes on.
+  virtual const Result* knownAnswer(const std::string& /*host*/, const std::string& /*service*/) { return nullptr; }
 };
 
 // Looks names up with the system resolver on a worker thread and posts the
@@ -51,6 +56,7 @@ class NetNameResolver : public NameResolver {
   // service is answered without the worker thread (and without a log line):
   // its one address, on a later turn of the loop.
   void resolve(const std::string& host, const std::string& service, const Callback& callback) override;
+  const Result* knownAnswer(const std::string& host, const std::string& service) override;
 
   // That fast path: false when `host` is no address literal or `service` no
   // number or "http"/"https".
@@ -64,6 +70,8 @@ class NetNameResolver : public NameResolver {
 
   std::shared_ptr<Reactor> reactor_;
   std::unique_ptr<ResolverCache> cache_;
+  // The last literal answered at once, its list kept for the next.
+  Result literal_;
   LifetimeToken token_ = makeLifetimeToken();
   std::unique_ptr<WorkRunner<WorkItem>> runner_;  // last: its thread uses the members above
 };

@@ -135,12 +135,30 @@ class FakeSocketFactory : public AsyncSocketFactory {
   std::shared_ptr<Reactor> reactor_;
 };
 
-// Knows the names the test gives it; answers through the reactor.
+// Knows the names the test gives it; answers through the reactor, or at once
+// for the names in `known`.
 class FakeResolver : public NameResolver {
  public:
   explicit FakeResolver(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {}
   void resolve(const std::string& host, const std::string& service, const Callback& callback) override {
     lookups.emplace_back(host, service);
+    const Result result = answer(host, service);
+    reactor_->post(token_, [callback, result]() { callback(result, !result.addresses.empty()); });
+  }
+  const Result* knownAnswer(const std::string& host, const std::string& service) override {
+    if (!known.count(host)) return nullptr;
+    knownAnswers.emplace_back(host, service);
+    kept_ = answer(host, service);
+    return &kept_;
+  }
+
+  std::map<std::string, std::vector<std::string>> names;
+  std::set<std::string> known;
+  std::vector<std::pair<std::string, std::string>> lookups;
+  std::vector<std::pair<std::string, std::string>> knownAnswers;
+
+ private:
+  Result answer(const std::string& host, const std::string& service) const {
     Result result{host, service, {}};
     const auto it = names.find(host);
     if (it != names.end()) {
@@ -149,13 +167,10 @@ class FakeResolver : public NameResolver {
                                       static_cast<uint16_t>(std::stoi(service == "http" ? "80" : service)));
       }
     }
-    reactor_->post(token_, [callback, result]() { callback(result, !result.addresses.empty()); });
+    return result;
   }
 
-  std::map<std::string, std::vector<std::string>> names;
-  std::vector<std::pair<std::string, std::string>> lookups;
-
- private:
+  Result kept_;
   std::shared_ptr<Reactor> reactor_;
   LifetimeToken token_ = makeLifetimeToken();
 };

@@ -589,6 +589,36 @@ TEST_F(NetHttpClientTest, CancelAndDropCallNoHandlerAndCloseTheConnection) {
   EXPECT_EQ(0u, client->plainPool()->usedCount());
 }
 
+// A host the resolver knows needs no turn of the loop: the request takes a
+// kept connection as it is made and writes as soon as it is sent. One that
+// goes back unsent leaves the connection fit for the next.
+TEST_F(NetHttpClientTest, AKnownHostTakesAKeptConnectionAtOnce) {
+  fetchHello("/");
+  resolver->known.insert("example");
+  const std::size_t lookups = resolver->lookups.size();
+  const std::size_t sentBefore = factory->last().sent.size();
+  Outcome outcome;
+  auto request = start("GET", "/now", outcome);
+  EXPECT_EQ(1u, client->plainPool()->usedCount());
+  request->send(nullptr, 0);
+  EXPECT_EQ("GET /now HTTP/1.1\r\nHost: example\r\n\r\n", factory->last().sent.substr(sentBefore));
+  EXPECT_EQ(lookups, resolver->lookups.size());
+  EXPECT_EQ(1u, resolver->knownAnswers.size());
+  factory->last().deliver(Ok5);
+  run();
+  EXPECT_EQ("hello", outcome.body);
+  EXPECT_EQ(outcome.code, Success);
+
+  Outcome unsent;
+  auto dropped = start("GET", "/never", unsent);
+  EXPECT_EQ(0u, client->plainPool()->freeCount());
+  dropped.reset();
+  run();
+  EXPECT_EQ(1u, client->plainPool()->freeCount());
+  EXPECT_FALSE(factory->last().closed);
+  EXPECT_EQ(1u, factory->sockets.size());
+}
+
 TEST_F(NetHttpClientTest, SendFailureIsReported) {
   Outcome outcome;
   auto request = start("GET", "/", outcome);

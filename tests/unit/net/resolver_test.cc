@@ -220,6 +220,31 @@ TEST_F(ResolverTest, AWallClockStepDoesNotAgeAnswers) {
   }
 }
 
+// What the HTTP client may take without a turn of the loop: literals, and
+// names whose lookup is still fresh, logged as a lookup would be.
+TEST_F(ResolverTest, KnownAnswersAreLiteralsAndFreshLookupsOnly) {
+  isolated([&] {
+    const NameResolver::Result* literal = resolver_->knownAnswer("127.0.0.1", "8081");
+    ASSERT_NE(literal, nullptr);
+    EXPECT_EQ(literal->addresses, std::vector<SocketAddress>{SocketAddress(AF_INET, "127.0.0.1", 8081)});
+    writeHosts("198.18.0.1 kept.test\n");
+    EXPECT_EQ(resolver_->knownAnswer("kept.test", "http"), nullptr);
+    resolve("kept.test", "http");
+    log::setLevel("resolver", log::Debug);
+    const std::size_t before = capture_->lines().size();
+    const NameResolver::Result* kept = resolver_->knownAnswer("kept.test", "http");
+    log::setLevel("resolver", log::Notice);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->addresses.at(0), SocketAddress(AF_INET, "198.18.0.1", 80));
+    EXPECT_EQ(resolver_->knownAnswer("kept.test", "https"), nullptr);
+    std::vector<std::string> lines;
+    for (std::size_t i = before; i < capture_->lines().size(); ++i) lines.push_back(capture_->lines()[i].message);
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "Resolving host kept.test, service http");
+    EXPECT_EQ(lines[1], "kept.test -> 198.18.0.1");
+  }, true);
+}
+
 struct Job {
   int input = 0;
   int output = 0;
