@@ -186,10 +186,13 @@ void HttpConnection::receive() {
   readingSize_ = std::exchange(spareBytes_, 0);
   reading_ = BufferChainPtr(std::exchange(spare_, BufferChain()));
   receiving_ = true;
-  std::weak_ptr<HttpConnection> weak = shared_from_this();
-  socket_->receive(reading_, [weak](int error, std::size_t bytes) {
-    if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes);
-  });
+  if (!onRead_) {
+    const std::weak_ptr<HttpConnection> weak = shared_from_this();
+    onRead_ = [weak](int error, std::size_t bytes) {
+      if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes);
+    };
+  }
+  socket_->receive(reading_, onRead_);
 }
 
 void HttpConnection::onReceive(int error, std::size_t bytes) {
@@ -217,10 +220,8 @@ void HttpConnection::onReceive(int error, std::size_t bytes) {
     spare_ = unused;
   }
   if (error || bytes == 0) state_ = Closed;
-  if (receiveHandler_) {
-    // Hold the handler: it may replace itself.
-    ReceiveHandler handler = receiveHandler_;
-    handler(error, data);
+  if (user_) {
+    user_->onConnectionData(error, data);
     data.releaseBuffers();
     return;
   }
@@ -229,8 +230,9 @@ void HttpConnection::onReceive(int error, std::size_t bytes) {
     data.releaseBuffers();
   }
   close();
-  Delegate<void()> closed = idleClosed_;
-  if (closed) closed();
+  // The caller of this completion holds the connection, whatever the
+  // handler does to the pool's lists.
+  if (idleClosed_) idleClosed_();
 }
 
 void HttpConnection::close() {

@@ -38,9 +38,17 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   // The numbers appear in log lines.
   enum State : unsigned { Unconnected = 0, Connecting = 1, Connected = 2, Closed = 3 };
 
-  // `error` is the socket's errno number; error 0 with no data means the
-  // peer closed its side. The handler owns `data` afterwards.
-  using ReceiveHandler = Delegate<void(int error, BufferChain& data)>;
+  // The request a connection is lent to, which takes what it reads.
+  class User {
+   public:
+    // `error` is the socket's errno number; error 0 with no data means the
+    // peer closed its side. The user may take `data`'s buffers; what it
+    // leaves is released.
+    virtual void onConnectionData(int error, BufferChain& data) = 0;
+
+   protected:
+    ~User() = default;
+  };
   using ConnectCallback = Delegate<void(int error)>;
   using SendCallback = Delegate<void(int error, std::size_t bytes)>;
 
@@ -68,13 +76,15 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   // further attempt. A close meanwhile ends the attempts.
   void connectAny(uintptr_t identity, const ConnectCallback& callback, const Delegate<void()>& onRetry);
   void send(const BufferChainPtr& data, const SendCallback& callback);
-  // Starts one read unless one is outstanding; its result goes to the
-  // receive handler set at completion time.
+  // Starts one read unless one is outstanding; its result goes to the user
+  // set at completion time.
   void receive();
   bool isReceiving() const { return receiving_; }
-  void setReceiveHandler(const ReceiveHandler& handler) { receiveHandler_ = handler; }
-  // While idle (no receive handler), data or a close from the server closes
-  // the connection and calls this.
+  // The user must take itself off (null) before it goes: the connection
+  // keeps a plain pointer, so that lending it costs no callback object.
+  void setUser(User* user) { user_ = user; }
+  // While idle (no user), data or a close from the server closes the
+  // connection and calls this. Set once, by the pool that made it.
   void setIdleClosedHandler(const Delegate<void()>& handler) { idleClosed_ = handler; }
   void close();
 
@@ -108,8 +118,10 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   const std::size_t minReadSize_;
   const std::size_t maxReadSize_;
   std::size_t readSize_;
-  ReceiveHandler receiveHandler_;
+  User* user_ = nullptr;
   Delegate<void()> idleClosed_;
+  // Made once: every read hands the socket a copy.
+  AsyncSocket::TransferCallback onRead_;
   LifetimeToken token_ = makeLifetimeToken();
 };
 

@@ -83,6 +83,7 @@ std::shared_ptr<HttpConnection> HttpConnectionPool::satisfy(const HttpDestinatio
   }
   auto connection = std::make_shared<HttpConnection>(reactor_, factory_, allocator_, destination);
   QLOG(Log, log::Debug, "Created new connection 0x%x", connection->id());
+  watchIdleClose(connection);
   used_.push_back(connection);
   return connection;
 }
@@ -91,16 +92,28 @@ void HttpConnectionPool::releaseConnection(const std::shared_ptr<HttpConnection>
   QLOG(Log, log::Debug, "Scheduling release of connection 0x%x (%s)", connection->id(),
        connection->destination().text());
   // Later, so that a request ending inside a socket callback is no longer
-  // on the stack when its connection goes to someone else.
-  // The used list keeps the connection until then; the task holds only weak
-  // references, so that it never keeps the loop's own objects alive.
-  std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
-  std::weak_ptr<HttpConnection> weakConnection = connection;
-  reactor_->post(token_, [weak, weakConnection, close]() {
-    std::shared_ptr<HttpConnectionPool> self = weak.lock();
-    std::shared_ptr<HttpConnection> connection = weakConnection.lock();
-    if (self && connection) self->release(connection, close);
+  // on the stack when its connection goes to someone else. The task holds
+  // only a weak reference, so that it never keeps the loop's own objects
+  // alive; the list is the pool's own.
+  releases_.push_back(Release{connection, close});
+  if (releasesPosted_) return;
+  releasesPosted_ = true;
+  const std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
+  reactor_->post(token_, [weak]() {
+    if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->runReleases();
   });
+}
+
+void HttpConnectionPool::runReleases() {
+  releasesPosted_ = false;
+  // Releases scheduled from here on wait for the next task, as their own
+  // task would have.
+  releasing_.swap(releases_);
+  for (Release& next : releasing_) {
+    const Release taken = std::move(next);
+    release(taken.connection, taken.close);
+  }
+  releasing_.clear();
 }
 
 void HttpConnectionPool::release(const std::shared_ptr<HttpConnection>& connection, bool close) {
@@ -108,7 +121,7 @@ void HttpConnectionPool::release(const std::shared_ptr<HttpConnection>& connecti
        connection->destination().text(), close ? 1u : 0u);
   const auto it = std::find(used_.begin(), used_.end(), connection);
   if (it != used_.end()) used_.erase(it);
-  connection->setReceiveHandler(HttpConnection::ReceiveHandler());
+  connection->setUser(nullptr);
   if (close || !connection->isOpen()) {
     if (!close) QLOG(Log, log::Debug, "Connection 0x%x closed, removing from free list", connection->id());
     connection->close();
@@ -135,7 +148,7 @@ void HttpConnectionPool::serveWaiting() {
   }
 }
 
-void HttpConnectionPool::watchIdle(const std::shared_ptr<HttpConnection>& connection) {
+void HttpConnectionPool::watchIdleClose(const std::shared_ptr<HttpConnection>& connection) {
   std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
   // Only the connection itself calls this, so a plain pointer to it is
   // valid here, and with it the handler fits a Delegate without a heap block.
@@ -143,8 +156,10 @@ void HttpConnectionPool::watchIdle(const std::shared_ptr<HttpConnection>& connec
   connection->setIdleClosedHandler([weak, closed]() {
     if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->onIdleClosed(closed);
   });
-  connection->receive();
 }
+
+// One read stays outstanding while it waits, to see the server close it.
+void HttpConnectionPool::watchIdle(const std::shared_ptr<HttpConnection>& connection) { connection->receive(); }
 
 void HttpConnectionPool::onIdleClosed(HttpConnection* closed) {
   const auto it = std::find_if(free_.begin(), free_.end(),

@@ -54,10 +54,17 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
     ConnectionCallback callback;
   };
 
+  struct Release {
+    std::shared_ptr<HttpConnection> connection;
+    bool close;
+  };
+
   // A connection for the destination, or null when the limit is reached.
   std::shared_ptr<HttpConnection> satisfy(const HttpDestination& destination);
+  void runReleases();
   void release(const std::shared_ptr<HttpConnection>& connection, bool close);
   void serveWaiting();
+  void watchIdleClose(const std::shared_ptr<HttpConnection>& connection);
   void watchIdle(const std::shared_ptr<HttpConnection>& connection);
   void onIdleClosed(HttpConnection* closed);
 
@@ -71,6 +78,12 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   std::vector<std::shared_ptr<HttpConnection>> free_;
   std::vector<std::shared_ptr<HttpConnection>> used_;
   std::deque<Waiting> waiting_;
+  // Releases scheduled and not run yet, in order; one posted task runs all
+  // that are there when it comes. Two lists, swapped, so that neither
+  // allocates once grown.
+  std::vector<Release> releases_;
+  std::vector<Release> releasing_;
+  bool releasesPosted_ = false;
   LifetimeToken token_ = makeLifetimeToken();
 };
 

@@ -81,10 +81,7 @@ void NetHttpClientRequest::onAcquired(const std::shared_ptr<HttpConnection>& con
 
 void NetHttpClientRequest::onConnected() {
   connected_ = true;
-  std::weak_ptr<NetHttpClientRequest> self = weak();
-  connection_->setReceiveHandler([self](int error, BufferChain& data) {
-    if (auto request = self.lock()) request->onReceive(error, data);
-  });
+  connection_->setUser(this);
   // Reading from the start also notices a reused connection that the server
   // has closed.
   connection_->receive();
@@ -198,7 +195,7 @@ bool NetHttpClientRequest::retryOnNewConnection() {
   return true;
 }
 
-void NetHttpClientRequest::onReceive(int error, BufferChain& data) {
+void NetHttpClientRequest::onConnectionData(int error, BufferChain& data) {
   if (done_) return;
   // The handlers may drop the caller's last reference.
   std::shared_ptr<NetHttpClientRequest> hold = shared_from_this();
@@ -273,6 +270,7 @@ void NetHttpClientRequest::releaseConnection(bool close) {
   std::shared_ptr<HttpConnection> connection = std::move(connection_);
   connection_.reset();
   connected_ = false;
+  connection->setUser(nullptr);
   if (close) connection->close();
   pool_->releaseConnection(connection, close);
 }

@@ -32,6 +32,7 @@ class NetHttpClientRequest : public WebClientRequest,
                              public RequestWatchdog::Watched,
                              private ConnectionAcquirer::Owner,
                              private ResponseReceiver::Owner,
+                             private HttpConnection::User,
                              public std::enable_shared_from_this<NetHttpClientRequest> {
  public:
   NetHttpClientRequest(std::shared_ptr<Reactor> reactor, std::shared_ptr<BufferChainAllocator> allocator,
@@ -83,7 +84,8 @@ class NetHttpClientRequest : public WebClientRequest,
   void onSent(int error, std::size_t bytes, bool body, unsigned attempt);
   bool retryOnNewConnection();
 
-  void onReceive(int error, BufferChain& data);
+  // HttpConnection::User
+  void onConnectionData(int error, BufferChain& data) override;
 
   void complete();
   void fail(HttpClientError error);

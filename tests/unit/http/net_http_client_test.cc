@@ -232,6 +232,35 @@ TEST_F(NetHttpClientTest, ConnectionReleasedWithCloseIsNeverKept) {
   EXPECT_TRUE(factory->last().closed);
 }
 
+// Releases wait for a later turn of the loop and then run in the order they
+// were scheduled; the log shows each.
+TEST_F(NetHttpClientTest, ReleasesRunLaterInTheirOrder) {
+  fetchHello("/");
+  Outcome second;
+  auto other = get("/", second, "other");
+  factory->last().deliver(Ok5);
+  const std::shared_ptr<HttpConnectionPool>& connections = client->plainPool();
+  ASSERT_EQ(1u, connections->freeCount());
+  std::shared_ptr<HttpConnection> taken;
+  const LifetimeToken owner = makeLifetimeToken();
+  connections->requestConnection(HttpDestination{"example", {SocketAddress(AF_INET, "192.0.2.1", 80)}}, owner,
+                                 [&taken](const std::shared_ptr<HttpConnection>& c) { taken = c; });
+  ASSERT_TRUE(taken);
+  connections->releaseConnection(taken, true);
+  EXPECT_EQ(2u, connections->usedCount());
+  run();  // the response to "other" completes and schedules its release too
+  EXPECT_EQ("hello", second.body);
+  EXPECT_EQ(0u, connections->usedCount());
+  EXPECT_EQ(1u, connections->freeCount());
+  std::vector<std::string> releasing;
+  for (const auto& line : capture->lines()) {
+    if (line.message.rfind("Releasing connection", 0) == 0) releasing.push_back(line.message);
+  }
+  ASSERT_GE(releasing.size(), 3u);
+  EXPECT_NE(std::string::npos, releasing[releasing.size() - 2].find("(example (192.0.2.1:80)), close=1"));
+  EXPECT_NE(std::string::npos, releasing.back().find("(other (192.0.2.2:80)), close=0"));
+}
+
 TEST_F(NetHttpClientTest, TriesDistinctAddressesInOrder) {
   factory->refused.insert("[::1]:8080");
   Outcome outcome;
