@@ -14,21 +14,23 @@ const log::Log Log("httpclient");
 
 }  // namespace
 
-ConnectionAcquirer::ConnectionAcquirer(Owner& owner, uintptr_t identity, std::shared_ptr<NameResolver> resolver,
-                                       std::shared_ptr<HttpConnectionPool> pool, const std::string& connectHost,
-                                       const std::string& defaultService)
-    : owner_(owner),
-      identity_(identity),
-      resolver_(std::move(resolver)),
-      pool_(std::move(pool)),
-      connectHost_(connectHost) {
-  NetHttpClient::splitConnectHost(connectHost_, defaultService, host_, service_);
-}
+ConnectionAcquirer::ConnectionAcquirer(Owner& owner, uintptr_t identity, std::shared_ptr<NameResolver> resolver)
+    : owner_(owner), identity_(identity), resolver_(std::move(resolver)) {}
 
 ConnectionAcquirer::~ConnectionAcquirer() { giveBack(); }
 
-void ConnectionAcquirer::start(std::weak_ptr<ConnectionAcquirer> self) {
+void ConnectionAcquirer::start(const std::shared_ptr<HttpConnectionPool>& pool, const std::string& connectHost,
+                               const std::string& defaultService, std::weak_ptr<ConnectionAcquirer> self) {
+  giveBack();
+  stopped_ = false;
+  pool_ = pool;
   self_ = self;
+  // Assigned, not made: the strings and the list keep their room from the
+  // last use.
+  connectHost_ = connectHost;
+  NetHttpClient::splitConnectHost(connectHost_, defaultService, host_, service_);
+  destination_.host.clear();
+  destination_.addresses.clear();
   QLOG(Log, log::Debug, "Resolving host %s", connectHost_);
   // A literal or a name still fresh in the resolver's memory needs no turn
   // of the loop: the pool is asked at once.

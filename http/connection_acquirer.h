@@ -35,18 +35,18 @@ class ConnectionAcquirer {
     ~Owner() = default;
   };
 
-  // `connectHost` is "host", "host:port" or "[v6]:port"; without a port the
-  // service is `defaultService` (the scheme).
-  ConnectionAcquirer(Owner& owner, uintptr_t identity, std::shared_ptr<NameResolver> resolver,
-                     std::shared_ptr<HttpConnectionPool> pool, const std::string& connectHost,
-                     const std::string& defaultService);
+  ConnectionAcquirer(Owner& owner, uintptr_t identity, std::shared_ptr<NameResolver> resolver);
   // A connection still being connected is closed and given back.
   ~ConnectionAcquirer();
   ConnectionAcquirer(const ConnectionAcquirer&) = delete;
   ConnectionAcquirer& operator=(const ConnectionAcquirer&) = delete;
 
-  // `self` refers to this acquirer and lives as long as its owner.
-  void start(std::weak_ptr<ConnectionAcquirer> self);
+  // Gets a connection from `pool`. `connectHost` is "host", "host:port" or
+  // "[v6]:port"; without a port the service is `defaultService` (the
+  // scheme). `self` refers to this acquirer and lives as long as the
+  // request's use; whatever the last use left is gone.
+  void start(const std::shared_ptr<HttpConnectionPool>& pool, const std::string& connectHost,
+             const std::string& defaultService, std::weak_ptr<ConnectionAcquirer> self);
   // Another connection to the same destination, without a new lookup.
   void again();
   // Nothing is reported any more; a connection handed over later, or one
@@ -68,7 +68,7 @@ class ConnectionAcquirer {
   const uintptr_t identity_;
   std::shared_ptr<NameResolver> resolver_;
   std::shared_ptr<HttpConnectionPool> pool_;
-  const std::string connectHost_;
+  std::string connectHost_;
   std::string host_, service_;
   HttpDestination destination_;
   std::shared_ptr<HttpConnection> connecting_;

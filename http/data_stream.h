@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -23,6 +24,11 @@ class StreamQueue {
   bool empty() const { return head_ == items_.size(); }
   std::size_t size() const { return items_.size() - head_; }
   T& front() { return items_[head_]; }
+  // Empties the queue and keeps its room.
+  void clear() {
+    items_.clear();
+    head_ = 0;
+  }
   void push_back(const T& item) { items_.push_back(item); }
   void pop_front() {
     items_[head_] = T();  // what the item holds goes now, not at the next compaction
@@ -86,6 +92,17 @@ class DataSinkImpl {
   }
   bool isFull() const { return items_.size() >= capacity_; }
 
+  // For an owner that uses one sink for stream after stream: back to the
+  // state it was made in (items dropped, no handler, no source). A source of
+  // the last stream no longer reaches it.
+  void reset() {
+    items_.clear();
+    endArrived_ = notifying_ = again_ = inTake_ = false;
+    ready_.clear();
+    source_.reset();
+    sourceUse_ = 0;
+  }
+
  private:
   friend class DataSourceImpl<T>;
   struct SourceLink;
@@ -100,6 +117,8 @@ class DataSinkImpl {
   bool again_ = false;
   bool inTake_ = false;
   std::weak_ptr<SourceLink> source_;
+  // The use of the source's link that this sink was connected in.
+  uint64_t sourceUse_ = 0;
 };
 
 // The sending end of a stream. Its producer owns it, puts items in and ends
@@ -130,6 +149,18 @@ class DataSourceImpl {
   bool isEnded() const { return ended_; }
   bool isBlocked() const;
 
+  // For an owner that uses one source for stream after stream: back to the
+  // state it was made in. A sink of the last stream neither gets anything
+  // more nor reaches this source's handler again.
+  void reset() {
+    ++link_->use;
+    link_->waiting = false;
+    link_->unblocked.clear();
+    sink_.reset();
+    pending_.clear();
+    connected_ = ended_ = false;
+  }
+
  private:
   std::shared_ptr<typename DataSinkImpl<T>::SourceLink> link_;
   std::weak_ptr<DataSinkImpl<T>> sink_;
@@ -151,6 +182,7 @@ template <typename T>
 struct DataSinkImpl<T>::SourceLink {
   Delegate<void()> unblocked;
   bool waiting = false;  // the producer was told to pause
+  uint64_t use = 1;      // counts the source's resets
 };
 
 template <typename T>
@@ -178,7 +210,7 @@ T DataSinkImpl<T>::take() {
   items_.pop_front();
   if (!isFull()) {
     std::shared_ptr<SourceLink> link = source_.lock();
-    if (link && link->waiting) {
+    if (link && link->use == sourceUse_ && link->waiting) {
       link->waiting = false;
       if (link->unblocked) {
         inTake_ = true;
@@ -201,6 +233,7 @@ void DataSourceImpl<T>::connect(const std::weak_ptr<DataSinkImpl<T>>& handle) {
   sink_ = handle;
   connected_ = true;
   sink->source_ = link_;
+  sink->sourceUse_ = link_->use;
   while (!pending_.empty()) {
     T item = std::move(pending_.front());
     pending_.pop_front();

@@ -87,6 +87,14 @@ void PlainEncodingParser::end() {
 
 BufferChainPtr PlainEncodingParser::takeData() { return takeChain(output_); }
 
+void PlainEncodingParser::reset(bool lengthKnown, uint32_t contentLength) {
+  output_.releaseBuffers();
+  lengthKnown_ = lengthKnown;
+  remaining_ = contentLength;
+  finished_ = lengthKnown && contentLength == 0;
+  failed_ = false;
+}
+
 // ---- chunked
 
 ChunkedEncodingParser::ChunkedEncodingParser(std::shared_ptr<BufferChainAllocator> allocator)
@@ -238,5 +246,14 @@ void ChunkedEncodingParser::end() {
 }
 
 BufferChainPtr ChunkedEncodingParser::takeData() { return takeChain(output_); }
+
+void ChunkedEncodingParser::reset() {
+  pending_.releaseBuffers();
+  output_.releaseBuffers();
+  state_ = Header;
+  pendingSize_ = offset_ = 0;
+  chunkSize_ = chunkPassed_ = 0;
+  lastChunk_ = finished_ = failed_ = false;
+}
 
 }  // namespace quorvel

@@ -40,8 +40,11 @@ class PlainEncodingParser : public WebEncodingParser {
   bool isFailed() const override { return failed_; }
   BufferChainPtr takeData() override;
 
+  // As if made anew, for the next body.
+  void reset(bool lengthKnown, uint32_t contentLength);
+
  private:
-  const bool lengthKnown_;
+  bool lengthKnown_;
   uint32_t remaining_;
   BufferChain output_;
   bool finished_ = false;
@@ -70,6 +73,8 @@ class ChunkedEncodingParser : public WebEncodingParser {
   BufferChainPtr takeData() override;
 
   State state() const { return state_; }
+  // As if made anew, for the next body.
+  void reset();
 
  private:
   // Each returns false when it needs more input or the parser stopped.

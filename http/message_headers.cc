@@ -92,10 +92,21 @@ MessageHeaders& MessageHeaders::operator=(MessageHeaders&& other) noexcept {
 
 void MessageHeaders::reset() {
   buffer_.reset();
-  length_ = capacity_ = 0;
+  capacity_ = 0;
+  clearViews();
+}
+
+void MessageHeaders::clearViews() {
+  length_ = 0;
   method_ = target_ = version_ = reason_ = View();
   statusCode_ = 0;
   fieldsStart_ = 0;
+}
+
+void MessageHeaders::swap(MessageHeaders& other) noexcept {
+  MessageHeaders held(std::move(other));
+  other = std::move(*this);
+  *this = std::move(held);
 }
 
 void MessageHeaders::allocateStartLine(std::size_t lineLength) {
@@ -135,22 +146,27 @@ MessageHeaders MessageHeaders::response(uint32_t code, StringSection reason, Str
 
 MessageHeaders MessageHeaders::request(StringSection method, StringSection target, StringSection version) {
   MessageHeaders headers;
+  headers.assignRequest(method, target, version);
+  return headers;
+}
+
+void MessageHeaders::assignRequest(StringSection method, StringSection target, StringSection version) {
   const std::size_t lineLength = method.size() + target.size() + version.size() + 4;
-  if (lineLength > BlockSize) return headers;
-  headers.allocateStartLine(lineLength);
-  char* start = headers.buffer_.get();
+  if (lineLength > BlockSize) return reset();
+  clearViews();
+  if (!buffer_ || capacity_ < lineLength + HttpLineEnd::Length) allocateStartLine(lineLength);
+  char* start = buffer_.get();
   char* out = put(start, method);
-  headers.method_ = View{0, static_cast<uint32_t>(out - start)};
+  method_ = View{0, static_cast<uint32_t>(out - start)};
   *out++ = ' ';
   uint32_t begin = static_cast<uint32_t>(out - start);
   out = put(out, target);
-  headers.target_ = View{begin, static_cast<uint32_t>(out - start)};
+  target_ = View{begin, static_cast<uint32_t>(out - start)};
   *out++ = ' ';
   begin = static_cast<uint32_t>(out - start);
   out = put(out, version);
-  headers.version_ = View{begin, static_cast<uint32_t>(out - start)};
-  headers.finishStartLine(lineLength);
-  return headers;
+  version_ = View{begin, static_cast<uint32_t>(out - start)};
+  finishStartLine(lineLength);
 }
 
 // ---- parsing

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 #include "http/http_names.h"
 #include "http/string_section.h"
@@ -78,6 +79,10 @@ class MessageHeaders {
   // "<method> <target> <version>\r\n", under the same size rule.
   static MessageHeaders request(StringSection method, StringSection target, StringSection version = HttpVersion::V11);
 
+  // The same, made in this object's own block when that is big enough: for
+  // an owner that keeps one head for request after request.
+  void assignRequest(StringSection method, StringSection target, StringSection version = HttpVersion::V11);
+
   // Parses a start line and field lines, each ending in "\r\n"; one trailing
   // empty line is accepted and dropped. Malformed text gives invalid headers.
   static MessageHeaders parse(Kind kind, const char* data, std::size_t size);
@@ -89,12 +94,23 @@ class MessageHeaders {
   template <typename Gather>
   static MessageHeaders parseGathered(Kind kind, std::size_t size, Gather&& gather) {
     MessageHeaders headers;
-    headers.buffer_.reset(new char[size + HttpLineEnd::Length]);
-    headers.capacity_ = size + HttpLineEnd::Length;
-    gather(headers.buffer_.get());
-    headers.parseInPlace(kind, size);
+    headers.assignParsed(kind, size, std::forward<Gather>(gather));
     return headers;
   }
+  // parseGathered into this object, in its own block when that is big
+  // enough.
+  template <typename Gather>
+  void assignParsed(Kind kind, std::size_t size, Gather&& gather) {
+    clearViews();
+    if (!buffer_ || capacity_ < size + HttpLineEnd::Length) {
+      buffer_.reset(new char[size + HttpLineEnd::Length]);
+      capacity_ = size + HttpLineEnd::Length;
+    }
+    gather(buffer_.get());
+    parseInPlace(kind, size);
+  }
+  // Exchanges the two heads, blocks and all.
+  void swap(MessageHeaders& other) noexcept;
 
   bool isValid() const { return static_cast<bool>(buffer_); }
 
@@ -140,6 +156,7 @@ class MessageHeaders {
   void finishStartLine(std::size_t lineLength);
   void parseInPlace(Kind kind, std::size_t size);
   void reset();
+  void clearViews();
 
   std::unique_ptr<char[]> buffer_;
   std::size_t length_ = 0;    // head text without the final empty line

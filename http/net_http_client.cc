@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "http/net_http_client_request.h"
+#include "http/request_shelf.h"
 #include "http/request_watchdog.h"
 
 namespace quorvel {
@@ -15,7 +16,8 @@ NetHttpClient::NetHttpClient(std::shared_ptr<Reactor> reactor, std::shared_ptr<B
     : reactor_(std::move(reactor)),
       allocator_(std::move(allocator)),
       resolver_(std::move(resolver)),
-      watchdog_(std::make_shared<RequestWatchdog>(reactor_)) {
+      watchdog_(std::make_shared<RequestWatchdog>(reactor_)),
+      shelf_(std::make_shared<RequestShelf>()) {
   plainPool_ = std::make_shared<HttpConnectionPool>(reactor_, std::move(plain), allocator_, connectionLimit);
   if (ssl) sslPool_ = std::make_shared<HttpConnectionPool>(reactor_, std::move(ssl), allocator_, connectionLimit);
 }
@@ -31,8 +33,15 @@ std::shared_ptr<WebClientRequest> NetHttpClient::createRequest(const std::string
     if (!sslPool_) throw std::runtime_error("HTTPS connections not supported");
     pool = sslPool_;
   }
-  auto request = std::make_shared<NetHttpClientRequest>(reactor_, allocator_, resolver_, pool, watchdog_, method, scheme,
-                                                        hostValue, connectHost, path);
+  NetHttpClientRequest* object = shelf_->take();
+  if (!object) object = new NetHttpClientRequest(reactor_, allocator_, resolver_, watchdog_, shelf_);
+  try {
+    object->open(std::move(pool), method, scheme, hostValue, connectHost, path);
+  } catch (...) {
+    shelf_->put(object);
+    throw;
+  }
+  const std::shared_ptr<NetHttpClientRequest> request(object, NetHttpClientRequest::HandleRelease());
   request->begin();
   return request;
 }
@@ -43,9 +52,9 @@ void NetHttpClient::splitConnectHost(const std::string& connectHost, const std::
   if (!connectHost.empty() && connectHost[0] == '[') {
     const std::size_t close = connectHost.find(']');
     if (close != std::string::npos) {
-      host = connectHost.substr(1, close - 1);
+      host.assign(connectHost, 1, close - 1);
       if (close + 1 < connectHost.size() && connectHost[close + 1] == ':' && close + 2 < connectHost.size()) {
-        service = connectHost.substr(close + 2);
+        service.assign(connectHost, close + 2, std::string::npos);
       }
       return;
     }
@@ -53,8 +62,9 @@ void NetHttpClient::splitConnectHost(const std::string& connectHost, const std::
   const std::size_t colon = connectHost.find(':');
   // Two colons or more: a bare IPv6 address, which has no port.
   if (colon != std::string::npos && connectHost.find(':', colon + 1) == std::string::npos) {
-    host = connectHost.substr(0, colon);
-    if (colon + 1 < connectHost.size()) service = connectHost.substr(colon + 1);
+    // Assigned in place: callers keep these strings from one request to the next.
+    host.assign(connectHost, 0, colon);
+    if (colon + 1 < connectHost.size()) service.assign(connectHost, colon + 1, std::string::npos);
     return;
   }
   host = connectHost;

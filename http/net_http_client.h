@@ -14,6 +14,7 @@
 
 namespace quorvel {
 
+class RequestShelf;
 class RequestWatchdog;
 
 // The process's HTTP/1.1 client over pooled persistent connections, one pool
@@ -67,6 +68,7 @@ class NetHttpClient : public HttpClient {
   std::shared_ptr<HttpConnectionPool> plainPool_;
   std::shared_ptr<HttpConnectionPool> sslPool_;
   std::shared_ptr<RequestWatchdog> watchdog_;
+  std::shared_ptr<RequestShelf> shelf_;
 };
 
 }  // namespace quorvel

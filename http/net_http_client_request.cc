@@ -23,23 +23,34 @@ bool hasToken(const MessageHeaders& headers, const char* name, const char* value
 NetHttpClientRequest::NetHttpClientRequest(std::shared_ptr<Reactor> reactor,
                                            std::shared_ptr<BufferChainAllocator> allocator,
                                            std::shared_ptr<NameResolver> resolver,
-                                           std::shared_ptr<HttpConnectionPool> pool,
-                                           std::shared_ptr<RequestWatchdog> watchdog, const std::string& method,
-                                           const std::string& scheme, const std::string& hostValue,
-                                           const std::string& connectHost, const std::string& path)
+                                           std::shared_ptr<RequestWatchdog> watchdog, std::weak_ptr<RequestShelf> shelf)
     : reactor_(std::move(reactor)),
       allocator_(std::move(allocator)),
-      pool_(pool),
       watchdog_(std::move(watchdog)),
-      method_(method),
-      scheme_(scheme),
-      headers_(MessageHeaders::request(method_, path.empty() ? StringSection("/") : StringSection(path))),
+      shelf_(std::move(shelf)),
       timeout_(NetHttpClient::RequestTimeout),
-      acquirer_(*this, reinterpret_cast<uintptr_t>(this), std::move(resolver), std::move(pool), connectHost, scheme),
+      acquirer_(*this, reinterpret_cast<uintptr_t>(this), std::move(resolver)),
       sender_(reinterpret_cast<uintptr_t>(this), allocator_),
-      receiver_(*this, reinterpret_cast<uintptr_t>(this), allocator_, method_) {
+      receiver_(*this, reinterpret_cast<uintptr_t>(this), allocator_) {}
+
+NetHttpClientRequest::~NetHttpClientRequest() = default;
+
+void NetHttpClientRequest::open(std::shared_ptr<HttpConnectionPool> pool, const std::string& method,
+                                const std::string& scheme, const std::string& hostValue,
+                                const std::string& connectHost, const std::string& path) {
+  const StringSection target = path.empty() ? StringSection("/") : StringSection(path);
+  headers_.assignRequest(method, target);
   if (!headers_.isValid()) throw std::invalid_argument("Request line too long");
   headers_.addField(HttpHeader::Host, hostValue);
+  pool_ = std::move(pool);
+  method_ = method;
+  scheme_ = scheme;
+  connectHost_ = connectHost;
+  errorHandler_.clear();
+  connected_ = beginning_ = started_ = done_ = reused_ = closeAfter_ = false;
+  bodySink_.reset();
+  sender_.reset();
+  ++handles_;
 }
 
 std::string NetHttpClientRequest::text() const {
@@ -48,9 +59,36 @@ std::string NetHttpClientRequest::text() const {
          headers_.requestTarget().str();
 }
 
-NetHttpClientRequest::~NetHttpClientRequest() {
+// Where destruction used to end the exchange. Inside the handle's deleter:
+// no new handle can be made here.
+void NetHttpClientRequest::releaseHandle() {
+  done_ = true;
   watchdog_->remove(this);
+  acquirer_.stop();
   if (connection_) releaseConnection(!isConnectionUntouched());
+  errorHandler_.clear();
+  bodySink_.reset();
+  sender_.reset();
+  // Lets go of the response handle it holds, which may be the last.
+  receiver_.close();
+  if (--handles_ == 0) shelve();
+}
+
+std::shared_ptr<NetHttpClientResponse> NetHttpClientRequest::shareResponse(NetHttpClientResponse& response) {
+  ++handles_;
+  return std::shared_ptr<NetHttpClientResponse>(&response, ResponseRelease{this});
+}
+
+void NetHttpClientRequest::releaseResponse() {
+  if (--handles_ == 0) shelve();
+}
+
+void NetHttpClientRequest::shelve() {
+  if (std::shared_ptr<RequestShelf> shelf = shelf_.lock()) {
+    shelf->put(this);
+  } else {
+    delete this;
+  }
 }
 
 void NetHttpClientRequest::begin() {
@@ -58,9 +96,9 @@ void NetHttpClientRequest::begin() {
   const std::shared_ptr<NetHttpClientRequest> self = shared_from_this();
   watchdog_->add(self);
   // The parts' own callbacks hold references that share the request's life.
-  receiver_.bind(std::shared_ptr<ResponseReceiver>(self, &receiver_));
+  receiver_.open(method_, std::shared_ptr<ResponseReceiver>(self, &receiver_));
   beginning_ = true;
-  acquirer_.start(std::shared_ptr<ConnectionAcquirer>(self, &acquirer_));
+  acquirer_.start(pool_, connectHost_, scheme_, std::shared_ptr<ConnectionAcquirer>(self, &acquirer_));
   beginning_ = false;
 }
 
@@ -112,9 +150,8 @@ void NetHttpClientRequest::startStreaming() {
   started_ = true;
   const bool chunked = !headers_.has(HttpHeader::ContentLength);
   if (chunked) headers_.addField(HttpHeader::TransferEncoding, "chunked");
-  bodySink();
   std::weak_ptr<NetHttpClientRequest> self = weak();
-  bodySink_->setReadyHandler([self]() {
+  bodySink_.setReadyHandler([self]() {
     if (auto request = self.lock()) request->pumpBody();
   });
   if (!sender_.setStreaming(headers_, chunked)) {
@@ -132,7 +169,7 @@ void NetHttpClientRequest::startSending() {
   closeAfter_ = closeAfter_ || hasToken(headers_, HttpHeader::Connection, "close");
   // Kept for retryOnNewConnection(): only a reused connection can have been
   // closed under us, and only a repeatable request can be sent again.
-  const BufferChainPtr chain = sender_.takeHead(reused_ && (method_ == "GET" || method_ == "HEAD"), bodySink_.get());
+  const BufferChainPtr chain = sender_.takeHead(reused_ && (method_ == "GET" || method_ == "HEAD"), &bodySink_);
   if (!chain) {
     failLater(HttpClientError::OutOfMemory);
     return;
@@ -146,7 +183,7 @@ void NetHttpClientRequest::startSending() {
 void NetHttpClientRequest::pumpBody() {
   if (done_) return;
   BufferChain chain;
-  switch (sender_.nextPiece(*bodySink_, chain)) {
+  switch (sender_.nextPiece(bodySink_, chain)) {
     case RequestSender::Piece::None:
       return;
     case RequestSender::Piece::OutOfMemory:
@@ -259,7 +296,7 @@ void NetHttpClientRequest::finish(const boost::system::error_code& code) {
   acquirer_.stop();
   receiver_.stop();
   watchdog_->remove(this);
-  if (bodySink_) bodySink_->setReadyHandler(Delegate<void()>());
+  bodySink_.setReadyHandler(Delegate<void()>());
   ErrorHandler handler = std::move(errorHandler_);
   errorHandler_.clear();
   if (handler) handler(code);
@@ -283,7 +320,7 @@ void NetHttpClientRequest::cancel() {
   acquirer_.withdraw();
   receiver_.stop();
   errorHandler_.clear();
-  if (bodySink_) bodySink_->setReadyHandler(Delegate<void()>());
+  bodySink_.setReadyHandler(Delegate<void()>());
   releaseConnection(!isConnectionUntouched());
 }
 

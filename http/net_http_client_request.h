@@ -16,6 +16,7 @@
 #include "http/request_sender.h"
 #include "http/request_watchdog.h"
 #include "http/response_receiver.h"
+#include "http/request_shelf.h"
 #include "http/web_client.h"
 #include "net/buffer_chain.h"
 #include "net/name_resolver.h"
@@ -26,8 +27,11 @@ namespace quorvel {
 // connection (ConnectionAcquirer), sends the request (RequestSender), reads
 // the response (ResponseReceiver), and retries a GET or HEAD once when a kept
 // connection turns out closed. The three are parts of the request, made with
-// it in one block, and report to it by direct calls. Log: "httpclient", lines
-// beginning with the request's address.
+// it in one block, and report to it by direct calls. The client keeps request
+// objects between uses (RequestShelf): each use is one handle, and ends when
+// the caller lets go of it as an object's destruction would end it; the
+// object goes back once the response's handle has gone too. Log:
+// "httpclient", lines beginning with the request's address.
 class NetHttpClientRequest : public WebClientRequest,
                              public RequestWatchdog::Watched,
                              private ConnectionAcquirer::Owner,
@@ -35,13 +39,25 @@ class NetHttpClientRequest : public WebClientRequest,
                              private HttpConnection::User,
                              public std::enable_shared_from_this<NetHttpClientRequest> {
  public:
+  // What the handles' deleters do.
+  struct HandleRelease {
+    void operator()(NetHttpClientRequest* request) const { request->releaseHandle(); }
+  };
+  struct ResponseRelease {
+    NetHttpClientRequest* request;
+    void operator()(NetHttpClientResponse*) const { request->releaseResponse(); }
+  };
+
   NetHttpClientRequest(std::shared_ptr<Reactor> reactor, std::shared_ptr<BufferChainAllocator> allocator,
-                       std::shared_ptr<NameResolver> resolver, std::shared_ptr<HttpConnectionPool> pool,
-                       std::shared_ptr<RequestWatchdog> watchdog,
-                       const std::string& method, const std::string& scheme, const std::string& hostValue,
-                       const std::string& connectHost, const std::string& path);
+                       std::shared_ptr<NameResolver> resolver, std::shared_ptr<RequestWatchdog> watchdog,
+                       std::weak_ptr<RequestShelf> shelf);
   ~NetHttpClientRequest() override;
 
+  // Readies the object for an exchange, nothing of the last one left; the
+  // caller then makes its handle (HandleRelease) and calls begin(). Throws
+  // std::invalid_argument "Request line too long", changing nothing.
+  void open(std::shared_ptr<HttpConnectionPool> pool, const std::string& method, const std::string& scheme,
+            const std::string& hostValue, const std::string& connectHost, const std::string& path);
   void begin();
 
   void setResponseHandler(const ResponseHandler& handler) override { receiver_.setResponseHandler(handler); }
@@ -51,11 +67,9 @@ class NetHttpClientRequest : public WebClientRequest,
   void setCloseConnection() override;
   void send(const void* data, std::size_t length) override;
   void startStreaming() override;
-  // Made on first use, so a body may be connected before the request starts.
-  std::weak_ptr<BodySink> bodySink() override {
-    if (!bodySink_) bodySink_ = std::make_shared<BodySink>();
-    return bodySink_;
-  }
+  // There from the start, so a body may be connected before the request
+  // starts; the handle goes with this use.
+  std::weak_ptr<BodySink> bodySink() override { return std::shared_ptr<BodySink>(shared_from_this(), &bodySink_); }
   bool isStarted() const override { return started_; }
   void cancel() override;
 
@@ -76,6 +90,13 @@ class NetHttpClientRequest : public WebClientRequest,
   void receiveMore() override;
   void responseComplete() override { complete(); }
   void responseFailed(HttpClientError error) override { fail(error); }
+  std::shared_ptr<NetHttpClientResponse> shareResponse(NetHttpClientResponse& response) override;
+
+  // The caller's handle has gone: the exchange ends.
+  void releaseHandle();
+  void releaseResponse();
+  // Back to the shelf once neither handle is out.
+  void shelve();
 
   void onConnected();
 
@@ -100,8 +121,11 @@ class NetHttpClientRequest : public WebClientRequest,
   std::shared_ptr<BufferChainAllocator> allocator_;
   std::shared_ptr<HttpConnectionPool> pool_;
   std::shared_ptr<RequestWatchdog> watchdog_;
+  const std::weak_ptr<RequestShelf> shelf_;
+  // The handles out: the request's and, once it has come, the response's.
+  unsigned handles_ = 0;
   // The path and the Host value live in headers_ only.
-  const std::string method_, scheme_;
+  std::string method_, scheme_, connectHost_;
   MessageHeaders headers_;
   const Duration timeout_;
 
@@ -116,7 +140,7 @@ class NetHttpClientRequest : public WebClientRequest,
   bool started_ = false;
   bool done_ = false;
   bool reused_ = false;
-  std::shared_ptr<BodySink> bodySink_;
+  BodySink bodySink_;
   RequestSender sender_;
 
   ResponseReceiver receiver_;

@@ -132,4 +132,16 @@ bool RequestSender::rewind() {
   return true;
 }
 
+void RequestSender::reset() {
+  whole_.reset();
+  resend_.reset();
+  rewound_ = false;
+  // Completions of the last use, should any still come, are stale.
+  ++attempt_;
+  streaming_ = chunked_ = false;
+  framer_ = ChunkFramer();
+  headSent_ = sending_ = sendFinished_ = false;
+  bodyBytes_ = sentBytes_ = 0;
+}
+
 }  // namespace quorvel

@@ -59,6 +59,9 @@ class RequestSender {
   // The server has answered: nothing will need sending again.
   void dropResend() { resend_.reset(); }
 
+  // For the request's next use: nothing of this one is kept.
+  void reset();
+
  private:
   Piece gather(BodySink& sink, BufferChain& out);
 

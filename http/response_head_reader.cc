@@ -32,7 +32,7 @@ ResponseHeadReader::State ResponseHeadReader::feed(BufferChain& received) {
   const std::size_t separator = finder_.headEnd() - HeadEndFinder::SeparatorLength;
   QLOG(Log, log::Debug, "0x%x: Found double CRLF at %u", identity_, separator);
   const std::size_t headSize = separator + HttpLineEnd::Length;
-  headers_ = MessageHeaders::parseGathered(MessageHeaders::Kind::Response, headSize, [this, headSize](char* out) {
+  headers_.assignParsed(MessageHeaders::Kind::Response, headSize, [this, headSize](char* out) {
     const BufferChain::Iterator begin = bytes_.begin();
     copyFromChain(begin, begin + headSize, reinterpret_cast<uint8_t*>(out));
   });
@@ -83,10 +83,23 @@ void ResponseHeadReader::checkFields() {
 
 BufferChain ResponseHeadReader::takeBodyBytes() { return std::exchange(bytes_, BufferChain()); }
 
-std::unique_ptr<WebEncodingParser> ResponseHeadReader::makeBodyParser(
-    const std::shared_ptr<BufferChainAllocator>& allocator) const {
-  if (chunked_) return std::make_unique<ChunkedEncodingParser>(allocator);
-  return std::make_unique<PlainEncodingParser>(lengthKnown_, contentLength_);
+WebEncodingParser& ResponseHeadReader::prepareBodyParser(PlainEncodingParser& plain,
+                                                         ChunkedEncodingParser& chunked) const {
+  if (chunked_) {
+    chunked.reset();
+    return chunked;
+  }
+  plain.reset(lengthKnown_, contentLength_);
+  return plain;
+}
+
+void ResponseHeadReader::reset() {
+  state_ = State::Collecting;
+  bytes_.releaseBuffers();
+  received_ = 0;
+  finder_.reset();
+  close_ = chunked_ = lengthKnown_ = false;
+  contentLength_ = 0;
 }
 
 }  // namespace quorvel

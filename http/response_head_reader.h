@@ -39,8 +39,9 @@ class ResponseHeadReader {
 
   // Valid once Complete.
   const MessageHeaders& headers() const { return headers_; }
-  // Moves the head out (the response keeps it); headers() is then invalid.
-  MessageHeaders takeHeaders() { return std::move(headers_); }
+  // Hands the head to `out` (the response keeps it) and takes what `out`
+  // held, whose block the next head is parsed into when it is big enough.
+  void giveHeaders(MessageHeaders& out) { headers_.swap(out); }
   bool closeConnection() const { return close_; }
   bool chunked() const { return chunked_; }
   bool contentLengthKnown() const { return lengthKnown_; }
@@ -50,8 +51,12 @@ class ResponseHeadReader {
 
   // The bytes after the empty line; the caller owns them.
   BufferChain takeBodyBytes();
-  // The parser for this response's body framing.
-  std::unique_ptr<WebEncodingParser> makeBodyParser(const std::shared_ptr<BufferChainAllocator>& allocator) const;
+  // Readies the parser for this response's body framing, one of the two
+  // given, and returns it.
+  WebEncodingParser& prepareBodyParser(PlainEncodingParser& plain, ChunkedEncodingParser& chunked) const;
+
+  // For the next response: as if made anew, the head's block kept.
+  void reset();
 
  private:
   void checkFields();

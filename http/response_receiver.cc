@@ -24,12 +24,30 @@ bool keepsConnection(const MessageHeaders& response) {
 
 }  // namespace
 
-ResponseReceiver::ResponseReceiver(Owner& owner, uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator,
-                                   std::string method)
-    : owner_(owner),
-      identity_(identity), allocator_(std::move(allocator)), method_(std::move(method)), reader_(identity) {}
+ResponseReceiver::ResponseReceiver(Owner& owner, uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator)
+    : owner_(owner), identity_(identity), reader_(identity), plain_(false, 0), chunked_(std::move(allocator)) {}
 
 ResponseReceiver::~ResponseReceiver() = default;
+
+void ResponseReceiver::open(StringSection method, std::weak_ptr<ResponseReceiver> self) {
+  method_.assign(method.data(), method.size());
+  self_ = std::move(self);
+  reader_.reset();
+  parser_ = nullptr;
+  response_.reset();
+  close_ = paused_ = stopped_ = false;
+  responseHandler_.clear();
+  bodyDataHandler_.clear();
+}
+
+void ResponseReceiver::close() {
+  stop();
+  shared_.reset();
+  reader_.reset();
+  plain_.reset(false, 0);
+  chunked_.reset();
+  parser_ = nullptr;
+}
 
 void ResponseReceiver::feed(BufferChain& data) {
   if (parser_) {
@@ -71,13 +89,14 @@ void ResponseReceiver::end() {
 
 void ResponseReceiver::onHead() {
   const bool hasBody = reader_.hasBody(method_);
-  response_ = std::make_shared<NetHttpClientResponse>(reader_.takeHeaders());
-  close_ = close_ || reader_.closeConnection() || !keepsConnection(response_->headers());
+  reader_.giveHeaders(response_.head());
+  shared_ = owner_.shareResponse(response_);
+  close_ = close_ || reader_.closeConnection() || !keepsConnection(response_.headers());
   BufferChain rest = reader_.takeBodyBytes();
   if (hasBody) {
-    parser_ = reader_.makeBodyParser(allocator_);
+    parser_ = &reader_.prepareBodyParser(plain_, chunked_);
     const std::weak_ptr<ResponseReceiver> self = self_;
-    response_->body().setUnblockedHandler([self]() {
+    response_.body().setUnblockedHandler([self]() {
       if (auto receiver = self.lock()) receiver->onUnblocked();
     });
   } else if (!rest.empty()) {
@@ -86,7 +105,10 @@ void ResponseReceiver::onHead() {
   }
   if (responseHandler_) {
     ResponseHandler handler = responseHandler_;
-    handler(response_);
+    // The handle, not the member: the handler may drop the request, and
+    // with it this receiver's own copy.
+    const std::shared_ptr<WebClientResponse> response = shared_;
+    handler(response);
   }
   if (stopped_) {
     rest.releaseBuffers();
@@ -110,7 +132,7 @@ void ResponseReceiver::deliverBody() {
       BodyDataHandler handler = bodyDataHandler_;
       handler(data, false);
     } else {
-      more = response_->body().put(data);
+      more = response_.body().put(data);
     }
     if (stopped_) return;
   }
@@ -138,7 +160,7 @@ void ResponseReceiver::endBody() {
     BodyDataHandler handler = bodyDataHandler_;
     handler(BufferChainPtr(), true);
   } else {
-    response_->body().end();
+    response_.body().end();
   }
 }
 

@@ -8,13 +8,12 @@
 #include "core/delegate.h"
 #include "http/encoding_parser.h"
 #include "http/http_client_error.h"
+#include "http/net_http_client_response.h"
 #include "http/response_head_reader.h"
 #include "http/web_client.h"
 #include "net/buffer_chain.h"
 
 namespace quorvel {
-
-class NetHttpClientResponse;
 
 // The incoming half of one client request: collects the response head, hands
 // the response to the caller, then runs the body through its parser to the
@@ -23,7 +22,9 @@ class NetHttpClientResponse;
 // when more is wanted, when the response is complete and when it failed.
 // It is a part of its request and reports to it directly; the one callback
 // it installs reaches it through a weak reference that shares the request's
-// life. Log lines go to "httpclient" and begin with the request's identity.
+// life. The response, its head's block and both body parsers are kept for
+// the request's next use. Log lines go to "httpclient" and begin with the
+// request's identity.
 class ResponseReceiver {
  public:
   using ResponseHandler = WebClientRequest::ResponseHandler;
@@ -35,23 +36,25 @@ class ResponseReceiver {
     // The whole response has been delivered.
     virtual void responseComplete() = 0;
     virtual void responseFailed(HttpClientError error) = 0;
+    // The handle through which the caller holds `response`.
+    virtual std::shared_ptr<NetHttpClientResponse> shareResponse(NetHttpClientResponse& response) = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // `method` is the request's, for the body rule.
-  ResponseReceiver(Owner& owner, uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator,
-                   std::string method);
+  ResponseReceiver(Owner& owner, uintptr_t identity, std::shared_ptr<BufferChainAllocator> allocator);
   ~ResponseReceiver();
   ResponseReceiver(const ResponseReceiver&) = delete;
   ResponseReceiver& operator=(const ResponseReceiver&) = delete;
 
+  // For the response to a request with `method` (for the body rule), with
+  // nothing left of an earlier one. `self` refers to this receiver and
+  // lives as long as the request's use.
+  void open(StringSection method, std::weak_ptr<ResponseReceiver> self);
   // The caller's handlers.
   void setResponseHandler(const ResponseHandler& handler) { responseHandler_ = handler; }
   void setBodyDataHandler(const BodyDataHandler& handler) { bodyDataHandler_ = handler; }
-  // `self` refers to this receiver and lives as long as its owner.
-  void bind(std::weak_ptr<ResponseReceiver> self) { self_ = std::move(self); }
 
   // A piece from the connection (not empty); the receiver takes its buffers.
   void feed(BufferChain& data);
@@ -59,6 +62,8 @@ class ResponseReceiver {
   void end();
   // No handler runs any more.
   void stop();
+  // Lets go of the response handle and of everything received.
+  void close();
 
   // Bytes taken so far, head and body.
   std::size_t receivedBytes() const { return reader_.receivedBytes(); }
@@ -76,11 +81,14 @@ class ResponseReceiver {
 
   Owner& owner_;
   const uintptr_t identity_;
-  std::shared_ptr<BufferChainAllocator> allocator_;
-  const std::string method_;
+  std::string method_;
   ResponseHeadReader reader_;
-  std::unique_ptr<WebEncodingParser> parser_;
-  std::shared_ptr<NetHttpClientResponse> response_;
+  PlainEncodingParser plain_;
+  ChunkedEncodingParser chunked_;
+  WebEncodingParser* parser_ = nullptr;
+  NetHttpClientResponse response_;
+  // The caller's handle while the response is out.
+  std::shared_ptr<NetHttpClientResponse> shared_;
   bool close_ = false;
   bool paused_ = false;
   bool stopped_ = false;

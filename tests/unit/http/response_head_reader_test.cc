@@ -79,7 +79,9 @@ TEST_F(HeadReaderTest, ReadsFramingAndConnectionFields) {
   EXPECT_TRUE(reader.closeConnection());
   EXPECT_TRUE(reader.chunked());
   EXPECT_FALSE(reader.contentLengthKnown());
-  EXPECT_NE(dynamic_cast<ChunkedEncodingParser*>(reader.makeBodyParser(pool_).get()), nullptr);
+  PlainEncodingParser plain(false, 0);
+  ChunkedEncodingParser chunked(pool_);
+  EXPECT_EQ(&reader.prepareBodyParser(plain, chunked), &chunked);
 }
 
 TEST_F(HeadReaderTest, UnreadableContentLengthRunsToTheEndOfTheConnection) {
@@ -90,9 +92,29 @@ TEST_F(HeadReaderTest, UnreadableContentLengthRunsToTheEndOfTheConnection) {
   EXPECT_FALSE(reader.contentLengthKnown());
   EXPECT_TRUE(reader.closeConnection());
   EXPECT_TRUE(reader.hasBody("GET"));
-  auto parser = reader.makeBodyParser(pool_);
-  parser->end();
-  EXPECT_TRUE(parser->isFinished());
+  PlainEncodingParser plain(true, 3);
+  ChunkedEncodingParser chunked(pool_);
+  WebEncodingParser& parser = reader.prepareBodyParser(plain, chunked);
+  EXPECT_EQ(&parser, &plain);
+  parser.end();
+  EXPECT_TRUE(parser.isFinished());
+}
+
+// A reader used for one response after another starts each one afresh.
+TEST_F(HeadReaderTest, AReaderResetReadsTheNextResponseAfresh) {
+  ResponseHeadReader reader(6);
+  feed(reader, "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 5\r\n\r\nhel");
+  ASSERT_EQ(reader.state(), State::Complete);
+  reader.reset();
+  EXPECT_EQ(reader.state(), State::Collecting);
+  EXPECT_EQ(reader.receivedBytes(), 0u);
+  EXPECT_EQ(feed(reader, "HTTP/1.1 204 No Content\r\n"), State::Collecting);
+  EXPECT_EQ(feed(reader, "Server: t\r\n\r\n"), State::Complete);
+  EXPECT_EQ(reader.headers().statusCode(), 204u);
+  EXPECT_FALSE(reader.closeConnection());
+  EXPECT_FALSE(reader.contentLengthKnown());
+  EXPECT_FALSE(reader.chunked());
+  EXPECT_EQ(body(reader), "");
 }
 
 }  // namespace
