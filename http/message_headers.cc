@@ -304,41 +304,72 @@ MessageHeaders::FieldIterator MessageHeaders::begin() const {
 }
 
 MessageHeaders::FieldIterator MessageHeaders::find(StringSection name) const {
-  if (!buffer_) return end();
+  FieldIterator found;
+  findFields(&name, &found, 1);
+  return found;
+}
+
+void MessageHeaders::findFields(const StringSection* names, FieldIterator* found, std::size_t count) const {
+  // Most heads are searched for a few names, each several times: only a line
+  // whose first letter is one of theirs is decoded and compared.
+  constexpr std::size_t MaxNames = 8;
+  char firsts[MaxNames];
+  std::size_t missing = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    found[i] = end();
+    if (i < MaxNames) firsts[i] = names[i].empty() ? '\0' : foldCase(names[i][0]);
+    ++missing;
+  }
+  if (!buffer_) return;
   FieldIterator it;
   it.end_ = buffer_.get() + length_;
-  // Only a line whose first letter matches is decoded and compared: most
-  // heads are searched several times for a few names each.
-  const char first = name.empty() ? '\0' : foldCase(name[0]);
-  for (it.line_ = buffer_.get() + fieldsStart_; it.line_ < it.end_; it.line_ = it.next_) {
+  for (it.line_ = buffer_.get() + fieldsStart_; it.line_ < it.end_ && missing > 0; it.line_ = it.next_) {
     const char* lineEnd = it.extend();
     const char* start = it.line_;
     while (start != lineEnd && isWhiteSpace(*start)) ++start;
-    if (!name.empty() && (start == lineEnd || foldCase(*start) != first)) continue;
-    it.decode(lineEnd);
-    if (it.field_.name.equalsIgnoreCase(name)) return it;
+    const char first = start == lineEnd ? '\0' : foldCase(*start);
+    bool decoded = false;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (found[i] != end()) continue;
+      if (i < MaxNames && !names[i].empty() && firsts[i] != first) continue;
+      if (!decoded) {
+        it.decode(lineEnd);
+        decoded = true;
+      }
+      if (!it.field_.name.equalsIgnoreCase(names[i])) continue;
+      found[i] = it;
+      --missing;
+    }
   }
-  return end();
 }
 
 // ---- rules
 
-bool MessageHeaders::hasBody(StringSection requestMethod) const {
+MessageHeaders::Framing MessageHeaders::framing() const {
+  const StringSection names[] = {HttpHeader::ContentLength, HttpHeader::TransferEncoding};
+  FieldIterator found[2];
+  findFields(names, found, 2);
+  return Framing{found[0], found[1]};
+}
+
+bool MessageHeaders::Framing::chunked() const {
+  return encoding != FieldIterator() && encoding->value.equalsIgnoreCase("chunked");
+}
+
+bool MessageHeaders::hasBody(StringSection requestMethod, const Framing& framing) const {
   if (statusCode_ != 0) {
     if (requestMethod == StringSection("HEAD") || statusCode_ < 200 || statusCode_ == 204 || statusCode_ == 304) {
       return false;
     }
   }
-  const FieldIterator length = find(HttpHeader::ContentLength);
-  if (length != end()) {
+  if (framing.length != end()) {
     uint32_t value = 0;
     // A length that cannot be read is not a length of 0: the body is there,
     // its framing just is not known.
-    return !parseUnsigned(length->value, value) || value != 0;
+    return !parseUnsigned(framing.length->value, value) || value != 0;
   }
   if (statusCode_ != 0) return true;
-  const FieldIterator encoding = find(HttpHeader::TransferEncoding);
-  return encoding != end() && encoding->value.equalsIgnoreCase("chunked");
+  return framing.chunked();
 }
 
 void MessageHeaders::addNoCacheFields() {

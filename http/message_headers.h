@@ -123,6 +123,9 @@ class MessageHeaders {
   // The first field with this name, compared without regard to case.
   FieldIterator find(StringSection name) const;
   bool has(StringSection name) const { return find(name) != end(); }
+  // The first field of each of `count` names, in one walk; end() for a name
+  // that is not there.
+  void findFields(const StringSection* names, FieldIterator* found, std::size_t count) const;
 
   // The wire form, ending in the empty line; size 0 when invalid.
   const char* data() const { return buffer_.get(); }
@@ -136,9 +139,18 @@ class MessageHeaders {
   // 0 for a request.
   uint32_t statusCode() const { return statusCode_; }
 
+  // What the body rule reads, found in one walk: the first Content-Length
+  // and Transfer-Encoding fields (end() when absent).
+  struct Framing {
+    FieldIterator length;
+    FieldIterator encoding;
+    bool chunked() const;
+  };
+  Framing framing() const;
   // Whether a message with this head carries a body. For a response, pass
   // the method of the request it answers.
-  bool hasBody(StringSection requestMethod = StringSection()) const;
+  bool hasBody(StringSection requestMethod = StringSection()) const { return hasBody(requestMethod, framing()); }
+  bool hasBody(StringSection requestMethod, const Framing& framing) const;
   // For responses that must not be cached: adds "Cache-Control: no-cache"
   // and "Pragma: no-cache" unless the response already says how to cache.
   void addNoCacheFields();

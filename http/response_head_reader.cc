@@ -48,18 +48,15 @@ ResponseHeadReader::State ResponseHeadReader::feed(BufferChain& received) {
 }
 
 void ResponseHeadReader::checkFields() {
-  // One walk over the fields finds the first of each of the three.
+  // One walk finds the first of each of the three.
+  const StringSection names[] = {HttpHeader::Connection, HttpHeader::TransferEncoding, HttpHeader::ContentLength};
+  MessageHeaders::FieldIterator found[3];
+  headers_.findFields(names, found, 3);
   const MessageHeaders::FieldIterator none = headers_.end();
-  MessageHeaders::FieldIterator connection = none, encoding = none, length = none;
-  for (auto field = headers_.begin(); field != none; ++field) {
-    if (connection == none && field->name.equalsIgnoreCase(HttpHeader::Connection)) {
-      connection = field;
-    } else if (encoding == none && field->name.equalsIgnoreCase(HttpHeader::TransferEncoding)) {
-      encoding = field;
-    } else if (length == none && field->name.equalsIgnoreCase(HttpHeader::ContentLength)) {
-      length = field;
-    }
-  }
+  const MessageHeaders::FieldIterator& connection = found[0];
+  const MessageHeaders::FieldIterator& encoding = found[1];
+  const MessageHeaders::FieldIterator& length = found[2];
+  lengthPresent_ = length != none;
   if (connection != none && connection->value.equalsIgnoreCase("close")) {
     QLOG(Log, log::Debug, "0x%x: Response requested connection close", identity_);
     close_ = true;
@@ -98,8 +95,16 @@ void ResponseHeadReader::reset() {
   bytes_.releaseBuffers();
   received_ = 0;
   finder_.reset();
-  close_ = chunked_ = lengthKnown_ = false;
+  close_ = chunked_ = lengthKnown_ = lengthPresent_ = false;
   contentLength_ = 0;
+}
+
+bool ResponseHeadReader::hasBody(StringSection requestMethod) const {
+  const uint32_t status = headers_.statusCode();
+  if (requestMethod == StringSection("HEAD") || status < 200 || status == 204 || status == 304) return false;
+  // The rule's own reading of Content-Length, from what checkFields() found.
+  if (lengthPresent_) return !lengthKnown_ || contentLength_ != 0;
+  return true;
 }
 
 }  // namespace quorvel

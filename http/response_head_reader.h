@@ -47,7 +47,7 @@ class ResponseHeadReader {
   bool contentLengthKnown() const { return lengthKnown_; }
   uint32_t contentLength() const { return contentLength_; }
   // The body rule, for the method of the request this answers.
-  bool hasBody(StringSection requestMethod) const { return headers_.hasBody(requestMethod); }
+  bool hasBody(StringSection requestMethod) const;
 
   // The bytes after the empty line; the caller owns them.
   BufferChain takeBodyBytes();
@@ -70,6 +70,8 @@ class ResponseHeadReader {
   bool close_ = false;
   bool chunked_ = false;
   bool lengthKnown_ = false;
+  // A Content-Length field is there, read or not.
+  bool lengthPresent_ = false;
   uint32_t contentLength_ = 0;
 };
 

@@ -88,10 +88,11 @@ void RelayExchange::headComplete(const BufferChainPtr& piece) {
   auto request = std::make_shared<TargetRequest>(ref(), head_.takeHeaders());
   targetRequest_ = request;
   const MessageHeaders& headers = request->headers();
-  bodyFollows_ = headers.hasBody();
+  const MessageHeaders::Framing framing = headers.framing();
+  bodyFollows_ = headers.hasBody(StringSection(), framing);
   if (!bodyFollows_) {
     request->deliverEnd();
-  } else if (!headers.has(HttpHeader::ContentLength)) {
+  } else if (framing.length == headers.end()) {
     chunked_ = std::make_unique<ChunkedEncodingParser>(pool_);
   }
   QLOG(Log, log::Info, "%s: Forwarding request: %s %s %s", name_, headers.method(), headers.requestTarget(),

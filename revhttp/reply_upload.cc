@@ -40,10 +40,11 @@ bool ReplyUpload::makeRequest(const ExchangeRef& exchange, HttpClient& http, con
 bool ReplyUpload::start(const ExchangeRef& exchange, HttpClient& http, const std::string& url,
                         const MessageHeaders& head, StringSection method, const uint8_t* data, std::size_t length,
                         bool end) {
-  if (!head.hasBody(method)) {
+  const MessageHeaders::Framing framing = head.framing();
+  if (!head.hasBody(method, framing)) {
     body_ = Body::None;
     length = 0;
-  } else if (isChunked(head)) {
+  } else if (framing.chunked()) {
     body_ = Body::Chunked;
   }
   // The head, the first data and, when chunked, its framing go in one buffer.

@@ -89,6 +89,37 @@ TEST(MessageHeadersFields, FindIgnoresCaseAndTakesTheFirst) {
   EXPECT_EQ(headers.find("Content-Length-X"), headers.end());
 }
 
+// Several names in one walk: the first field of each, as find() gives it,
+// whatever their order, and end() for a name that is not there.
+TEST(MessageHeadersFields, FindFieldsGivesWhatFindGivesForEach) {
+  const MessageHeaders h = response(
+      "HTTP/1.1 200 OK\r\nContent-Type: a\r\n content-type-cont\r\nCONTENT-LENGTH: 5\r\nconnection: close\r\n"
+      "Content-Length: 6\r\n\r\n");
+  const StringSection names[] = {"Connection", "Transfer-Encoding", "Content-Length", "content-type"};
+  MessageHeaders::FieldIterator found[4];
+  h.findFields(names, found, 4);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(h.find(names[i]), found[i]) << names[i];
+  EXPECT_EQ("5", found[2]->value.str());
+  EXPECT_EQ(h.end(), found[1]);
+  const MessageHeaders::Framing framing = h.framing();
+  EXPECT_EQ(found[2], framing.length);
+  EXPECT_FALSE(framing.chunked());
+}
+
+// A head used for one request after another keeps its block and nothing else.
+TEST(MessageHeadersBuild, AnAssignedRequestLineReplacesEverything) {
+  MessageHeaders h = MessageHeaders::request("POST", "/a");
+  h.addField("X-Old", "1");
+  const char* block = h.data();
+  h.assignRequest("GET", "/b");
+  EXPECT_EQ("GET /b HTTP/1.1\r\n\r\n", wire(h));
+  EXPECT_EQ(block, h.data());
+  EXPECT_TRUE(fieldsOf(h).empty());
+  EXPECT_EQ("/b", h.requestTarget().str());
+  h.assignRequest("GET", std::string(600, 'x'));
+  EXPECT_FALSE(h.isValid());
+}
+
 TEST(MessageHeadersBuild, WritesStartLinesInOneBlock) {
   const MessageHeaders ok = MessageHeaders::response(HttpStatus::NotFound, HttpVersion::V11);
   EXPECT_EQ(wire(ok), "HTTP/1.1 404 Not Found\r\n\r\n");
