@@ -309,7 +309,18 @@ MessageHeaders::FieldIterator MessageHeaders::find(StringSection name) const {
   return found;
 }
 
+MessageHeaders::FieldIterator MessageHeaders::findAfter(StringSection name, const FieldIterator& field) const {
+  FieldIterator found;
+  if (field != end()) findFrom(field.next_, &name, &found, 1);
+  return found;
+}
+
 void MessageHeaders::findFields(const StringSection* names, FieldIterator* found, std::size_t count) const {
+  findFrom(buffer_ ? buffer_.get() + fieldsStart_ : nullptr, names, found, count);
+}
+
+void MessageHeaders::findFrom(const char* line, const StringSection* names, FieldIterator* found,
+                              std::size_t count) const {
   // Most heads are searched for a few names, each several times: only a line
   // whose first letter is one of theirs is decoded and compared.
   constexpr std::size_t MaxNames = 8;
@@ -320,10 +331,10 @@ void MessageHeaders::findFields(const StringSection* names, FieldIterator* found
     if (i < MaxNames) firsts[i] = names[i].empty() ? '\0' : foldCase(names[i][0]);
     ++missing;
   }
-  if (!buffer_) return;
+  if (!buffer_ || !line) return;
   FieldIterator it;
   it.end_ = buffer_.get() + length_;
-  for (it.line_ = buffer_.get() + fieldsStart_; it.line_ < it.end_ && missing > 0; it.line_ = it.next_) {
+  for (it.line_ = line; it.line_ < it.end_ && missing > 0; it.line_ = it.next_) {
     const char* lineEnd = it.extend();
     const char* start = it.line_;
     while (start != lineEnd && isWhiteSpace(*start)) ++start;

@@ -123,6 +123,8 @@ class MessageHeaders {
   // The first field with this name, compared without regard to case.
   FieldIterator find(StringSection name) const;
   bool has(StringSection name) const { return find(name) != end(); }
+  // The next field with this name after `field`, or end().
+  FieldIterator findAfter(StringSection name, const FieldIterator& field) const;
   // The first field of each of `count` names, in one walk; end() for a name
   // that is not there.
   void findFields(const StringSection* names, FieldIterator* found, std::size_t count) const;
@@ -167,6 +169,7 @@ class MessageHeaders {
   void allocateStartLine(std::size_t lineLength);
   void finishStartLine(std::size_t lineLength);
   void parseInPlace(Kind kind, std::size_t size);
+  void findFrom(const char* line, const StringSection* names, FieldIterator* found, std::size_t count) const;
   void reset();
   void clearViews();
 

@@ -21,6 +21,16 @@ struct Url {
   static std::string resolve(StringSection base, StringSection reference);
   // The url with the text before its first ":" replaced by the scheme.
   static std::string withScheme(StringSection url, StringSection scheme);
+
+  // The same parts as views into the url's own text.
+  static StringSection schemeOf(StringSection url);
+  static StringSection authorityOf(StringSection url);
+  static StringSection pathOf(StringSection url);
+  // resolve() and withScheme() written into `out`, whose room is reused:
+  // for callers that put together a URL for every request. `out` must not
+  // be the text of either argument.
+  static void resolve(StringSection base, StringSection reference, std::string& out);
+  static void withScheme(StringSection url, StringSection scheme, std::string& out);
 };
 
 }  // namespace quorvel

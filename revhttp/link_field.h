@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "http/message_headers.h"
@@ -13,5 +14,11 @@ namespace quorvel {
 // parameters in one field never match. Returns the reference of the first
 // field with the wanted relation resolved against `base`, or empty.
 std::string findLink(const MessageHeaders& headers, StringSection relation, StringSection base);
+
+// The same for several relations in one walk, unresolved: each reference as
+// it stands in its field, or a section without text (data() null) when no
+// field has that relation.
+void findLinkReferences(const MessageHeaders& headers, const StringSection* relations, StringSection* references,
+                        std::size_t count);
 
 }  // namespace quorvel

@@ -25,7 +25,7 @@ RelayExchange::RelayExchange(std::shared_ptr<Reactor> reactor, std::shared_ptr<B
 
 RelayExchange::~RelayExchange() = default;
 
-void RelayExchange::begin(uint64_t use, const std::string& name, uint64_t relaySerial,
+void RelayExchange::begin(uint64_t use, const std::string& name, StringSection replyReference, uint64_t relaySerial,
                           std::shared_ptr<WebClientRequest> relayRequest,
                           std::shared_ptr<WebClientResponse> relayResponse,
                           std::shared_ptr<WebRequestHandler> handler) {
@@ -35,8 +35,11 @@ void RelayExchange::begin(uint64_t use, const std::string& name, uint64_t relayS
   relayRequest_ = std::move(relayRequest);
   relayResponse_ = std::move(relayResponse);
   handler_ = std::move(handler);
-  replyUrl_ = findLink(relayResponse_->headers(), "reply", name_);
-  if (replyUrl_.empty()) replyUrl_ = name_;
+  if (replyReference.data()) {
+    Url::resolve(name_, replyReference, replyUrl_);
+  } else {
+    replyUrl_ = name_;
+  }
   relayBody_ = std::make_shared<BodySink>();
   const std::weak_ptr<RelayExchange> self = weak_from_this();
   relayBody_->setReadyHandler([self, use]() {
@@ -160,9 +163,9 @@ void RelayExchange::answer(const std::shared_ptr<TargetResponse>& response, cons
        head.reason());
   // Answers that carry a target response go back over plain http whatever
   // scheme the relay named.
-  const std::string url = Url::withScheme(replyUrl_, "http");
+  Url::withScheme(replyUrl_, "http", plainReplyUrl_);
   const StringSection method = targetRequest_ ? targetRequest_->headers().method() : StringSection();
-  if (!upload_.start(ref(), *http_, url, head, method, data, length, end)) done();
+  if (!upload_.start(ref(), *http_, plainReplyUrl_, head, method, data, length, end)) done();
 }
 
 void RelayExchange::pumpReply() {
@@ -216,6 +219,7 @@ void RelayExchange::reset() {
   use_ = 0;
   name_.clear();
   replyUrl_.clear();
+  plainReplyUrl_.clear();
   relaySerial_ = 0;
   relayRequest_.reset();
   relayResponse_.reset();

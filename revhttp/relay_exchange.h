@@ -40,9 +40,10 @@ class RelayExchange final : public ExchangeLink, public std::enable_shared_from_
   RelayExchange& operator=(const RelayExchange&) = delete;
 
   // Use `use` for the relay response to the GET `relayRequest` (the
-  // `relaySerial`th) from `name`. Its body is read from here on, pieces that
-  // came with the head at once.
-  void begin(uint64_t use, const std::string& name, uint64_t relaySerial,
+  // `relaySerial`th) from `name`, whose reply link has `replyReference`
+  // (no text: none). Its body is read from here on, pieces that came with
+  // the head at once.
+  void begin(uint64_t use, const std::string& name, StringSection replyReference, uint64_t relaySerial,
              std::shared_ptr<WebClientRequest> relayRequest, std::shared_ptr<WebClientResponse> relayResponse,
              std::shared_ptr<WebRequestHandler> handler);
   uint64_t relaySerial() const { return relaySerial_; }
@@ -77,8 +78,10 @@ class RelayExchange final : public ExchangeLink, public std::enable_shared_from_
 
   uint64_t use_ = 0;  // 0 while not in use (done or free)
   std::string name_;
-  // Where answers go: resolved once, when the relay response arrives.
+  // Where answers go: resolved once, when the relay response arrives; and
+  // the same over plain http, for answers that carry a target response.
   std::string replyUrl_;
+  std::string plainReplyUrl_;
   uint64_t relaySerial_ = 0;
   std::shared_ptr<WebClientRequest> relayRequest_;
   std::shared_ptr<WebClientResponse> relayResponse_;

@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "http/http_names.h"
 #include "revhttp/client_calls.h"
+#include "http/url.h"
 #include "revhttp/link_field.h"
 
 namespace quorvel {
@@ -36,7 +37,13 @@ void RelayPoll::requestStep() {
   QLOG(Log, log::Debug, "Starting relay request to %s", url_);
   std::shared_ptr<WebClientRequest> request;
   try {
-    request = requestTo(*http_, "GET", url_);
+    // The relay names the same URL again and again: it is taken apart only
+    // when it changes.
+    if (partsUrl_ != url_) {
+      parts_.set(url_);
+      partsUrl_ = url_;
+    }
+    request = requestTo(*http_, "GET", parts_);
   } catch (const std::exception& error) {
     QLOG(Log, log::Notice, "GET request to %s failed: %s", url_, error.what());
     awaitedSerial_ = 0;
@@ -81,18 +88,37 @@ void RelayPoll::onResponse(uint64_t serial, const std::shared_ptr<WebClientRespo
       fail();
       return;
     }
+  }
+  // Both links in one walk; the reply link only for a relayed request.
+  const StringSection relations[] = {"next", "reply"};
+  StringSection links[2];
+  findLinkReferences(headers, relations, links, status == 204 ? 1 : 2);
+  if (status != 204) {
     std::shared_ptr<RelayExchange> exchange = obtainExchange();
     active_.push_back(exchange);
-    exchange->begin(++lastUse_, url_, serial, request_, response, handler_);
+    exchange->begin(++lastUse_, url_, links[1], serial, request_, response, handler_);
   }
 
-  url_ = findLink(headers, "next", url_);
-  if (url_.empty()) {
+  if (!links[0].data()) {
+    url_.clear();
     QLOG(Log, log::Notice, "Relay response has no Link field");
     fail();
     return;
   }
+  follow(links[0]);
   requestStep();
+}
+
+void RelayPoll::follow(StringSection reference) {
+  // Mostly the relay names the same link against the URL it gave last time.
+  if (url_ == followedBase_ && reference == StringSection(followedReference_)) {
+    url_ = followedUrl_;
+    return;
+  }
+  followedBase_ = url_;
+  followedReference_.assign(reference.data(), reference.size());
+  Url::resolve(followedBase_, reference, followedUrl_);
+  url_ = followedUrl_;
 }
 
 void RelayPoll::onError(uint64_t serial, const boost::system::error_code& code) {

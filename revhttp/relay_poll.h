@@ -13,6 +13,7 @@
 #include "core/reactor.h"
 #include "http/http_client.h"
 #include "http/web_request.h"
+#include "revhttp/client_calls.h"
 #include "revhttp/relay_exchange.h"
 
 namespace quorvel {
@@ -47,6 +48,8 @@ class RelayPoll : public std::enable_shared_from_this<RelayPoll> {
   static constexpr std::size_t FreeListLimit = 32;
 
   void requestStep();
+  // The relay URL becomes `reference` resolved against it.
+  void follow(StringSection reference);
   void onResponse(uint64_t serial, const std::shared_ptr<WebClientResponse>& response);
   void onError(uint64_t serial, const boost::system::error_code& code);
   void fail();
@@ -60,6 +63,11 @@ class RelayPoll : public std::enable_shared_from_this<RelayPoll> {
   std::shared_ptr<WebRequestHandler> handler_;
   FailedCallback onFailed_;
   std::string url_;
+  // url_ taken apart for the client, and the URL it was taken from.
+  UrlParts parts_;
+  std::string partsUrl_;
+  // The last link followed: against what, which, and where it led.
+  std::string followedBase_, followedReference_, followedUrl_;
 
   std::shared_ptr<WebClientRequest> request_;
   // The serial of the GET whose response head is awaited, 0 once it has been

@@ -20,7 +20,8 @@ ReplyUpload::ReplyUpload(std::shared_ptr<BufferChainAllocator> pool, const std::
 bool ReplyUpload::makeRequest(const ExchangeRef& exchange, HttpClient& http, const std::string& url) {
   std::shared_ptr<WebClientRequest> request;
   try {
-    request = requestTo(http, "POST", url);
+    url_.set(url);
+    request = requestTo(http, "POST", url_);
   } catch (const std::exception& error) {
     QLOG(Log, log::Notice, "%s: Reply request to %s failed: %s", name_, url, error.what());
     return false;

@@ -10,6 +10,7 @@
 #include "http/http_names.h"
 #include "http/message_headers.h"
 #include "http/web_client.h"
+#include "revhttp/client_calls.h"
 #include "revhttp/exchange_link.h"
 
 namespace quorvel {
@@ -58,6 +59,8 @@ class ReplyUpload {
   const std::string& name_;
   ExchangeRef exchange_;
   std::shared_ptr<WebClientRequest> request_;
+  // The reply URL taken apart, its strings kept from use to use.
+  UrlParts url_;
   std::shared_ptr<BodySource> source_;
   std::string simpleBody_;
   Body body_ = Body::Plain;

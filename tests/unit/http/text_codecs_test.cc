@@ -89,6 +89,19 @@ TEST(Url, ReplacesOnlyTheScheme) {
   EXPECT_EQ(Url::withScheme("relay.test/reply", "http"), "relay.test/reply");
 }
 
+// Written into a string kept from URL to URL: what it held before is gone.
+TEST(Url, WritesIntoAStringItReplaces) {
+  std::string out = "https://left.over/from/before/and/longer";
+  Url::resolve("https://relay.test/a/b", "next/1", out);
+  EXPECT_EQ(out, "https://relay.test/a/next/1");
+  Url::withScheme("https://relay.test/reply/1", "http", out);
+  EXPECT_EQ(out, "http://relay.test/reply/1");
+  Url::resolve("https://relay.test/a/b", "", out);
+  EXPECT_EQ(out, "https://relay.test/a/b");
+  EXPECT_EQ(Url::pathOf("https://relay.test:8443/rhttp/x?y=/z").str(), "/rhttp/x?y=/z");
+  EXPECT_EQ(Url::authorityOf("http://host").str(), "host");
+}
+
 TEST(PercentEncoding, EncodesAllButUnreservedBytes) {
   EXPECT_EQ(PercentEncoding::encode(" "), "%20");
   EXPECT_EQ(PercentEncoding::encode("~"), "~");

@@ -46,5 +46,20 @@ TEST(LinkField, MalformedFieldsAreSkippedAndTheFirstMatchWins) {
             "https://k.relay.test/r/3");
 }
 
+// The relay loop reads "next" and "reply" in one walk, unresolved; a missing
+// one has no text at all, while "<>" is a reference to the base.
+TEST(LinkField, SeveralRelationsInOneWalk) {
+  const std::string head =
+      "HTTP/1.1 200 OK\r\nLink: <>; rel=reply\r\nLink: </r/2>; rel=next\r\nLink: </r/3>; rel=reply\r\n";
+  const MessageHeaders headers = MessageHeaders::parseResponse(head.data(), head.size());
+  const StringSection relations[] = {"next", "reply", "first"};
+  StringSection found[3];
+  findLinkReferences(headers, relations, found, 3);
+  EXPECT_EQ("/r/2", found[0].str());
+  ASSERT_NE(nullptr, found[1].data());
+  EXPECT_TRUE(found[1].empty());
+  EXPECT_EQ(nullptr, found[2].data());
+}
+
 }  // namespace
 }  // namespace quorvel
