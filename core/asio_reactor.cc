@@ -7,6 +7,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "core/handler_memory.h"
 #include "core/log.h"
 
 namespace quorvel {
@@ -36,7 +37,7 @@ AsioReactor::AsioReactor(std::shared_ptr<TimeProvider> timeProvider)
 AsioReactor::~AsioReactor() = default;
 
 void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
-  boost::asio::post(io_, GuardedTask{token, std::move(task)});
+  boost::asio::post(io_, pooled(GuardedTask{token, std::move(task)}));
 }
 
 void AsioReactor::scheduleAt(const LifetimeToken& token, SteadyTime when, Delegate<void()> task) {

@@ -8,6 +8,7 @@
 #include <boost/asio/ip/udp.hpp>
 #include <boost/asio/write.hpp>
 
+#include "core/handler_memory.h"
 #include "core/log.h"
 #include "net/asio_socket_factory.h"
 
@@ -19,12 +20,32 @@ const log::Log Log("asiosocket");
 using boost::asio::ip::tcp;
 using boost::asio::ip::udp;
 
+// What a transfer needs until it completes, in one block: asio copies the
+// buffer list it is given into its operation and moves the handler from
+// layer to layer, and with the block both are a pointer. Blocks are kept by
+// the socket and used again, list capacity and all.
+template <typename Buffer>
+struct Transfer {
+  std::vector<Buffer> pieces;
+  BufferChainPtr buffers;
+  AsyncSocket::TransferCallback callback;
+};
+
+template <typename Buffer>
+using TransferPtr = std::unique_ptr<Transfer<Buffer>>;
+
 // What outstanding operations keep alive: the socket itself, so that the
-// AsyncSocket object may go while they are in flight.
+// AsyncSocket object may go while they are in flight; and the transfer
+// blocks of completed operations, for the next ones.
 template <typename S>
 struct SocketState {
   explicit SocketState(boost::asio::io_context& io) : socket(io) {}
   S socket;
+  std::vector<TransferPtr<boost::asio::const_buffer>> spareSends;
+  std::vector<TransferPtr<boost::asio::mutable_buffer>> spareReceives;
+
+  auto& spares(const boost::asio::const_buffer*) { return spareSends; }
+  auto& spares(const boost::asio::mutable_buffer*) { return spareReceives; }
 };
 
 // The operations common to stream and datagram sockets.
@@ -40,9 +61,9 @@ class AsioSocket : public AsyncSocket {
 
   void connect(const SocketAddress& address, const ConnectCallback& callback) override {
     state_->socket.async_connect(asio_detail::toEndpoint<Endpoint>(address),
-                                 [state = state_, callback](const boost::system::error_code& error) {
+                                 pooled([state = state_, callback](const boost::system::error_code& error) {
                                    if (callback) callback(asio_detail::errorNumber(error));
-                                 });
+                                 }));
   }
 
   void setOption(int level, int name, const void* value, std::size_t length) override {
@@ -60,15 +81,6 @@ class AsioSocket : public AsyncSocket {
   void close() override { asio_detail::cancelAndClose(state_->socket); }
 
  protected:
-  // What a transfer needs until it completes, in one block: asio copies the
-  // buffer list it is given into its operation and moves the handler from
-  // layer to layer, and with the block both are a pointer.
-  template <typename Buffer>
-  struct Transfer {
-    std::vector<Buffer> pieces;
-    BufferChainPtr buffers;
-    TransferCallback callback;
-  };
   // A buffer sequence that refers to a transfer's list.
   template <typename Buffer>
   struct Pieces {
@@ -77,16 +89,31 @@ class AsioSocket : public AsyncSocket {
     typename std::vector<Buffer>::const_iterator end() const { return list->end(); }
   };
 
-  // Calls start(pieces, handler) to begin the asio operation. The state
-  // stays alive with the handler, so the socket may go while it is in flight.
+  // Calls start(pieces, handler) to begin the asio operation over `buffers`.
+  // The state stays alive with the handler, so the socket may go while it
+  // is in flight.
   template <typename Buffer, typename Start>
-  void transfer(std::vector<Buffer> pieces, const BufferChainPtr& buffers, const TransferCallback& callback,
-                Start start) {
-    auto op = std::make_unique<Transfer<Buffer>>(Transfer<Buffer>{std::move(pieces), buffers, callback});
+  void transfer(const BufferChainPtr& buffers, const TransferCallback& callback, Start start) {
+    auto& spares = state_->spares(static_cast<const Buffer*>(nullptr));
+    TransferPtr<Buffer> op;
+    if (spares.empty()) {
+      op = std::make_unique<Transfer<Buffer>>();
+    } else {
+      op = std::move(spares.back());
+      spares.pop_back();
+    }
+    asio_detail::fillBuffers(buffers, op->pieces);
+    op->buffers = buffers;
+    op->callback = callback;
     const Pieces<Buffer> list{&op->pieces};
-    start(list, [state = state_, op = std::move(op)](const boost::system::error_code& error, std::size_t bytes) {
+    start(list, pooled([state = state_, op = std::move(op)](const boost::system::error_code& error,
+                                                            std::size_t bytes) mutable {
       if (op->callback) op->callback(asio_detail::errorNumber(error), bytes);
-    });
+      // Kept for the socket's next transfer; what it held goes now.
+      op->buffers.reset();
+      op->callback.clear();
+      state->spares(static_cast<const Buffer*>(nullptr)).push_back(std::move(op));
+    }));
   }
 
   std::shared_ptr<AsioReactor> reactor_;
@@ -102,7 +129,7 @@ class AsioStreamSocket : public AsioSocket<S> {
 
   // Writes the whole chain.
   void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->transfer(asio_detail::constBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+    this->template transfer<boost::asio::const_buffer>(buffers, callback, [this](auto pieces, auto handler) {
       boost::asio::async_write(this->state_->socket, pieces, std::move(handler));
     });
   }
@@ -113,7 +140,7 @@ class AsioStreamSocket : public AsioSocket<S> {
 
   // Whatever is available, up to the chain's size.
   void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->transfer(asio_detail::mutableBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+    this->template transfer<boost::asio::mutable_buffer>(buffers, callback, [this](auto pieces, auto handler) {
       this->state_->socket.async_read_some(pieces, std::move(handler));
     });
   }
@@ -133,20 +160,20 @@ class AsioDatagramSocket : public AsioSocket<S> {
 
   // One datagram to the connected peer.
   void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->transfer(asio_detail::constBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+    this->template transfer<boost::asio::const_buffer>(buffers, callback, [this](auto pieces, auto handler) {
       this->state_->socket.async_send(pieces, std::move(handler));
     });
   }
 
   void sendTo(const BufferChainPtr& buffers, const SocketAddress& to, const TransferCallback& callback) override {
     const Endpoint endpoint = asio_detail::toEndpoint<Endpoint>(to);
-    this->transfer(asio_detail::constBuffers(buffers), buffers, callback, [this, &endpoint](auto pieces, auto handler) {
+    this->template transfer<boost::asio::const_buffer>(buffers, callback, [this, &endpoint](auto pieces, auto handler) {
       this->state_->socket.async_send_to(pieces, endpoint, std::move(handler));
     });
   }
 
   void receive(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->transfer(asio_detail::mutableBuffers(buffers), buffers, callback, [this](auto pieces, auto handler) {
+    this->template transfer<boost::asio::mutable_buffer>(buffers, callback, [this](auto pieces, auto handler) {
       this->state_->socket.async_receive(pieces, std::move(handler));
     });
   }
@@ -273,21 +300,25 @@ void logBindFailure(const SocketAddress& address, int error) {
 }
 
 template <typename AsioBuffer>
-std::vector<AsioBuffer> asioBuffers(const BufferChainPtr& buffers) {
-  std::vector<AsioBuffer> result;
-  if (buffers) {
-    result.reserve(buffers.chain().count());  // a read chain has up to 64 buffers: one allocation, not seven
-    for (Buffer* b = buffers.chain().first(); b; b = b->next) result.emplace_back(b->data(), b->length);
-  }
+void fillBuffers(const BufferChainPtr& buffers, std::vector<AsioBuffer>& out) {
+  out.clear();
+  if (!buffers) return;
+  for (Buffer* b = buffers.chain().first(); b; b = b->next) out.emplace_back(b->data(), b->length);
+}
+
+template void fillBuffers(const BufferChainPtr&, std::vector<boost::asio::const_buffer>&);
+template void fillBuffers(const BufferChainPtr&, std::vector<boost::asio::mutable_buffer>&);
+
+std::vector<boost::asio::const_buffer> constBuffers(const BufferChainPtr& buffers) {
+  std::vector<boost::asio::const_buffer> result;
+  fillBuffers(buffers, result);
   return result;
 }
 
-std::vector<boost::asio::const_buffer> constBuffers(const BufferChainPtr& buffers) {
-  return asioBuffers<boost::asio::const_buffer>(buffers);
-}
-
 std::vector<boost::asio::mutable_buffer> mutableBuffers(const BufferChainPtr& buffers) {
-  return asioBuffers<boost::asio::mutable_buffer>(buffers);
+  std::vector<boost::asio::mutable_buffer> result;
+  fillBuffers(buffers, result);
+  return result;
 }
 
 void setOption(int handle, int level, int name, const void* value, std::size_t length) {

@@ -15,6 +15,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
+#include "core/handler_memory.h"
 #include "core/log.h"
 #include "net/asio_socket.h"
 
@@ -171,41 +172,63 @@ void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback&
       });
 }
 
+std::unique_ptr<SslTransfer> SslSocketState::takeTransfer(const BufferChainPtr& buffers,
+                                                          const AsyncSocket::TransferCallback& callback) {
+  std::unique_ptr<SslTransfer> transfer;
+  if (spares.empty()) {
+    transfer = std::make_unique<SslTransfer>();
+  } else {
+    transfer = std::move(spares.back());
+    spares.pop_back();
+  }
+  transfer->buffers = buffers;
+  transfer->callback = callback;
+  return transfer;
+}
+
+void SslSocketState::giveBack(std::unique_ptr<SslTransfer> transfer) {
+  transfer->buffers.reset();
+  transfer->callback.clear();
+  spares.push_back(std::move(transfer));
+}
+
 void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& callback) {
   // Every write becomes at least one TLS record, so a chain of small buffers
   // is gathered first rather than sent as a record per buffer. The write's
   // own block holds all it needs, so the handler that asio moves from layer
   // to layer carries two pointers and no Delegate.
-  struct Write {
-    BufferChainPtr buffers;
-    TransferCallback callback;
-    std::vector<char> gathered;
-  };
-  auto write = std::make_unique<Write>(Write{buffers, callback, {}});
-  const std::vector<boost::asio::const_buffer> pieces = asio_detail::constBuffers(buffers);
+  auto state = state_;
+  std::unique_ptr<SslTransfer> write = state->takeTransfer(buffers, callback);
   std::size_t total = 0;
-  for (const auto& piece : pieces) total += piece.size();
+  std::size_t count = 0;
   boost::asio::const_buffer whole;
-  if (pieces.size() > 1) {
+  if (buffers) {
+    for (Buffer* b = buffers.chain().first(); b; b = b->next) {
+      total += b->length;
+      ++count;
+      whole = boost::asio::const_buffer(b->data(), b->length);
+    }
+  }
+  if (count > 1) {
+    write->gathered.clear();
     write->gathered.reserve(total);
-    for (const auto& piece : pieces) {
-      const char* data = static_cast<const char*>(piece.data());
-      write->gathered.insert(write->gathered.end(), data, data + piece.size());
+    for (Buffer* b = buffers.chain().first(); b; b = b->next) {
+      const char* data = reinterpret_cast<const char*>(b->data());
+      write->gathered.insert(write->gathered.end(), data, data + b->length);
     }
     whole = boost::asio::buffer(write->gathered);
-  } else if (!pieces.empty()) {
-    whole = pieces.front();
   }
-  auto state = state_;
-  boost::asio::async_write(state->stream, whole,
-                           [state, write = std::move(write), total](const error_code& error, std::size_t bytes) {
-                             logTransferFailure(*state, "Send", error);
-                             // A stream whose handshake failed takes nothing and says nothing:
-                             // the write ends short without an error.
-                             int code = transferError(*state, error);
-                             if (!code && bytes < total) code = SslStreamError;
-                             if (write->callback) write->callback(code, bytes);
-                           });
+  boost::asio::async_write(
+      state->stream, whole,
+      pooled([state, write = std::move(write), total](const error_code& error, std::size_t bytes) mutable {
+        logTransferFailure(*state, "Send", error);
+        // A stream whose handshake failed takes nothing and says nothing:
+        // the write ends short without an error.
+        int code = transferError(*state, error);
+        if (!code && bytes < total) code = SslStreamError;
+        if (write->callback) write->callback(code, bytes);
+        state->giveBack(std::move(write));
+      }));
 }
 
 void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) {
@@ -217,12 +240,9 @@ void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallbac
   // decrypted is then taken into the following buffers without waiting.
   // The read's own block holds all it needs, so the handler that asio moves
   // from layer to layer carries two pointers and no Delegate.
-  struct Read {
-    std::vector<boost::asio::mutable_buffer> pieces;
-    BufferChainPtr buffers;
-    TransferCallback callback;
-  };
-  auto read = std::make_unique<Read>(Read{asio_detail::mutableBuffers(buffers), buffers, callback});
+  auto state = state_;
+  std::unique_ptr<SslTransfer> read = state->takeTransfer(buffers, callback);
+  asio_detail::fillBuffers(buffers, read->pieces);
   // The stream reads into the first piece that has room and nothing more, so
   // it is given that one alone rather than a copy of the list.
   boost::asio::mutable_buffer first;
@@ -232,31 +252,33 @@ void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallbac
       break;
     }
   }
-  auto state = state_;
-  state->stream.async_read_some(first, [state, read = std::move(read)](const error_code& error, std::size_t bytes) {
-    if (error) {
-      logTransferFailure(*state, "Receive", error);
-      if (read->callback) read->callback(transferError(*state, error), bytes);
-      return;
-    }
-    SSL* ssl = state->stream.native_handle();
-    auto piece = read->pieces.begin();
-    while (piece != read->pieces.end() && piece->size() == 0) ++piece;
-    std::size_t offset = bytes;
-    while (piece != read->pieces.end() && SSL_pending(ssl) > 0) {
-      if (offset == piece->size()) {
-        ++piece;
-        offset = 0;
-        continue;
-      }
-      const int room = static_cast<int>(std::min<std::size_t>(piece->size() - offset, 1 << 30));
-      const int got = SSL_read(ssl, static_cast<char*>(piece->data()) + offset, room);
-      if (got <= 0) break;
-      offset += static_cast<std::size_t>(got);
-      bytes += static_cast<std::size_t>(got);
-    }
-    if (read->callback) read->callback(0, bytes);
-  });
+  state->stream.async_read_some(
+      first, pooled([state, read = std::move(read)](const error_code& error, std::size_t bytes) mutable {
+        if (error) {
+          logTransferFailure(*state, "Receive", error);
+          if (read->callback) read->callback(transferError(*state, error), bytes);
+          state->giveBack(std::move(read));
+          return;
+        }
+        SSL* ssl = state->stream.native_handle();
+        auto piece = read->pieces.begin();
+        while (piece != read->pieces.end() && piece->size() == 0) ++piece;
+        std::size_t offset = bytes;
+        while (piece != read->pieces.end() && SSL_pending(ssl) > 0) {
+          if (offset == piece->size()) {
+            ++piece;
+            offset = 0;
+            continue;
+          }
+          const int room = static_cast<int>(std::min<std::size_t>(piece->size() - offset, 1 << 30));
+          const int got = SSL_read(ssl, static_cast<char*>(piece->data()) + offset, room);
+          if (got <= 0) break;
+          offset += static_cast<std::size_t>(got);
+          bytes += static_cast<std::size_t>(got);
+        }
+        if (read->callback) read->callback(0, bytes);
+        state->giveBack(std::move(read));
+      }));
 }
 
 void AsioSslSocket::receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) {

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
@@ -11,6 +12,16 @@
 #include "net/ssl_socket.h"
 
 namespace quorvel {
+
+// A TLS write's or read's block: what the operation needs until it
+// completes. Kept by the socket and used again, lists and all.
+struct SslTransfer {
+  BufferChainPtr buffers;
+  AsyncSocket::TransferCallback callback;
+  // A write of several pieces is gathered here; a read keeps its pieces.
+  std::vector<char> gathered;
+  std::vector<boost::asio::mutable_buffer> pieces;
+};
 
 // What outstanding operations keep alive. The context goes with the stream
 // because the stream's OpenSSL object refers to it.
@@ -25,6 +36,10 @@ struct SslSocketState {
   // read the rest of a record), where it fails as EBADF rather than as
   // cancelled.
   bool closed = false;
+  std::vector<std::unique_ptr<SslTransfer>> spares;
+
+  std::unique_ptr<SslTransfer> takeTransfer(const BufferChainPtr& buffers, const AsyncSocket::TransferCallback& callback);
+  void giveBack(std::unique_ptr<SslTransfer> transfer);
 };
 
 // A TLS client connection with the plain stream socket's semantics: send
