@@ -135,6 +135,10 @@ class DataSourceImpl {
   // Throws BadCallError "Can't connect expired handle" when the sink is gone.
   // A source connects once; a second connect moves it to the new sink.
   void connect(const std::weak_ptr<DataSinkImpl<T>>& handle);
+  // For a consumer that wants nothing of the stream: as if connected to a
+  // sink that has gone. Items are dropped, now and from then on, and a
+  // producer waiting for room goes on.
+  void discard();
   bool isConnected() const { return connected_; }
 
   // Runs when a blocked source may put again (inside the consumer's take() or
@@ -241,6 +245,18 @@ void DataSourceImpl<T>::connect(const std::weak_ptr<DataSinkImpl<T>>& handle) {
   }
   if (ended_) sink->end();
   if (link_->waiting && !sink->isFull()) {
+    link_->waiting = false;
+    Delegate<void()> handler = link_->unblocked;
+    if (handler) handler();
+  }
+}
+
+template <typename T>
+void DataSourceImpl<T>::discard() {
+  sink_.reset();
+  connected_ = true;
+  pending_.clear();
+  if (link_->waiting) {
     link_->waiting = false;
     Delegate<void()> handler = link_->unblocked;
     if (handler) handler();

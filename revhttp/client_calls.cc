@@ -1,6 +1,5 @@
 #include "revhttp/client_calls.h"
 
-#include <limits>
 
 #include "http/url.h"
 
@@ -30,13 +29,7 @@ std::shared_ptr<WebClientRequest> requestTo(HttpClient& client, const char* meth
   return requestTo(client, method, parts);
 }
 
-void discardBody(const std::shared_ptr<WebClientResponse>& response) {
-  // A source whose sink has gone drops what it is given without holding the
-  // producer back, and a sink that is never full lets go of a producer
-  // waiting already.
-  auto sink = std::make_shared<BodySink>(std::numeric_limits<std::size_t>::max());
-  response->body().connect(sink);
-}
+void discardBody(const std::shared_ptr<WebClientResponse>& response) { response->body().discard(); }
 
 void discardInto(const std::shared_ptr<BodySink>& sink) {
   if (!sink) return;

@@ -192,21 +192,10 @@ void RelayExchange::done() {
   discardInto(relayBody_);
   if (targetResponse_) discardInto(targetResponse_->bodySink().lock());
   upload_.abandon();
+  // What it holds may be running callbacks now: it lets go of them in
+  // reset(), when the relay poll takes the exchange back at its next
+  // response.
   if (onDone_) onDone_(*this);
-  struct Held {
-    std::shared_ptr<WebClientRequest> relayRequest;
-    std::shared_ptr<WebClientResponse> relayResponse;
-    std::shared_ptr<BodySink> relayBody;
-    std::shared_ptr<TargetRequest> targetRequest;
-    std::shared_ptr<TargetResponse> targetResponse;
-    std::shared_ptr<WebClientRequest> replyRequest;
-    std::shared_ptr<BodySource> replySource;
-    void reset() { *this = Held(); }
-  };
-  releaseLater(*reactor_, token_,
-               Held{std::move(relayRequest_), std::move(relayResponse_), std::move(relayBody_),
-                    std::move(targetRequest_), std::move(targetResponse_), upload_.takeRequest(),
-                    upload_.takeSource()});
 }
 
 void RelayExchange::cancel() {

@@ -51,7 +51,8 @@ class RelayExchange final : public ExchangeLink, public std::enable_shared_from_
   void onRelayError(const boost::system::error_code& code);
   // The relay client is going: everything stops, no callback follows.
   void cancel();
-  // Forgets the last use, once it is over and its callbacks have run.
+  // Forgets the last use, once it is over and its callbacks have run, and
+  // lets go of everything it held.
   void reset();
 
   bool isInUse(uint64_t use) const override { return use_ != 0 && use_ == use; }
@@ -97,7 +98,6 @@ class RelayExchange final : public ExchangeLink, public std::enable_shared_from_
   std::shared_ptr<TargetRequest> targetRequest_;
   std::shared_ptr<TargetResponse> targetResponse_;
   ReplyUpload upload_;
-  LifetimeToken token_ = makeLifetimeToken();
 };
 
 }  // namespace quorvel

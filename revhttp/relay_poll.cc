@@ -50,7 +50,9 @@ void RelayPoll::requestStep() {
     fail();
     return;
   }
-  if (request_) releaseLater(*reactor_, token_, std::move(request_));
+  // The last GET may be the one whose callback this is: it goes at the next
+  // step, when it is surely off the stack.
+  previousRequest_ = std::move(request_);
   request_ = request;
   const uint64_t serial = awaitedSerial_ = ++lastSerial_;
   const std::weak_ptr<RelayPoll> self = weak_from_this();

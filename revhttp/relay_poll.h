@@ -70,6 +70,7 @@ class RelayPoll : public std::enable_shared_from_this<RelayPoll> {
   std::string followedBase_, followedReference_, followedUrl_;
 
   std::shared_ptr<WebClientRequest> request_;
+  std::shared_ptr<WebClientRequest> previousRequest_;
   // The serial of the GET whose response head is awaited, 0 once it has been
   // handled: late callbacks of earlier GETs are told apart.
   uint64_t awaitedSerial_ = 0;
@@ -79,7 +80,6 @@ class RelayPoll : public std::enable_shared_from_this<RelayPoll> {
   std::vector<std::shared_ptr<RelayExchange>> active_;
   std::vector<std::shared_ptr<RelayExchange>> finished_;
   std::vector<std::shared_ptr<RelayExchange>> free_;
-  LifetimeToken token_ = makeLifetimeToken();
 };
 
 }  // namespace quorvel

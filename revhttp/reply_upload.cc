@@ -70,15 +70,15 @@ bool ReplyUpload::start(const ExchangeRef& exchange, HttpClient& http, const std
 
   if (!makeRequest(exchange, http, url)) return false;
   request_->startStreaming();
-  source_ = std::make_shared<BodySource>();
-  source_->setUnblockedHandler([exchange]() { exchange.with([](ExchangeLink& link) { link.pumpReply(); }); });
+  sourceInUse_ = true;
+  source_.setUnblockedHandler([exchange]() { exchange.with([](ExchangeLink& link) { link.pumpReply(); }); });
   try {
-    source_->connect(request_->bodySink());
+    source_.connect(request_->bodySink());
   } catch (const BadCallError&) {
     QLOG(Log, log::Notice, "%s: Reply request to %s takes no body", name_, url);
     return false;
   }
-  const std::shared_ptr<BodySource> upload = source_;
+  BodySource* const upload = &source_;
   upload->put(first);
   if (!exchange.isActive()) return true;
   if (end) {
@@ -102,7 +102,7 @@ bool ReplyUpload::startSimple(const ExchangeRef& exchange, HttpClient& http, con
 }
 
 bool ReplyUpload::pump(BodySink& body) {
-  if (!source_ || complete_) return true;
+  if (!sourceInUse_ || complete_) return true;
   // Putting into the upload may let it take more at once, which calls back in
   // here; the outer call goes round again instead.
   if (pumping_) {
@@ -110,7 +110,7 @@ bool ReplyUpload::pump(BodySink& body) {
     return true;
   }
   const ExchangeRef exchange = exchange_;
-  const std::shared_ptr<BodySource> upload = source_;
+  BodySource* const upload = &source_;
   pumping_ = true;
   do {
     pumpAgain_ = false;
@@ -169,6 +169,7 @@ void ReplyUpload::reset() {
   exchange_ = ExchangeRef();
   request_.reset();
   source_.reset();
+  sourceInUse_ = false;
   simpleBody_.clear();
   body_ = Body::Plain;
   framer_ = ChunkFramer();

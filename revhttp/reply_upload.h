@@ -42,9 +42,7 @@ class ReplyUpload {
   void cancel() {
     if (request_) request_->cancel();
   }
-  // What must outlive the callbacks that may be running now.
-  std::shared_ptr<WebClientRequest> takeRequest() { return std::move(request_); }
-  std::shared_ptr<BodySource> takeSource() { return std::move(source_); }
+  // Lets go of the request and of the body source's stream, for the next use.
   void reset();
 
  private:
@@ -61,7 +59,10 @@ class ReplyUpload {
   std::shared_ptr<WebClientRequest> request_;
   // The reply URL taken apart, its strings kept from use to use.
   UrlParts url_;
-  std::shared_ptr<BodySource> source_;
+  // Used for one reply after another; a sink of an earlier one hears no
+  // more from it.
+  BodySource source_;
+  bool sourceInUse_ = false;
   std::string simpleBody_;
   Body body_ = Body::Plain;
   ChunkFramer framer_;

@@ -181,5 +181,46 @@ TEST(DataStream, FeedSinkDeliversHandlerCallsToASink) {
   handler("after", false);  // dropped, no crash
 }
 
+// A consumer that wants nothing: what waits is dropped, a producer held back
+// goes on, and everything after is taken without holding it back.
+TEST(DataStream, ADiscardedSourceDropsEverythingAndHoldsNothingBack) {
+  Source source;
+  bool unblocked = false;
+  source.setUnblockedHandler([&] { unblocked = true; });
+  EXPECT_FALSE(source.put("waiting"));
+  source.discard();
+  EXPECT_TRUE(unblocked);
+  EXPECT_FALSE(source.isBlocked());
+  EXPECT_TRUE(source.put("more"));
+  source.end();
+  EXPECT_TRUE(source.isEnded());
+}
+
+// A sink and a source used for stream after stream: after a reset neither
+// reaches what the other end of the last stream was.
+TEST(DataStream, ResetEndsAreStrangersToTheLastStream) {
+  auto sink = std::make_shared<Sink>(1);
+  Source source;
+  int unblocks = 0;
+  source.setUnblockedHandler([&] { ++unblocks; });
+  source.connect(sink);
+  EXPECT_FALSE(source.put("a"));  // the sink is full
+  source.reset();
+  source.setUnblockedHandler([&] { ++unblocks; });
+  auto next = std::make_shared<Sink>(1);
+  source.connect(next);
+  EXPECT_FALSE(source.put("b"));  // waiting again, in the new stream
+  EXPECT_EQ(sink->take(), "a");   // the old sink makes room: not for this stream
+  EXPECT_EQ(unblocks, 0);
+  EXPECT_FALSE(sink->hasItem());
+  EXPECT_EQ(next->take(), "b");
+  EXPECT_EQ(unblocks, 1);
+  sink->put("x");
+  sink->end();
+  sink->reset();
+  EXPECT_FALSE(sink->hasItem());
+  EXPECT_FALSE(sink->endArrived());
+}
+
 }  // namespace
 }  // namespace quorvel

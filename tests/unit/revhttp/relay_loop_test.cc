@@ -347,6 +347,45 @@ TEST_F(RelayLoop, AnEarlyReplyResponseCancelsTheUploadAndStaleHandlesDoNothing) 
   reactor->runDue();
 }
 
+// An exchange whose upload failed half way is used again for the next
+// relayed request: that one's reply carries its own answer only, and the
+// first answer's body, still coming, reaches neither reply.
+TEST_F(RelayLoop, AnUploadUsedAgainCarriesNothingOver) {
+  std::vector<std::shared_ptr<WebResponse>> responses;
+  handler->onRequest = [&responses](const std::shared_ptr<WebRequest>& request) {
+    responses.push_back(request->createResponse(HttpStatus::Ok));
+    if (responses.size() == 1) {
+      responses.back()->start();
+    } else {
+      responses.back()->send("two", 3);
+    }
+  };
+  registered();
+  relay({"GET /one HTTP/1.1\r\n\r\n"});
+  std::shared_ptr<FakeClientRequest> first = replyPost();
+  ASSERT_NE(first, nullptr);
+  BodySource producer;
+  producer.connect(responses[0]->bodySink());
+  producer.put(bodyPiece("one"));
+  first->complete(Reset);
+  EXPECT_EQ(client->activeCount(), 0u);
+  const std::string firstBody = first->body.text();
+
+  relay({"GET /two HTTP/1.1\r\n\r\n"}, NextLink);
+  EXPECT_EQ(client->freeCount(), 0u);  // the first exchange's object, used again
+  std::shared_ptr<FakeClientRequest> second = replyPost();
+  ASSERT_NE(second, first);
+  EXPECT_EQ(url(*second), "http://k1.relay.test/rhttp/relay/k1/2");
+  EXPECT_EQ(second->body.text(), "HTTP/1.1 200 OK\r\n\r\ntwo");
+  EXPECT_TRUE(second->body.ended());
+  producer.put(bodyPiece("late"));
+  producer.end();
+  EXPECT_EQ(second->body.text(), "HTTP/1.1 200 OK\r\n\r\ntwo");
+  EXPECT_EQ(first->body.text(), firstBody);
+  respond(*second, "HTTP/1.1 200 OK\r\n");
+  EXPECT_EQ(client->activeCount(), 0u);
+}
+
 }  // namespace
 }  // namespace testing
 }  // namespace quorvel
