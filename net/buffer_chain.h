@@ -30,6 +30,13 @@ class BufferDeleter {
  public:
   virtual ~BufferDeleter() = default;
   virtual void release(Buffer* buffer) = 0;
+  // Takes back `first` and the buffers after it that are this deleter's
+  // too; returns the first one that is not (null at the chain's end).
+  virtual Buffer* releaseRun(Buffer* first) {
+    Buffer* next = first->next;
+    release(first);
+    return next;
+  }
 };
 
 class BufferChain;

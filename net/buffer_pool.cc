@@ -72,14 +72,16 @@ bool BufferPool::grow(unsigned count) {
 }
 
 BufferChain BufferPool::allocate(std::size_t size) {
-  QLOG(Log, log::Debug, "allocate(%u)", size);
+  // One look at the level for the lines of a whole allocation.
+  const bool debug = Log.isEnabled(log::Debug);
+  if (debug) QLOG(Log, log::Debug, "allocate(%u)", size);
   std::lock_guard<std::mutex> lock(mutex_);
   const std::size_t wanted = (size + bufferSize_ - 1) / bufferSize_;
   if (wanted == 0) return BufferChain();
   if (wanted > 0xffffffffu) return BufferChain();
   const auto count = static_cast<unsigned>(wanted);
   if (freeCount_ < count && !grow(count - freeCount_)) return BufferChain();
-  const bool spam = Log.isEnabled(log::Spam);
+  const bool spam = debug && Log.isEnabled(log::Spam);
   Buffer* first = takeFree();
   Buffer* b = first;
   for (unsigned i = 0;; ++i) {
@@ -94,8 +96,10 @@ BufferChain BufferPool::allocate(std::size_t size) {
   b->length = static_cast<uint32_t>(size - (count - 1) * bufferSize_);
   b->next = nullptr;
   freeCount_ -= count;
-  QLOG(Log, log::Debug, "allocate: New chain starts at 0x%x, count %u, total %u", reinterpret_cast<uintptr_t>(first),
-       count, total_ - freeCount_);
+  if (debug) {
+    QLOG(Log, log::Debug, "allocate: New chain starts at 0x%x, count %u, total %u", reinterpret_cast<uintptr_t>(first),
+         count, total_ - freeCount_);
+  }
   publish();
   return BufferChain(first);
 }
@@ -145,6 +149,23 @@ void BufferPool::release(Buffer* buffer) {
   freeList_ = buffer;
   ++freeCount_;
   publish();
+}
+
+Buffer* BufferPool::releaseRun(Buffer* first) {
+  const bool spam = Log.isEnabled(log::Spam);
+  std::lock_guard<std::mutex> lock(mutex_);
+  Buffer* buffer = first;
+  while (buffer && buffer->deleter == this) {
+    Buffer* const next = buffer->next;
+    if (spam) QLOG(Log, log::Spam, "  Releasing block 0x%x", reinterpret_cast<uintptr_t>(buffer));
+    buffer->deleter = nullptr;
+    buffer->next = freeList_;
+    freeList_ = buffer;
+    ++freeCount_;
+    publish();
+    buffer = next;
+  }
+  return buffer;
 }
 
 void BufferPool::setInUseObserver(const Delegate<void(unsigned)>& observer) {

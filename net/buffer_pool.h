@@ -28,6 +28,8 @@ class BufferPool : public BufferChainAllocator, public BufferDeleter {
   std::size_t bufferSize() const override { return bufferSize_; }
   // Takes back one buffer; null is ignored.
   void release(Buffer* buffer) override;
+  // Takes back a run of this pool's buffers under one lock.
+  Buffer* releaseRun(Buffer* first) override;
 
   // Called under the pool's lock with the number of buffers in use after each
   // allocation and release (for a level counter); keep it short.

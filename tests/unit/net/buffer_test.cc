@@ -313,6 +313,22 @@ TEST(BufferPoolTest, MaximumRefusesWholeRequestsAndCutsGrowthBack) {
   first.releaseBuffers();
 }
 
+// A chain of buffers from two pools goes back to each, run by run.
+TEST(BufferPoolTest, AMixedChainGoesBackToEachPool) {
+  BufferPool a(8, 0, 0), b(8, 0, 0);
+  BufferChain chain = a.allocate(16);
+  BufferChain middle = b.allocate(24);
+  BufferChain tail = a.allocate(8);
+  chain.append(middle);
+  chain.append(tail);
+  EXPECT_EQ(a.freeBuffers(), a.totalBuffers() - 3);
+  EXPECT_EQ(b.freeBuffers(), b.totalBuffers() - 3);
+  chain.releaseBuffers();
+  EXPECT_EQ(a.freeBuffers(), a.totalBuffers());
+  EXPECT_EQ(b.freeBuffers(), b.totalBuffers());
+  EXPECT_TRUE(chain.empty());
+}
+
 TEST(BufferPoolTest, ThreadsShareOnePool) {
   BufferPool pool(16, 0, 0);
   std::atomic<int> failures{0};
