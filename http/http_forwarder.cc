@@ -1,6 +1,8 @@
 #include "http/http_forwarder.h"
 
+#include <algorithm>
 #include <exception>
+#include <string>
 #include <utility>
 
 #include <boost/system/error_code.hpp>
@@ -16,19 +18,26 @@ const char* const UnableToRelay = "Unable to relay request";
 
 }  // namespace
 
-// One relayed exchange. The forwarder owns it; the callbacks it installs on
-// the target request hold it only weakly, so once the forwarder lets go no
-// callback reaches it.
+// One relayed exchange. The forwarder owns it and uses the object for one
+// exchange after another; the callbacks it installs on the target request
+// hold it only weakly, with the number of their use, so once the forwarder
+// lets go of a use no callback reaches it.
 class HttpForwarder::PendingRequest : public std::enable_shared_from_this<PendingRequest> {
  public:
-  PendingRequest(HttpForwarder& owner, std::string name, std::shared_ptr<WebRequest> request)
-      : owner_(&owner), name_(std::move(name)), request_(std::move(request)) {}
+  explicit PendingRequest(HttpForwarder& owner) : owner_(&owner) {}
 
-  const std::string& name() const { return name_; }
+  // For the log lines: made only when one is written.
+  std::string name() const {
+    return "#" + std::to_string(serial_) + " " + (request_ ? request_->headers().requestTarget().str() : std::string());
+  }
+  uint64_t use() const { return use_; }
 
+  void open(uint32_t serial, std::shared_ptr<WebRequest> request);
   void start();
   // The forwarder is going away: nothing may call back into it.
   void detach();
+  // The use is over and cleaned up: what it held goes.
+  void close();
 
  private:
   void copyFields(MessageHeaders& target) const;
@@ -39,7 +48,8 @@ class HttpForwarder::PendingRequest : public std::enable_shared_from_this<Pendin
   void finish(bool succeeded);
 
   HttpForwarder* owner_;
-  const std::string name_;
+  uint32_t serial_ = 0;
+  uint64_t use_ = 0;
   std::shared_ptr<WebRequest> request_;
   std::shared_ptr<WebClientRequest> target_;
   std::shared_ptr<WebClientResponse> targetResponse_;
@@ -59,7 +69,7 @@ void HttpForwarder::PendingRequest::start() {
   } catch (const std::exception& e) {
     // A target the client refuses outright is as unreachable as one that
     // does not answer.
-    QLOG(Log, log::Debug, "%s: Could not create target request: %s", name_, e.what());
+    QLOG(Log, log::Debug, "%s: Could not create target request: %s", name(), e.what());
     answerBadGateway();
     finish(false);
     return;
@@ -67,11 +77,13 @@ void HttpForwarder::PendingRequest::start() {
   copyFields(target_->headers());
 
   const std::weak_ptr<PendingRequest> weak = shared_from_this();
-  target_->setResponseHandler([weak](const std::shared_ptr<WebClientResponse>& response) {
-    if (std::shared_ptr<PendingRequest> self = weak.lock()) self->onResponse(response);
+  target_->setResponseHandler([weak, use = use_](const std::shared_ptr<WebClientResponse>& response) {
+    const std::shared_ptr<PendingRequest> self = weak.lock();
+    if (self && self->use_ == use) self->onResponse(response);
   });
-  target_->setErrorHandler([weak](const boost::system::error_code& code) {
-    if (std::shared_ptr<PendingRequest> self = weak.lock()) self->onDone(code);
+  target_->setErrorHandler([weak, use = use_](const boost::system::error_code& code) {
+    const std::shared_ptr<PendingRequest> self = weak.lock();
+    if (self && self->use_ == use) self->onDone(code);
   });
   // No body data handler: the response body is taken from the response's
   // source instead, so that a slow consumer holds the target back.
@@ -79,10 +91,10 @@ void HttpForwarder::PendingRequest::start() {
   // A body that is already complete may still have pieces waiting for the
   // handler, so the head's word counts as well.
   if (!request_->isBodyComplete() || in.hasBody()) {
-    QLOG(Log, log::Debug, "%s: Starting request data", name_);
+    QLOG(Log, log::Debug, "%s: Starting request data", name());
     startBody();
   } else {
-    QLOG(Log, log::Debug, "%s: Sending empty request", name_);
+    QLOG(Log, log::Debug, "%s: Sending empty request", name());
     target_->send(nullptr, 0);
   }
 }
@@ -122,7 +134,7 @@ void HttpForwarder::PendingRequest::startBody() {
   if (finished_) return;  // the client gave up at once
   const std::weak_ptr<BodySink> sink = target_->bodySink();
   if (sink.expired()) {
-    QLOG(Log, log::Debug, "%s: No sink for request data, cancelling request", name_);
+    QLOG(Log, log::Debug, "%s: No sink for request data, cancelling request", name());
     answerBadGateway();
     finish(false);
     return;
@@ -134,11 +146,11 @@ void HttpForwarder::PendingRequest::onResponse(const std::shared_ptr<WebClientRe
   if (finished_) return;
   targetResponse_ = response;
   const MessageHeaders& head = response->headers();
-  QLOG(Log, log::Debug, "%s: Response: %s %u %s", name_, head.version(), head.statusCode(), head.reason());
+  QLOG(Log, log::Debug, "%s: Response: %s %u %s", name(), head.version(), head.statusCode(), head.reason());
 
   if (request_->isActive()) response_ = request_->createResponse(head.statusCode(), head.reason());
   if (!response_) {
-    QLOG(Log, log::Debug, "%s: Client request no longer active, cancelling", name_);
+    QLOG(Log, log::Debug, "%s: Client request no longer active, cancelling", name());
     finish(false);
     return;
   }
@@ -146,7 +158,7 @@ void HttpForwarder::PendingRequest::onResponse(const std::shared_ptr<WebClientRe
   for (const MessageHeaders::Field& field : head) out.addField(field.name, field.value);
 
   if (!head.hasBody(request_->headers().method())) {
-    QLOG(Log, log::Debug, "%s: Sending empty response", name_);
+    QLOG(Log, log::Debug, "%s: Sending empty response", name());
     response_->send(nullptr, 0);
     finish(true);
     return;
@@ -154,11 +166,11 @@ void HttpForwarder::PendingRequest::onResponse(const std::shared_ptr<WebClientRe
   // Held across start(): the consumer could otherwise drop it in between.
   const std::shared_ptr<BodySink> sink = response_->bodySink().lock();
   if (!sink) {
-    QLOG(Log, log::Debug, "%s: No sink for content, cancelling request", name_);
+    QLOG(Log, log::Debug, "%s: No sink for content, cancelling request", name());
     finish(false);
     return;
   }
-  QLOG(Log, log::Debug, "%s: Starting response data", name_);
+  QLOG(Log, log::Debug, "%s: Starting response data", name());
   response_->start();
   response->body().connect(sink);
 }
@@ -186,15 +198,30 @@ void HttpForwarder::PendingRequest::answerBadGateway() {
 
 void HttpForwarder::PendingRequest::finish(bool succeeded) {
   if (finished_) {
-    QLOG(Log, log::Debug, "Pending request already finished: %s", name_);
+    QLOG(Log, log::Debug, "Pending request already finished: %s", name());
     return;
   }
-  QLOG(Log, log::Debug, "Finishing pending request %s", name_);
+  QLOG(Log, log::Debug, "Finishing pending request %s", name());
   finished_ = true;
   // A failed exchange may still be running on the target's connection; the
   // client drops it rather than call back into a request that is over.
   if (!succeeded && target_) target_->cancel();
   if (owner_) owner_->scheduleCleanUp(this);
+}
+
+void HttpForwarder::PendingRequest::open(uint32_t serial, std::shared_ptr<WebRequest> request) {
+  ++use_;
+  serial_ = serial;
+  request_ = std::move(request);
+  finished_ = false;
+}
+
+void HttpForwarder::PendingRequest::close() {
+  ++use_;
+  request_.reset();
+  target_.reset();
+  targetResponse_.reset();
+  response_.reset();
 }
 
 void HttpForwarder::PendingRequest::detach() {
@@ -210,28 +237,38 @@ HttpForwarder::HttpForwarder(std::shared_ptr<Reactor> reactor, std::shared_ptr<H
 }
 
 HttpForwarder::~HttpForwarder() {
-  for (auto& entry : pending_) entry.second->detach();
+  for (const std::shared_ptr<PendingRequest>& pending : pending_) pending->detach();
 }
 
 bool HttpForwarder::handle(const std::shared_ptr<WebRequest>& request) {
-  const std::string name = "#" + std::to_string(++serial_) + " " + request->headers().requestTarget().str();
-  const std::shared_ptr<PendingRequest> pending = std::make_shared<PendingRequest>(*this, name, request);
-  pending_.emplace(pending.get(), pending);
+  std::shared_ptr<PendingRequest> pending;
+  if (spare_.empty()) {
+    pending = std::make_shared<PendingRequest>(*this);
+  } else {
+    pending = std::move(spare_.back());
+    spare_.pop_back();
+  }
+  pending->open(++serial_, request);
+  pending_.push_back(pending);
   QLOG(Log, log::Debug, "Created new pending request, count=%u", pending_.size());
   pending->start();
   return true;
 }
 
 void HttpForwarder::scheduleCleanUp(PendingRequest* request) {
-  reactor_->post(token_, [this, request] { cleanUp(request); });
+  reactor_->post(token_, [this, request, use = request->use()] { cleanUp(request, use); });
 }
 
-void HttpForwarder::cleanUp(PendingRequest* request) {
-  const auto found = pending_.find(request);
-  if (found == pending_.end()) return;
-  const std::shared_ptr<PendingRequest> pending = std::move(found->second);
+void HttpForwarder::cleanUp(PendingRequest* request, uint64_t use) {
+  const auto found = std::find_if(pending_.begin(), pending_.end(),
+                                  [request](const std::shared_ptr<PendingRequest>& p) { return p.get() == request; });
+  if (found == pending_.end() || request->use() != use) return;
+  const std::shared_ptr<PendingRequest> pending = std::move(*found);
   pending_.erase(found);
   QLOG(Log, log::Debug, "Cleaning up pending request %s, count=%u", pending->name(), pending_.size());
+  pending->close();
+  // Kept for the next request unless something still holds it.
+  if (pending.use_count() == 1 && spare_.size() < SpareLimit) spare_.push_back(pending);
 }
 
 }  // namespace quorvel

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "core/lifetime.h"
 #include "core/reactor.h"
@@ -50,14 +50,20 @@ class HttpForwarder : public WebRequestHandler {
  private:
   class PendingRequest;
 
+  // Pending-request objects kept for reuse beyond this many are freed.
+  static constexpr std::size_t SpareLimit = 32;
+
   void scheduleCleanUp(PendingRequest* request);
-  void cleanUp(PendingRequest* request);
+  void cleanUp(PendingRequest* request, uint64_t use);
 
   std::shared_ptr<Reactor> reactor_;
   std::shared_ptr<HttpClient> client_;
   const std::string targetHost_;
   std::string forwardedProtocol_;
-  std::unordered_map<PendingRequest*, std::shared_ptr<PendingRequest>> pending_;
+  // In flight, finished ones too until their clean-up has run; and objects
+  // kept for the next requests.
+  std::vector<std::shared_ptr<PendingRequest>> pending_;
+  std::vector<std::shared_ptr<PendingRequest>> spare_;
   uint32_t serial_ = 0;
   LifetimeToken token_ = makeLifetimeToken();
 };
