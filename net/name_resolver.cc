@@ -84,7 +84,12 @@ void NetNameResolver::resolve(const std::string& host, const std::string& servic
 }
 
 const NameResolver::Result* NetNameResolver::knownAnswer(const std::string& host, const std::string& service) {
-  if (resolveLiteral(host, service, literal_)) return &literal_;
+  if (literalKept_ && host == literal_.host && service == literal_.service) return &literal_;
+  // A failed parse leaves the kept literal as it was.
+  if (resolveLiteral(host, service, literal_)) {
+    literalKept_ = true;
+    return &literal_;
+  }
   const std::shared_ptr<const ResolverCache::Entry> kept = cache_->find(host, service, reactor_->steadyNow());
   if (!kept) return nullptr;
   // The lines resolve() logs, so that the log reads the same either way.
@@ -98,6 +103,9 @@ const NameResolver::Result* NetNameResolver::knownAnswer(const std::string& host
 }
 
 bool NetNameResolver::resolveLiteral(const std::string& host, const std::string& service, Result& result) {
+  // A name is told from a literal without asking the parser twice: an IPv4
+  // literal is digits and dots, an IPv6 one has a colon.
+  if (host.find(':') == std::string::npos && host.find_first_not_of("0123456789.") != std::string::npos) return false;
   in6_addr bytes;
   int family;
   if (inet_pton(AF_INET, host.c_str(), &bytes) == 1) {

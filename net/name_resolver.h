@@ -70,8 +70,10 @@ class NetNameResolver : public NameResolver {
 
   std::shared_ptr<Reactor> reactor_;
   std::unique_ptr<ResolverCache> cache_;
-  // The last literal answered at once, its list kept for the next.
+  // The last literal answered at once, its list kept for the next; the
+  // same literal again is answered from it as it stands.
   Result literal_;
+  bool literalKept_ = false;
   LifetimeToken token_ = makeLifetimeToken();
   std::unique_ptr<WorkRunner<WorkItem>> runner_;  // last: its thread uses the members above
 };
