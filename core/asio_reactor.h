@@ -38,10 +38,11 @@ class AsioReactor : public Reactor {
   boost::asio::io_context& ioContext() { return io_; }
 
  private:
-  // Only run() runs it, on one thread: asio then queues that thread's own
-  // posts and completions without taking its lock. Other threads still post
-  // safely.
-  boost::asio::io_context io_{1};
+  // Only run() runs it, on one thread, and every socket lives on that thread:
+  // asio then queues that thread's own posts and completions without taking
+  // its lock, and starts and completes socket operations without a lock per
+  // socket. Other threads still post, and set timers, safely.
+  boost::asio::io_context io_{BOOST_ASIO_CONCURRENCY_HINT_UNSAFE_IO};
   // Keeps run() waiting while only other threads (the resolver, the SCTP
   // stack) have work that will come back through post().
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
