@@ -114,7 +114,7 @@ void ChunkedEncodingParser::feed(BufferChain& input) {
   pending_.append(input);
   offset_ = 0;
   bool more = true;
-  while (more && pendingSize_ > 0) {
+  while (more && pendingSize_ != 0) {
     switch (state_) {
       case Header:
         more = parseHeader();

@@ -124,8 +124,9 @@ void RelayExchange::forwardBody(const BufferChainPtr& piece) {
     targetRequest_->deliver(piece);
     return;
   }
+  // A finished or failed parser drops what it is fed, and a failure ends the
+  // exchange, which then discards the rest of the relay's body.
   ChunkedEncodingParser& parser = *chunked_;
-  if (parser.isFinished() || parser.isFailed()) return;
   BufferChain input = BufferChainPtr(piece).release();
   parser.feed(input);
   const uint64_t use = use_;

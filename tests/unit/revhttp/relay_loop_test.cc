@@ -146,7 +146,8 @@ TEST_F(RelayLoop, HeadAndFirstBodyBytesInOnePieceAndChunkedBodiesArriveDecoded) 
 
   handler->body.clear();
   std::shared_ptr<FakeClientRequest> next = currentGet();
-  relay({"POST /c HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n5\r\nhel", "lo\r\n3\r\n", "abc\r\n0\r", "\n\r\n"});
+  relay({"POST /c HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n5\r\nhel", "lo\r\n3\r\n", "abc\r\n0\r", "\n\r\n", "after"});
+  // Nothing after the last chunk reaches the handler, not even a second end.
   EXPECT_EQ(handler->body, "helloabc");
   // The body is complete at its last chunk, before the relay body ends.
   EXPECT_TRUE(handler->requests[1]->isBodyComplete());

@@ -37,12 +37,14 @@ TEST(MessageTypeTest, ClassAndMethodRoundTrip) {
   EXPECT_EQ(encodeMessageType(Message::Indication, Message::MethodBinding), 0x0011);
   EXPECT_EQ(encodeMessageType(Message::SuccessResponse, Message::MethodBinding), 0x0101);
   EXPECT_EQ(encodeMessageType(Message::ErrorResponse, Message::MethodBinding), 0x0111);
-  for (int method : {0, 1, 0x00F, 0x070, 0x0F80, 0xFFF}) {
+  // Every one of the 12-bit methods, so that no bit of one field leaks into
+  // another.
+  for (int method = 0; method <= 0xFFF; ++method) {
     for (int cls = 0; cls < 4; ++cls) {
       const uint16_t type = encodeMessageType(cls, method);
-      EXPECT_EQ(type & 0xC000, 0);
-      EXPECT_EQ(decodeMessageClass(type), cls);
-      EXPECT_EQ(decodeMessageMethod(type), method);
+      ASSERT_EQ(type & 0xC000, 0);
+      ASSERT_EQ(decodeMessageClass(type), cls);
+      ASSERT_EQ(decodeMessageMethod(type), method);
     }
   }
 }
