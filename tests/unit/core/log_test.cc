@@ -1,8 +1,12 @@
 #include "core/log.h"
 
+#include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <stdexcept>
+#include <string_view>
 
+#include <boost/format.hpp>
 #include <gtest/gtest.h>
 
 #include "core/stdout_writer.h"
@@ -65,6 +69,68 @@ TEST_F(LogTest, FormattingErrorsWriteTheFormatText) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(capture_->lines()[i].message, expected[i] + std::string(" (log formatting error)"));
   }
+}
+
+TEST_F(LogTest, WidthsAndFlagsOfTheFormatSyntax) {
+  const log::Log named("logtest.widths");
+  QLOG(named, log::Info, "%02d:%02d:%02d.%03d", 5, 7, 12, 9);
+  QLOG(named, log::Info, "[%5s] [%-4d] %x", "ab", 3, static_cast<int16_t>(-2));
+  ASSERT_EQ(capture_->lines().size(), 2u);
+  EXPECT_EQ(capture_->lines()[0].message, "05:07:12.009");
+  EXPECT_EQ(capture_->lines()[1].message, "[   ab] [3   ] fffe");
+}
+
+// The arguments reach Boost.Format through a few erased kinds: each must
+// print exactly as Boost.Format prints the call site's own type.
+enum Unscoped { Seven = 7 };
+enum Small : uint8_t { Nine = 9 };
+
+std::string formatted(const char* text, std::initializer_list<log::LogArg> args) {
+  return log::formatMessage(log::parseFormat(text), text, args);
+}
+
+template <typename T>
+void expectAsBoostFormat(const T& value) {
+  for (const char* directive : {"%s", "%d", "%i", "%u", "%x", "%02d", "%5s", "%f", "%.1f", "%.0f"}) {
+    const std::string format = std::string("<") + directive + ">";
+    SCOPED_TRACE(format);
+    EXPECT_EQ(formatted(format.c_str(), {value}), (boost::format(format) % value).str());
+  }
+}
+
+TEST(LogFormat, EachArgumentTypeAsBoostFormatPrintsIt) {
+  for (int v : {0, 42, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) expectAsBoostFormat(v);
+  for (unsigned v : {0u, 7u, 0xdeadbeefu, std::numeric_limits<unsigned>::max()}) expectAsBoostFormat(v);
+  for (int16_t v : {int16_t(-2), int16_t(300)}) expectAsBoostFormat(v);
+  for (uint16_t v : {uint16_t(0), uint16_t(65535)}) expectAsBoostFormat(v);
+  for (int64_t v : {int64_t(-1), std::numeric_limits<int64_t>::min(), int64_t(1) << 40}) expectAsBoostFormat(v);
+  for (uint64_t v : {uint64_t(0), std::numeric_limits<uint64_t>::max()}) expectAsBoostFormat(v);
+  expectAsBoostFormat(-5L);
+  expectAsBoostFormat(std::size_t(123456));
+  expectAsBoostFormat(true);
+  expectAsBoostFormat(false);
+  expectAsBoostFormat('a');
+  expectAsBoostFormat(uint8_t(65));  // a character, as a stream prints it
+  expectAsBoostFormat(int8_t(66));
+  for (double v : {0.0, 0.1, -2.5, 1234567.0, 1e-7, 3.0, 0.05, 12.25}) expectAsBoostFormat(v);
+  expectAsBoostFormat(1.5f);
+  expectAsBoostFormat("text");
+  expectAsBoostFormat(std::string("with space"));
+  expectAsBoostFormat(std::string("nul\0inside", 10));
+  expectAsBoostFormat(std::string());
+  expectAsBoostFormat(std::string_view("view"));
+  expectAsBoostFormat(Seven);
+  expectAsBoostFormat(Nine);
+}
+
+TEST(LogFormat, TextAroundDirectivesAndSeveralArguments) {
+  const std::string name = "relay";
+  const char* const format = "0x%x: %s %u%% done, %d left\n%s";
+  EXPECT_EQ(formatted(format, {255u, name, 50, -3, "end"}),
+            (boost::format(format) % 255u % name % 50 % -3 % "end").str());
+  EXPECT_EQ(formatted("plain", {}), "plain");
+  EXPECT_EQ(formatted("", {}), "");
+  EXPECT_EQ(formatted("%%%s%%", {1}), "%1%");
 }
 
 class ThrowingWriter : public LogWriter {
