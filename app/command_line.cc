@@ -1,9 +1,10 @@
 #include "app/command_line.h"
 
+#include <limits>
 #include <memory>
-#include <ostream>
+#include <typeinfo>
 
-#include <boost/lexical_cast.hpp>
+#include <boost/lexical_cast/bad_lexical_cast.hpp>
 
 #include "core/log.h"
 #include "core/stdout_writer.h"
@@ -31,31 +32,49 @@ const ValueOption ValueOptions[] = {
 
 // Errors about the arguments as a whole are set off from the usage by an
 // empty line; a missing option value runs straight into it.
-int fail(std::ostream& err, const std::string& message, bool blankLine) {
-  err << ProgramName << ": " << message << "\n";
-  if (blankLine) err << "\n";
+int fail(std::FILE* err, const std::string& message, bool blankLine) {
+  std::fprintf(err, "%s: %s\n%s", ProgramName, message.c_str(), blankLine ? "\n" : "");
   printUsage(err);
   return 1;
 }
 
-}  // namespace
-
-void printUsage(std::ostream& out) {
-  out << ProgramName << " [options]\n"
-      << "\n"
-      << "Options:\n"
-      << "  -r <urlbase>       Relay URL base (e.g. \"relay.example.com\", \n"
-      << "                     \"relay.example.com/devices\")\n"
-      << "  -s <stunserver>    STUN server hostname\n"
-      << "  -f <filename>      Registration info filename (default " << DefaultRegistrationFile << ")\n"
-      << "  -t <targethost>    Target for relayed HTTP requests (default localhost)\n"
-      << "  -l <logspec>       Log level setting [logname:](1-6). This may be specified\n"
-      << "                     multiple times to configure different levels for different\n"
-      << "                     logs.\n"
-      << "\n";
+// What boost::lexical_cast<int> accepts, and its exception otherwise: an
+// optional sign and decimal digits, nothing else, within int's range.
+int parseLevel(const std::string& text) {
+  std::size_t i = 0;
+  const bool negative = !text.empty() && text[0] == '-';
+  if (!text.empty() && (text[0] == '-' || text[0] == '+')) ++i;
+  const unsigned long long limit = negative ? 0ULL - std::numeric_limits<int>::min()
+                                            : static_cast<unsigned long long>(std::numeric_limits<int>::max());
+  unsigned long long value = 0;
+  bool valid = i < text.size();
+  for (; valid && i < text.size(); ++i) {
+    valid = text[i] >= '0' && text[i] <= '9' && (value = value * 10 + (text[i] - '0')) <= limit;
+  }
+  if (!valid) boost::conversion::detail::throw_bad_cast<std::string, int>();
+  return negative ? static_cast<int>(0ULL - value) : static_cast<int>(value);
 }
 
-int parseCommandLine(int argc, const char* const* argv, CommandLine& result, std::ostream& out, std::ostream& err) {
+}  // namespace
+
+void printUsage(std::FILE* out) {
+  std::fprintf(out,
+               "%s [options]\n"
+               "\n"
+               "Options:\n"
+               "  -r <urlbase>       Relay URL base (e.g. \"relay.example.com\", \n"
+               "                     \"relay.example.com/devices\")\n"
+               "  -s <stunserver>    STUN server hostname\n"
+               "  -f <filename>      Registration info filename (default %s)\n"
+               "  -t <targethost>    Target for relayed HTTP requests (default localhost)\n"
+               "  -l <logspec>       Log level setting [logname:](1-6). This may be specified\n"
+               "                     multiple times to configure different levels for different\n"
+               "                     logs.\n"
+               "\n",
+               ProgramName, DefaultRegistrationFile);
+}
+
+int parseCommandLine(int argc, const char* const* argv, CommandLine& result, std::FILE* out, std::FILE* err) {
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
     if (argument.size() < 2 || argument[0] != '-') {
@@ -84,21 +103,22 @@ int parseCommandLine(int argc, const char* const* argv, CommandLine& result, std
   return ContinueRunning;
 }
 
-void applyLogSpecs(const std::vector<std::string>& specs, std::ostream& out) {
+void applyLogSpecs(const std::vector<std::string>& specs, std::FILE* out) {
   log::setGlobalLevel(log::Info);
   log::addWriter(std::make_shared<log::StdoutWriter>());
   for (const std::string& setting : specs) {
     const std::size_t colon = setting.find(':');
     const std::string name = colon == std::string::npos ? std::string() : setting.substr(0, colon);
     const std::string levelText = colon == std::string::npos ? setting : setting.substr(colon + 1);
-    const int level = boost::lexical_cast<int>(levelText);
+    const int level = parseLevel(levelText);
     if (name.empty()) {
-      out << "Setting global log level to " << level << std::endl;
+      std::fprintf(out, "Setting global log level to %d\n", level);
       log::setGlobalLevel(level);
     } else {
-      out << "Setting log " << name << " to level " << level << std::endl;
+      std::fprintf(out, "Setting log %s to level %d\n", name.c_str(), level);
       log::setLevel(name, level);
     }
+    std::fflush(out);
   }
 }
 

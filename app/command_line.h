@@ -1,6 +1,6 @@
 #pragma once
 
-#include <iosfwd>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -18,16 +18,19 @@ struct CommandLine {
 // The process should go on to run the daemon.
 constexpr int ContinueRunning = -1;
 
-void printUsage(std::ostream& out);
+// Plain stdio, as the log writer uses: nothing else in the daemon needs
+// iostreams, whose locale machinery would add most of a megabyte to a
+// static build.
+void printUsage(std::FILE* out);
 
 // Reads the arguments left to right. Returns ContinueRunning, or the exit
 // status after printing help (0) or an error with the usage text (1).
-int parseCommandLine(int argc, const char* const* argv, CommandLine& result, std::ostream& out, std::ostream& err);
+int parseCommandLine(int argc, const char* const* argv, CommandLine& result, std::FILE* out, std::FILE* err);
 
 // Global threshold 5, one stdout writer, then every "-l" value in order. A
 // level that is not an integer throws boost::bad_lexical_cast on purpose:
 // nothing catches it and the process ends abnormally.
-void applyLogSpecs(const std::vector<std::string>& specs, std::ostream& out);
+void applyLogSpecs(const std::vector<std::string>& specs, std::FILE* out);
 
 }  // namespace ferrule
 }  // namespace quorvel

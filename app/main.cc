@@ -1,5 +1,5 @@
 #include <csignal>
-#include <iostream>
+#include <cstdio>
 
 #include "app/command_line.h"
 #include "app/relay_service.h"
@@ -25,9 +25,9 @@ int main(int argc, char** argv) {
   std::signal(SIGINT, onInterrupt);
 
   CommandLine options;
-  const int status = parseCommandLine(argc, argv, options, std::cout, std::cerr);
+  const int status = parseCommandLine(argc, argv, options, stdout, stderr);
   if (status != ContinueRunning) return status;
-  applyLogSpecs(options.logSpecs, std::cout);
+  applyLogSpecs(options.logSpecs, stdout);
 
   auto service = std::make_shared<RelayService>(options.registrationFile, options.targetHost, options.relayUrlBase,
                                                 options.stunServer);

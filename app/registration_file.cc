@@ -2,8 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <cctype>
-#include <fstream>
+#include <cstdio>
 #include <strings.h>
 
 #include "core/log.h"
@@ -28,14 +27,26 @@ std::string trim(const std::string& text) {
   return text.substr(begin, end - begin);
 }
 
+// A registration file is a few lines: read at once.
+bool readWholeFile(const std::string& fileName, std::string& content) {
+  std::FILE* file = std::fopen(fileName.c_str(), "r");
+  if (!file) return false;
+  char block[512];
+  std::size_t got;
+  while ((got = std::fread(block, 1, sizeof block, file)) > 0) content.append(block, got);
+  std::fclose(file);
+  return true;
+}
+
 }  // namespace
 
 std::string readDeviceKey(const std::string& fileName) {
-  std::ifstream file(fileName);
-  if (!file) return std::string();
-  std::string line;
-  while (std::getline(file, line)) {
-    line = trim(line);
+  std::string content;
+  if (!readWholeFile(fileName, content)) return std::string();
+  for (std::size_t start = 0, end; start < content.size(); start = end + 1) {
+    end = content.find('\n', start);
+    if (end == std::string::npos) end = content.size();
+    const std::string line = trim(content.substr(start, end - start));
     if (line.empty() || line[0] == '#') continue;
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos) {

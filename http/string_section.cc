@@ -1,7 +1,6 @@
 #include "http/string_section.h"
 
 #include <algorithm>
-#include <ostream>
 #include <stdexcept>
 
 namespace quorvel {
@@ -53,10 +52,6 @@ bool StringSection::equalsIgnoreCase(StringSection other) const {
 
 bool StringSection::startsWith(StringSection prefix) const {
   return prefix.size() <= size() && substr(0, prefix.size()).equals(prefix);
-}
-
-std::ostream& operator<<(std::ostream& out, StringSection text) {
-  return out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 bool parseUnsigned(StringSection text, uint32_t& value, int base) {

@@ -1,7 +1,6 @@
 #include "net/socket_address.h"
 
 #include <cstring>
-#include <ostream>
 #include <stdexcept>
 
 #include <arpa/inet.h>
@@ -196,7 +195,5 @@ bool SocketAddress::operator<(const SocketAddress& other) const {
   if (n > StorageSize - after) n = StorageSize - after;
   return std::memcmp(a + after, b + after, n) < 0;
 }
-
-std::ostream& operator<<(std::ostream& out, const SocketAddress& address) { return out << address.toString(); }
 
 }  // namespace quorvel

@@ -89,6 +89,10 @@ class SocketAddress {
   uint32_t length_;
 };
 
-std::ostream& operator<<(std::ostream& out, const SocketAddress& address);
+// For test output. A template, so that nothing in the daemon links iostreams.
+template <class Char, class Traits>
+std::basic_ostream<Char, Traits>& operator<<(std::basic_ostream<Char, Traits>& out, const SocketAddress& address) {
+  return out << address.toString();
+}
 
 }  // namespace quorvel

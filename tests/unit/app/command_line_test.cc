@@ -1,19 +1,49 @@
 #include "app/command_line.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <vector>
 
+#include <boost/lexical_cast.hpp>
+
 #include <gtest/gtest.h>
+
+#include "core/log.h"
 
 namespace quorvel {
 namespace ferrule {
 namespace {
 
+// Collects what is written to a stdio stream.
+class Written {
+ public:
+  Written() : stream_(open_memstream(&data_, &size_)) {}
+  ~Written() {
+    close();
+    std::free(data_);
+  }
+  std::FILE* stream() { return stream_; }
+  std::string text() {
+    close();
+    return std::string(data_, size_);
+  }
+
+ private:
+  void close() {
+    if (stream_) std::fclose(stream_);
+    stream_ = nullptr;
+  }
+  char* data_ = nullptr;
+  std::size_t size_ = 0;
+  std::FILE* stream_;
+};
+
 std::string usage() {
-  std::ostringstream out;
-  printUsage(out);
-  return out.str();
+  Written out;
+  printUsage(out.stream());
+  return out.text();
 }
 
 struct Parsed {
@@ -26,10 +56,10 @@ struct Parsed {
 Parsed parse(std::vector<const char*> args) {
   args.insert(args.begin(), "ferrule");
   Parsed parsed;
-  std::ostringstream out, err;
-  parsed.status = parseCommandLine(static_cast<int>(args.size()), args.data(), parsed.options, out, err);
-  parsed.out = out.str();
-  parsed.err = err.str();
+  Written out, err;
+  parsed.status = parseCommandLine(static_cast<int>(args.size()), args.data(), parsed.options, out.stream(), err.stream());
+  parsed.out = out.text();
+  parsed.err = err.text();
   return parsed;
 }
 
@@ -89,6 +119,26 @@ TEST(CommandLine, HelpGoesToStdoutAndStopsParsing) {
   EXPECT_EQ(p.status, 0);
   EXPECT_EQ(p.out, usage());
   EXPECT_TRUE(p.err.empty());
+}
+
+// Levels are read as boost::lexical_cast<int> reads them; anything it refuses
+// throws its exception, which nothing catches.
+TEST(CommandLine, LogLevelsReadAsLexicalCastReadsThem) {
+  for (const char* text : {"7", "+6", "-0", "007", "-2147483648", "2147483647", "", "x", " 5", "5 ", "+", "-", "--1",
+                           "+-1", "1.0", "0x5", "2147483648", "-2147483649", "99999999999999999999"}) {
+    SCOPED_TRACE(std::string("'") + text + "'");
+    Written out;
+    const std::vector<std::string> specs{std::string("commandlinetest:") + text};
+    try {
+      const int expected = boost::lexical_cast<int>(std::string(text));
+      applyLogSpecs(specs, out.stream());
+      EXPECT_EQ(out.text(), "Setting log commandlinetest to level " + std::to_string(expected) + "\n");
+    } catch (const boost::bad_lexical_cast&) {
+      EXPECT_THROW(applyLogSpecs(specs, out.stream()), boost::bad_lexical_cast);
+    }
+  }
+  log::setLevel("commandlinetest", 0);
+  log::setGlobalLevel(log::Notice);
 }
 
 }  // namespace
