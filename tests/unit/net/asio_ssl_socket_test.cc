@@ -30,6 +30,8 @@ using testing::TlsTestServer;
 // A CA, a second CA nobody trusts, and server certificates for "localhost"
 // and 127.0.0.1: valid, from the unknown CA, and long expired. `openssl x509`
 // cannot date a certificate in the past; `openssl ca` takes explicit dates.
+// Then an intermediate CA under the test CA and an RSA and an Ed25519 server
+// under it, each as a chain with the intermediate and as the leaf alone.
 const char* const MakeCertificates = R"(set -e
 key="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
 ca="-x509 -days 2 -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign"
@@ -45,6 +47,18 @@ printf 'policy=any\n[any]\ncommonName=supplied\n' >> ca.cnf
 echo 04 > serial
 openssl ca -batch -config ca.cnf -cert ca.pem -keyfile ca.key -md sha256 -extfile server.ext -notext \
   -startdate 20200101000000Z -enddate 20200201000000Z -in server.csr -out expired.pem
+openssl req -new $key -subj "/CN=Intermediate CA" -keyout inter.key -out inter.csr
+printf 'basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign,cRLSign\n' > inter.ext
+openssl x509 -req -in inter.csr -CA ca.pem -CAkey ca.key -set_serial 5 -days 2 -extfile inter.ext -out inter.pem
+serial=6
+for kind in rsa:2048 ed25519; do
+  name=${kind%%:*}
+  openssl req -new -newkey $kind -nodes -subj "/CN=localhost" -keyout $name.key -out $name.csr
+  openssl x509 -req -in $name.csr -CA inter.pem -CAkey inter.key -set_serial $serial -days 2 \
+    -extfile server.ext -out $name-leaf.pem
+  cat $name-leaf.pem inter.pem > $name-chain.pem
+  serial=$((serial + 1))
+done
 )";
 
 class AsioSslSocketTest : public testing::SocketLoopFixture {
@@ -74,10 +88,10 @@ class AsioSslSocketTest : public testing::SocketLoopFixture {
 
   static TlsTestServer::Options serving(const std::string& certificate,
                                         TlsTestServer::After after = TlsTestServer::After::Echo,
-                                        const std::string& greeting = "") {
+                                        const std::string& greeting = "", const std::string& key = "server.key") {
     TlsTestServer::Options options;
     options.certificate = file(certificate);
-    options.key = file("server.key");
+    options.key = file(key);
     options.after = after;
     options.greeting = greeting;
     return options;
@@ -203,6 +217,42 @@ TEST_F(AsioSslSocketTest, VerificationFailuresAreReportedAndNothingIsSent) {
     EXPECT_TRUE(capture_->contains("TLS handshake with " + std::string(c.host) + " (" +
                                    loopback(server).toString() + ") failed: " + c.reason));
 
+    EXPECT_NE(sendAfterFailure(*client), 0);
+    client->close();
+    server.finish();
+    EXPECT_FALSE(server.handshakeDone());
+    EXPECT_EQ(server.applicationBytes(), 0u);
+  }
+}
+
+// The device's TLS library is built with only what the client needs: the
+// usual server key types still verify through an intermediate CA that only
+// the server sends, over TLS 1.3 and 1.2, and a chain that stops short of
+// the trusted CA is still refused.
+TEST_F(AsioSslSocketTest, RsaAndEd25519ServersVerifyThroughAnIntermediate) {
+  for (const std::string kind : {"rsa", "ed25519"}) {
+    for (const int maxVersion : {0, TLS1_2_VERSION}) {
+      SCOPED_TRACE(kind + (maxVersion ? " over TLS 1.2" : ""));
+      capture_->clear();
+      auto options = serving(kind + "-chain.pem", TlsTestServer::After::Echo, "hi;", kind + ".key");
+      options.maxVersion = maxVersion;
+      TlsTestServer server(options);
+      auto client = clientFor("localhost");
+      ASSERT_EQ(connect(*client, loopback(server)), 0);
+      client->send(chainOf("x"), {});
+      EXPECT_EQ(receiveUpTo(*client, 4), "hi;x");
+      client->close();
+      server.finish();
+      const std::string established = "TLS connection to localhost (" + loopback(server).toString() +
+                                      ") established: " + (maxVersion ? "TLSv1.2" : "TLSv1.3") + ", ";
+      EXPECT_TRUE(std::any_of(capture_->lines().begin(), capture_->lines().end(), [&](const auto& line) {
+        return line.message.compare(0, established.size(), established) == 0;
+      }));
+    }
+    SCOPED_TRACE(kind + " without the intermediate");
+    TlsTestServer server(serving(kind + "-leaf.pem", TlsTestServer::After::Echo, "", kind + ".key"));
+    auto client = clientFor("localhost");
+    ASSERT_EQ(connect(*client, loopback(server)), SslUntrustedCertificate);
     EXPECT_NE(sendAfterFailure(*client), 0);
     client->close();
     server.finish();
