@@ -7,6 +7,7 @@
 # FERRULE_CROSS_SYSROOT  the sysroot (default: the one sysroot.sh last made current)
 # FERRULE_CROSS_STATIC   link executables fully statically (default ON): one file
 #                        to copy onto the board, and qemu runs it without a loader.
+# FERRULE_CROSS_SMALL    build for size: -Os and link-time optimisation (default ON)
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR powerpc)
@@ -17,7 +18,7 @@ set(CMAKE_CXX_COMPILER ${FERRULE_CROSS_TRIPLET}-g++)
 
 # The toolchain file is read again for every try_compile, where only the
 # variables listed here survive; the environment is the fallback.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES FERRULE_CROSS_SYSROOT FERRULE_CROSS_STATIC)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES FERRULE_CROSS_SYSROOT FERRULE_CROSS_STATIC FERRULE_CROSS_SMALL)
 if(NOT FERRULE_CROSS_SYSROOT)
   if(DEFINED ENV{FERRULE_CROSS_SYSROOT})
     set(FERRULE_CROSS_SYSROOT "$ENV{FERRULE_CROSS_SYSROOT}")
@@ -65,14 +66,18 @@ set(CMAKE_C_FLAGS_INIT "-ffunction-sections -fdata-sections")
 set(CMAKE_CXX_FLAGS_INIT "-ffunction-sections -fdata-sections")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--gc-sections")
 
+if(NOT DEFINED FERRULE_CROSS_SMALL)
+  set(FERRULE_CROSS_SMALL ON)
+endif()
+set(FERRULE_CROSS_SMALL ${FERRULE_CROSS_SMALL} CACHE BOOL "Build for size: -Os and link-time optimisation")
 if(FERRULE_CROSS_STATIC)
   set(OPENSSL_USE_STATIC_LIBS TRUE)
   string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -static")
-  # The platform files reset the library suffixes after this file is read;
-  # the project hook restores static-only lookups (pkg-config's imported
-  # targets included) at the end of every project().
-  set(CMAKE_PROJECT_INCLUDE "${CMAKE_CURRENT_LIST_DIR}/powerpc-linux-gnu-static.cmake")
 endif()
+# The platform files set the optimisation flags and reset the library
+# suffixes after this file is read: the project hook applies the device's
+# choices at the end of every project().
+set(CMAKE_PROJECT_INCLUDE "${CMAKE_CURRENT_LIST_DIR}/powerpc-linux-gnu-project.cmake")
 
 # Test discovery and ctest run the target's programs through the emulator.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-ppc -L /usr/${FERRULE_CROSS_TRIPLET})

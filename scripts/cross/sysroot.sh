@@ -163,7 +163,7 @@ build_usrsctp() {  # source prefix
     FERRULE_CROSS_SYSROOT=$2 cmake -S "$1" -B "$work/usrsctp-build-$shared" -G Ninja \
       -DCMAKE_TOOLCHAIN_FILE="$root/cmake/$triplet.cmake" -DFERRULE_CROSS_STATIC=OFF \
       -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" \
-      -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=OFF \
+      -DFERRULE_CROSS_SMALL=OFF \
       -DCMAKE_INSTALL_PREFIX="$2" -DCMAKE_INSTALL_LIBDIR=lib \
       -Dsctp_build_programs=OFF -Dsctp_werror=OFF -Dsctp_build_shared_lib=$shared >>"$log" 2>&1
     nice ninja -C "$work/usrsctp-build-$shared" -j2 >>"$log" 2>&1
