@@ -26,12 +26,21 @@ nice ninja -C build-ppc --quiet 2>&1 | awk '
   { if (held != "") print held; held = ""; print }
   END { if (held != "") print held }'
 
-if [ -x build-ppc/app/ferrule ]; then
-  stripped=$(mktemp)
-  powerpc-linux-gnu-strip -o "$stripped" build-ppc/app/ferrule
-  echo "ferrule for powerpc, static, stripped: $(stat -c %s "$stripped") bytes"
-  rm -f "$stripped"
-fi
+# The daemon as the board gets it, stripped: the fully static build above
+# and a dynamic one (the same objects, linked against the board's shared
+# libraries; only the daemon is built there).
+cmake -S . -B build-ppc-dynamic -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/powerpc-linux-gnu.cmake" \
+  -DFERRULE_CROSS_SYSROOT="$sysroot" -DFERRULE_CROSS_STATIC=OFF -DFERRULE_TESTS=OFF \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+nice ninja -C build-ppc-dynamic --quiet app/ferrule
+stripped=$(mktemp)
+for build in build-ppc build-ppc-dynamic; do
+  linkage=static
+  grep -q '^FERRULE_CROSS_STATIC:BOOL=OFF' $build/CMakeCache.txt && linkage=dynamic
+  powerpc-linux-gnu-strip -o "$stripped" $build/app/ferrule
+  echo "ferrule for powerpc, $linkage, stripped: $(stat -c %s "$stripped") bytes"
+done
+rm -f "$stripped"
 
 (cd build-ppc && ctest -j"$jobs" --output-on-failure --timeout 900 -L unit)
 
