@@ -85,6 +85,10 @@ TEST_F(ChainTest, AppendLinksWithoutCopying) {
   BufferChain& empty = held();
   empty.append(a);
   EXPECT_EQ(text(empty), "abcdefgh");
+  // A chain appended to itself stays as it was rather than become a ring.
+  empty.append(empty);
+  ASSERT_EQ(empty.first()->next->next->next, nullptr);
+  EXPECT_EQ(text(empty), "abcdefgh");
 }
 
 TEST_F(ChainTest, TrimFrontByCountOrIterator) {
