@@ -310,10 +310,18 @@ TEST_F(ForwarderTest, CallbacksAfterCleanUpReachNothing) {
   EXPECT_EQ(request->responses, 1);
 }
 
+// Only those: an exchange that has finished, but is not yet cleaned up, is
+// left to end on its own.
 TEST_F(ForwarderTest, DestroyedForwarderCancelsRequestsInFlight) {
+  auto done = forward("GET /done HTTP/1.1\r\n");
+  target().respond(200, "OK")->end();
+  target().complete();
+  ASSERT_EQ(done->responses, 1);
   auto request = forward("GET / HTTP/1.1\r\n");
-  std::shared_ptr<FakeClientRequest> kept = client->requests[0];
+  std::shared_ptr<FakeClientRequest> finished = client->requests[0];
+  std::shared_ptr<FakeClientRequest> kept = client->requests[1];
   forwarder.reset();
+  EXPECT_EQ(finished->cancels, 0);
   EXPECT_EQ(kept->cancels, 1);
   kept->complete(boost::asio::error::connection_refused);
   EXPECT_EQ(request->responses, 0);
