@@ -288,6 +288,31 @@ TEST_F(AsioSslSocketTest, ConnectWithoutHostNameIsRefusedBeforeAnyTraffic) {
             1u);
 }
 
+// A chain whose first buffer has no room is read into its next one: a read
+// into no room at all would complete at once with nothing, which a reader
+// takes for the end of the stream.
+TEST_F(AsioSslSocketTest, AReadSkipsABufferWithNoRoom) {
+  TlsTestServer server(serving("trusted.pem", TlsTestServer::After::Echo, "hello;"));
+  auto client = clientFor("localhost");
+  ASSERT_EQ(connect(*client, loopback(server)), 0);
+  BufferChainPtr inbound(pool_.allocate(2 * pool_.bufferSize()));
+  ASSERT_NE(inbound.chain().first()->next, nullptr);
+  inbound.chain().first()->length = 0;
+  std::size_t got = 0;
+  client->receive(inbound, [&](int error, std::size_t bytes) {
+    EXPECT_EQ(error, 0);
+    got = bytes;
+    stop();
+  });
+  run();
+  ASSERT_GT(got, 0u);
+  Buffer* second = inbound.chain().first()->next;
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(second->data()), std::min<std::size_t>(got, 6)),
+            std::string("hello;").substr(0, std::min<std::size_t>(got, 6)));
+  client->close();
+  server.finish();
+}
+
 TEST_F(AsioSslSocketTest, LargeTransferIsByteExact) {
   std::string data(4 << 20, '\0');
   unsigned state = 12345;
