@@ -509,6 +509,22 @@ TEST_F(NetSessionTest, InTheControlledRoleThePeerNominates) {
   EXPECT_EQ(Peer, session->remoteAddress());
 }
 
+// Controlled, the device's own check succeeding is not enough: the pair is
+// used only once the peer has nominated it.
+TEST_F(NetSessionTest, InTheControlledRoleASucceededCheckWaitsForTheNomination) {
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  peer.answer = false;
+  const auto session = startWith(peer);
+  reactor_->advance(Duration::milliseconds(2));
+  sendCheck(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), session->localDescription(), true, ~uint64_t{0});
+  peer.answer = true;
+  reactor_->advance(Duration::milliseconds(500));
+  EXPECT_FALSE(session->isControlling());
+  EXPECT_FALSE(session->validPairs().empty());
+  EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
+}
+
 // A peer that takes the controlling role but never nominates is given up on.
 TEST_F(NetSessionTest, APeerThatNeverNominatesIsGivenUpOn) {
   ScriptedPeer peer;
