@@ -365,6 +365,20 @@ TEST_F(NetSessionTest, OneNominationAtATime) {
   EXPECT_EQ(1, best.useCandidates + other.useCandidates);
 }
 
+// Pairs to one remote candidate from two local ones are two valid pairs.
+TEST_F(NetSessionTest, EachLocalCandidateMakesItsOwnValidPair) {
+  networkInfo_->add("eth1", AF_INET, "10.0.1.2");
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  peer.answerNomination = false;
+  const auto session = makeSession({remote(Peer)});
+  play(peer, session);
+  start(session);
+  reactor_->advance(Duration::milliseconds(80));
+  ASSERT_EQ(2u, session->validPairs().size());
+  EXPECT_NE(session->validPairs()[0]->local->address, session->validPairs()[1]->local->address);
+}
+
 TEST_F(NetSessionTest, AnswersIncomingChecksExactly) {
   ScriptedPeer peer;
   peer.answer = peer.checkBack = false;
