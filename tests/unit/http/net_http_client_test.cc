@@ -34,8 +34,10 @@ using testing::ManualReactor;
 struct Outcome {
   int responses = 0;
   uint32_t status = 0;
+  std::string head;
   std::string body;
-  bool bodyEnded = false;
+  int ends = 0;
+  int errorCalls = 0;  // success included
   std::optional<boost::system::error_code> code;
 };
 
@@ -68,15 +70,19 @@ class NetHttpClientTest : public ::testing::Test {
     request.setResponseHandler([&outcome](const std::shared_ptr<WebClientResponse>& response) {
       ++outcome.responses;
       outcome.status = response->headers().statusCode();
+      outcome.head.assign(response->headers().data(), response->headers().size());
     });
     request.setBodyDataHandler([&outcome](const BufferChainPtr& piece, bool end) {
       if (end) {
-        outcome.bodyEnded = true;
+        ++outcome.ends;
         return;
       }
       outcome.body += testing::textOf(piece.chain());
     });
-    request.setErrorHandler([&outcome](const boost::system::error_code& code) { outcome.code = code; });
+    request.setErrorHandler([&outcome](const boost::system::error_code& code) {
+      ++outcome.errorCalls;
+      outcome.code = code;
+    });
   }
 
   // A line containing `text` at `level`.
@@ -169,7 +175,7 @@ TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
   EXPECT_EQ(1, outcome.responses);
   EXPECT_EQ(200u, outcome.status);
   EXPECT_EQ("hello", outcome.body);
-  EXPECT_TRUE(outcome.bodyEnded);
+  EXPECT_EQ(1, outcome.ends);
   EXPECT_EQ(outcome.code, Success);
   EXPECT_EQ(1u, client->plainPool()->freeCount());
   // A head and the body pieces after it must not wait for the peer's delayed ACK.
@@ -355,7 +361,7 @@ TEST_F(NetHttpClientTest, ResponsesWithoutBodyEndAfterHead) {
     factory->last().deliver(c.response);
     run();
     EXPECT_EQ(outcome.code, Success) << c.response;
-    EXPECT_TRUE(outcome.bodyEnded);
+    EXPECT_EQ(1, outcome.ends);
     EXPECT_TRUE(outcome.body.empty());
   }
   // All three went over the one kept connection.
@@ -701,6 +707,109 @@ TEST_F(NetHttpClientTest, AGetIsRetriedOnlyOnce) {
   }
   EXPECT_EQ(c.code, make_error_code(HttpClientError::ConnectionLost));
   EXPECT_EQ(2u, factory->sockets.size());
+}
+
+// The client keeps its request objects between uses. Whatever one use did,
+// the next starts from nothing, and nothing of an old use is reached again.
+TEST_F(NetHttpClientTest, AUseAfterAFailedOneCarriesNothingOver) {
+  Outcome first;
+  auto failed = start("POST", "/first", first);
+  failed->headers().addField("X-Only-First", "1");
+  failed->setCloseConnection();
+  failed->send("abc", 3);
+  run();
+  // A chunked body whose chunk is not ended as it must be.
+  factory->last().deliver("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nhe");
+  run();
+  factory->last().deliver("XX");
+  run();
+  ASSERT_TRUE(first.code);
+  EXPECT_TRUE(*first.code);
+  WebClientRequest* const object = failed.get();
+  failed.reset();
+  run();
+
+  Outcome second;
+  auto next = start("GET", "/second", second);
+  EXPECT_EQ(object, next.get());  // the same object, used again
+  EXPECT_FALSE(next->isStarted());
+  EXPECT_EQ("GET /second HTTP/1.1\r\nHost: example\r\n\r\n",
+            std::string(next->headers().data(), next->headers().size()));
+  next->send(nullptr, 0);
+  run();
+  EXPECT_EQ("GET /second HTTP/1.1\r\nHost: example\r\n\r\n", factory->last().sent);
+  factory->last().deliver(Ok5);
+  run();
+  EXPECT_EQ(1, second.responses);
+  EXPECT_EQ("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", second.head);
+  EXPECT_EQ("hello", second.body);
+  EXPECT_EQ(1, second.ends);
+  EXPECT_EQ(1, second.errorCalls);
+  EXPECT_EQ(second.code, Success);
+  // Nothing more reached the first use's handlers, and the connection of the
+  // second was kept: no close was asked for this time.
+  EXPECT_EQ(1, first.errorCalls);
+  EXPECT_EQ(1u, client->plainPool()->freeCount());
+}
+
+// A caller may keep a response after letting its request go: the object is
+// not used again while it does, and the response stays as it came.
+TEST_F(NetHttpClientTest, AResponseStillHeldKeepsItsObjectOffTheShelf) {
+  Outcome first;
+  auto request = start("GET", "/a", first);
+  std::shared_ptr<WebClientResponse> kept;
+  request->setResponseHandler([&kept](const std::shared_ptr<WebClientResponse>& response) { kept = response; });
+  request->send(nullptr, 0);
+  run();
+  factory->last().deliver("HTTP/1.1 200 OK\r\nServer: first\r\nContent-Length: 1\r\n\r\na");
+  run();
+  ASSERT_TRUE(kept);
+  WebClientRequest* const object = request.get();
+  request.reset();
+  run();
+
+  Outcome second;
+  auto other = get("/b", second);
+  EXPECT_NE(object, other.get());
+  factory->last().deliver("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+  run();
+  EXPECT_EQ(404u, second.status);
+  EXPECT_EQ("first", kept->headers().find("Server")->value.str());
+  other.reset();
+
+  kept.reset();
+  Outcome third;
+  auto again = start("GET", "/c", third);
+  EXPECT_EQ(object, again.get());
+}
+
+// Handles an old use gave out reach nothing of the next: its body sink has
+// expired and a source connected to it puts into nothing.
+TEST_F(NetHttpClientTest, AnOldUsesBodySinkIsGone) {
+  Outcome first;
+  auto request = start("POST", "/a", first);
+  const std::weak_ptr<BodySink> oldSink = request->bodySink();
+  BodySource source;
+  source.connect(oldSink);
+  request.reset();
+  run();
+  EXPECT_TRUE(oldSink.expired());
+
+  Outcome second;
+  auto next = start("POST", "/b", second);
+  next->startStreaming();
+  run();
+  source.put(BufferChainPtr(testing::chainOf(*pool, "stale")));
+  source.end();
+  auto sink = next->bodySink().lock();
+  ASSERT_TRUE(sink);
+  EXPECT_FALSE(sink->hasItem());
+  EXPECT_FALSE(sink->endArrived());
+  sink->put(BufferChainPtr(testing::chainOf(*pool, "new")));
+  sink->end();
+  run();
+  EXPECT_EQ("POST /b HTTP/1.1\r\nHost: example\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nnew\r\n0\r\n\r\n",
+            factory->last().sent);
 }
 
 }  // namespace
