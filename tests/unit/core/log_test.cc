@@ -145,11 +145,10 @@ TEST_F(LogTest, ThrowingWriterIsSkipped) {
   EXPECT_TRUE(capture_->contains("still delivered"));
 }
 
+// The middle of the table and a number past it are in the line format's test.
 TEST(LevelName, KnownAndUnknown) {
   EXPECT_EQ(log::levelName(1), "FATAL");
-  EXPECT_EQ(log::levelName(4), "NOTICE");
   EXPECT_EQ(log::levelName(7), "SPAM");
-  EXPECT_EQ(log::levelName(9), "[9]");
   EXPECT_EQ(log::levelName(0), "[0]");
 }
 
