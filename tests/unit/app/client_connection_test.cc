@@ -75,8 +75,7 @@ TEST_F(ClientConnectionTest, RelaysAVideoRequestOverSctp) {
   std::shared_ptr<AsyncSocket> stream = open(5000);
   EXPECT_EQ(connection->streamCount(), 1u);
   EXPECT_FALSE(connection->idleTimerRunning());
-  Completion sent;
-  sendText(*stream, "id=7&q=hd", sent);
+  sendText(*stream, "id=7&q=hd");
   run(50);
   ASSERT_EQ(http->requests.size(), 1u);
   EXPECT_EQ(http->last().path, "/video.vdo?id=7&q=hd");
@@ -95,9 +94,8 @@ TEST_F(ClientConnectionTest, ConnectionsOnOneSessionEachGetARelay) {
   std::shared_ptr<AsyncSocket> first = open(5000);
   std::shared_ptr<AsyncSocket> second = open(5001);
   EXPECT_EQ(connection->streamCount(), 2u);
-  Completion sent1, sent2;
-  sendText(*first, "a=1", sent1);
-  sendText(*second, "b=2", sent2);
+  sendText(*first, "a=1");
+  sendText(*second, "b=2");
   run(50);
   ASSERT_EQ(http->requests.size(), 2u);
   EXPECT_EQ(http->requests[0]->path, "/video.vdo?a=1");
@@ -138,8 +136,7 @@ TEST_F(ClientConnectionTest, ConnectionsBeyondTheBoundAreClosedAsTheyCome) {
   run(500);
   std::shared_ptr<AsyncSocket> next = open(6001);
   EXPECT_EQ(connection->streamCount(), ClientConnection::MaxConnections);
-  Completion sent;
-  sendText(*next, "q=next", sent);
+  sendText(*next, "q=next");
   run(50);
   EXPECT_EQ(http->last().path, "/video.vdo?q=next");
 }
@@ -208,8 +205,7 @@ TEST(ClientConnectionClock, AWallClockStepMovesNoIdleClose) {
 // rather than when its own retransmissions give up.
 TEST_F(ClientConnectionTest, GoingAwayTellsTheClientThenClosesTheLinkAndTheIceSession) {
   std::shared_ptr<AsyncSocket> stream = open(5000);
-  Completion sent;
-  sendText(*stream, "q=1", sent);
+  sendText(*stream, "q=1");
   run(50);
   std::shared_ptr<FakeClientResponse> response = http->last().respond(200, "OK");
   for (int piece = 0; piece < 40 && response->put(std::string(50000, 'v')); ++piece) run(10);
@@ -217,15 +213,9 @@ TEST_F(ClientConnectionTest, GoingAwayTellsTheClientThenClosesTheLinkAndTheIceSe
   connection.reset();
   EXPECT_TRUE(sessions.device->closed);
   // What had arrived may still be read first; the end follows it.
-  const Completion* got = &receiveText(*stream, 64 * 1024);
-  for (int waited = 0; waited < 1000; waited += 10) {
-    run(10);
-    if (!got->done) continue;
-    if (got->error || got->bytes == 0) break;
-    got = &receiveText(*stream, 64 * 1024);
-  }
-  ASSERT_TRUE(got->done);
-  EXPECT_NE(got->error, 0);
+  const Completion& got = readToTheEnd(*stream);
+  ASSERT_TRUE(got.done);
+  EXPECT_NE(got.error, 0);
 }
 
 // A link whose listener fails its first `failures` accepts with EIO, each

@@ -98,36 +98,30 @@ class SctpFixture : public ::testing::Test {
 
   BufferChainPtr chainOf(const std::string& text) { return BufferChainPtr(testing::chainOf(pool, text)); }
 
-  // Starts a send; what it reports lands in `sent`, or in the returned
-  // record the fixture keeps.
-  void sendText(AsyncSocket& socket, const std::string& text, Completion& sent) {
+  // Starts a send; what it reports lands in the returned record the fixture
+  // keeps.
+  Completion& sendText(AsyncSocket& socket, const std::string& text) {
+    Completion& sent = completions.emplace_back();
     socket.send(chainOf(text), [&sent, alive = alive](int error, std::size_t bytes) {
       if (!*alive) return;
       sent.done = true;
       sent.error = error;
       sent.bytes = bytes;
     });
-  }
-  Completion& sendText(AsyncSocket& socket, const std::string& text) {
-    Completion& sent = completions.emplace_back();
-    sendText(socket, text, sent);
     return sent;
   }
 
-  // Starts a receive into a chain of `room` bytes; the bytes arrive in `text`.
-  void receiveText(AsyncSocket& socket, std::size_t room, Completion& got, std::string& text) {
+  // Starts a receive into a chain of `room` bytes; the bytes arrive as text.
+  Completion& receiveText(AsyncSocket& socket, std::size_t room) {
+    Completion& got = completions.emplace_back();
     BufferChainPtr chain(pool.allocate(room));
-    socket.receive(chain, [&got, &text, chain, alive = alive](int error, std::size_t bytes) {
+    socket.receive(chain, [&got, chain, alive = alive](int error, std::size_t bytes) {
       if (!*alive) return;
       got.done = true;
       got.error = error;
       got.bytes = bytes;
-      text = textOf(chain.chain()).substr(0, bytes);
+      got.text = textOf(chain.chain()).substr(0, bytes);
     });
-  }
-  Completion& receiveText(AsyncSocket& socket, std::size_t room) {
-    Completion& got = completions.emplace_back();
-    receiveText(socket, room, got, got.text);
     return got;
   }
 
@@ -149,6 +143,19 @@ class SctpFixture : public ::testing::Test {
       all += got.text;
     }
     return all;
+  }
+
+  // Reads for up to a second while data still arrives; the last receive,
+  // which should have ended the stream.
+  const Completion& readToTheEnd(AsyncSocket& socket) {
+    const Completion* got = &receiveText(socket, 64 * 1024);
+    for (int waited = 0; waited < 1000; waited += 10) {
+      run(10);
+      if (!got->done) continue;
+      if (got->error || got->bytes == 0) break;
+      got = &receiveText(socket, 64 * 1024);
+    }
+    return *got;
   }
 
   std::shared_ptr<bool> alive = std::make_shared<bool>(true);
