@@ -29,15 +29,17 @@ class StreamRelayTest : public ::testing::Test {
  public:
   static constexpr Duration QueryWait = Duration::seconds(30);
 
-  StreamRelayTest()
-      : reactor(std::make_shared<ManualReactor>()),
-        socket(std::make_shared<FakeSocket>(reactor, &refused)),
-        http(std::make_shared<FakeHttpClient>()),
-        relay(std::make_shared<StreamRelay>(reactor, socket, pool, http, "camera.local", QueryWait,
-                                            [this](StreamRelay* closed) {
-                                              EXPECT_EQ(closed, relay.get());
-                                              ++closes;
-                                            })) {
+  StreamRelayTest() { open(); }
+
+  // A started relay on a fresh connection.
+  void open() {
+    socket = std::make_shared<FakeSocket>(reactor, &refused);
+    closes = 0;
+    relay = std::make_shared<StreamRelay>(reactor, socket, pool, http, "camera.local", QueryWait,
+                                          [this](StreamRelay* closed) {
+                                            EXPECT_EQ(closed, relay.get());
+                                            ++closes;
+                                          });
     relay->start();
   }
 
@@ -52,9 +54,9 @@ class StreamRelayTest : public ::testing::Test {
 
   std::set<std::string> refused;
   std::shared_ptr<BufferPool> pool = std::make_shared<BufferPool>(512, 0, 0);
-  std::shared_ptr<ManualReactor> reactor;
+  std::shared_ptr<ManualReactor> reactor = std::make_shared<ManualReactor>();
   std::shared_ptr<FakeSocket> socket;
-  std::shared_ptr<FakeHttpClient> http;
+  std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
   int closes = 0;
   std::shared_ptr<StreamRelay> relay;
 };
@@ -134,11 +136,7 @@ TEST_F(StreamRelayTest, EachWayOfEndingClosesOnceAndStopsTheTarget) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    socket = std::make_shared<FakeSocket>(reactor, &refused);
-    closes = 0;
-    relay = std::make_shared<StreamRelay>(reactor, socket, pool, http, "camera.local", QueryWait,
-                                          [this](StreamRelay*) { ++closes; });
-    relay->start();
+    open();
     query("id=1");
     target().respond(200, "OK");
     c.end(*this);
