@@ -114,6 +114,7 @@ TEST(SocketAddressTest, ComparisonRules) {
   EXPECT_TRUE(p80 < a);  // family first
   EXPECT_TRUE(SocketAddress(255, "", 1) < SocketAddress(255, "", 2));
   EXPECT_FALSE(SocketAddress(255, "", 2) < SocketAddress(255, "", 1));
+  EXPECT_FALSE(SocketAddress(255, "", 2) < SocketAddress(255, "", 2));  // maps key on it
   EXPECT_EQ(p80, SocketAddress(AF_INET, "10.0.0.1", 80));
 
   SocketAddress cleared = p80;
