@@ -24,12 +24,14 @@ SocketAddress fromConnAddress(const sockaddr_conn& address) {
 namespace {
 
 // The first AF_CONN address of a getladdrs/getpaddrs answer, which is freed.
-SocketAddress firstConnAddress(struct sockaddr* addresses, int count, void (*release)(struct sockaddr*)) {
+// The stack hands out a list only when it allocated one, even an empty one (a
+// zeroed block), and leaves the pointer alone when it has none or fails; so
+// the pointer, not the count, says whether there is something to free.
+SocketAddress firstConnAddress(struct sockaddr* addresses, void (*release)(struct sockaddr*)) {
   SocketAddress result;
-  if (count > 0 && addresses && addresses->sa_family == AF_CONN) {
-    result = fromConnAddress(*reinterpret_cast<const sockaddr_conn*>(addresses));
-  }
-  if (count > 0) release(addresses);
+  if (!addresses) return result;
+  if (addresses->sa_family == AF_CONN) result = fromConnAddress(*reinterpret_cast<const sockaddr_conn*>(addresses));
+  release(addresses);
   return result;
 }
 
@@ -37,14 +39,14 @@ SocketAddress firstConnAddress(struct sockaddr* addresses, int count, void (*rel
 
 SocketAddress stackLocalAddress(struct socket* handle) {
   struct sockaddr* addresses = nullptr;
-  const int count = usrsctp_getladdrs(handle, 0, &addresses);
-  return firstConnAddress(addresses, count, usrsctp_freeladdrs);
+  usrsctp_getladdrs(handle, 0, &addresses);
+  return firstConnAddress(addresses, usrsctp_freeladdrs);
 }
 
 SocketAddress stackPeerAddress(struct socket* handle) {
   struct sockaddr* addresses = nullptr;
-  const int count = usrsctp_getpaddrs(handle, 0, &addresses);
-  return firstConnAddress(addresses, count, usrsctp_freepaddrs);
+  usrsctp_getpaddrs(handle, 0, &addresses);
+  return firstConnAddress(addresses, usrsctp_freepaddrs);
 }
 
 ssize_t stackReceive(struct socket* handle, void* buffer, std::size_t size, int& flags, uint16_t& stream) {
