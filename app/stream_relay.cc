@@ -46,7 +46,7 @@ void StreamRelay::onQueryWaitOver() {
 
 void StreamRelay::receive() {
   BufferChainPtr chain(pool_->allocate(MaxRequestSize));
-  if (!chain || chain.chain().empty()) {
+  if (chain.chain().empty()) {  // the pool is spent
     QLOG(Log, log::Notice, "Stream disconnected, code %d", ENOMEM);
     close();
     return;

@@ -28,6 +28,7 @@ using testing::ManualReactor;
 class StreamRelayTest : public ::testing::Test {
  public:
   static constexpr Duration QueryWait = Duration::seconds(30);
+  static constexpr unsigned MaxRequestBuffers = StreamRelay::MaxRequestSize / 512;
 
   StreamRelayTest() { open(); }
 
@@ -159,6 +160,20 @@ TEST_F(StreamRelayTest, AConnectionWithoutAQueryClosesAfterTheQueryWait) {
   EXPECT_EQ(closes, 1);
   EXPECT_TRUE(socket->closed);
   EXPECT_EQ(capture->count("No video request for 30s, closing"), 1u);
+}
+
+// With the pool spent there is nowhere to read a query into: the connection
+// goes at once, as a disconnection for want of memory.
+TEST_F(StreamRelayTest, NoBuffersForTheQueryClosesTheConnection) {
+  const auto capture = testing::LogCapture::install();
+  relay.reset();  // first the fixture's relay and its read, with the pool they use
+  reactor->runDue();
+  pool = std::make_shared<BufferPool>(512, 0, MaxRequestBuffers - 1);
+  open();
+  EXPECT_EQ(closes, 1);
+  EXPECT_TRUE(socket->closed);
+  EXPECT_FALSE(socket->receiving());
+  EXPECT_EQ(capture->count("Stream disconnected, code " + std::to_string(ENOMEM)), 1u);
 }
 
 TEST_F(StreamRelayTest, AQueryWithinTheWaitKeepsTheConnectionForItsWholeTransfer) {
