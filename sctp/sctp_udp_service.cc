@@ -231,7 +231,7 @@ void SctpUdpService::abortSocket(struct socket* handle) {
 
 // ---- the stack's callbacks
 
-int SctpUdpService::onOutput(void* address, void* buffer, std::size_t length, uint8_t, uint8_t) {
+int SctpUdpService::onOutput(void* address, void* buffer, std::size_t length, uint8_t, uint8_t) noexcept {
   SctpUdpService* self = instance;
   if (!self) return 0;
   const uintptr_t connData = reinterpret_cast<uintptr_t>(address);
@@ -256,7 +256,7 @@ void SctpUdpService::deliverOutput(uintptr_t connData, const uint8_t* data, std:
   --inCallback_;
 }
 
-void SctpUdpService::onUpcall(struct socket* handle, void* arg, int) {
+void SctpUdpService::onUpcall(struct socket* handle, void* arg, int) noexcept {
   SctpUdpService* self = static_cast<SctpUdpService*>(arg);
   std::lock_guard<std::mutex> lock(self->eventsMutex_);
   self->pendingEvents_.push_back(handle);
@@ -266,7 +266,7 @@ void SctpUdpService::onUpcall(struct socket* handle, void* arg, int) {
   self->reactor_->post(self->token_, [self] { self->drainEvents(); });
 }
 
-void SctpUdpService::onDebugText(const char* format, ...) {
+void SctpUdpService::onDebugText(const char* format, ...) noexcept {
   if (!StackLog.isEnabled(log::Debug)) return;
   char text[512];
   va_list args;

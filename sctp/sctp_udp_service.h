@@ -103,10 +103,14 @@ class SctpUdpService {
     bool closing = false;
   };
 
-  // The stack's callbacks.
-  static int onOutput(void* address, void* buffer, std::size_t length, uint8_t tos, uint8_t setDf);
-  static void onUpcall(struct socket* handle, void* arg, int flags);
-  static void onDebugText(const char* format, ...);
+  // The stack's callbacks. The stack is C, built for the device without
+  // unwind tables: an exception must never leave a callback into its frames
+  // (it would end the program there, with the stack's locks held on the way).
+  // noexcept makes that a rule of the compiler: a throw (only bad_alloc can)
+  // ends the program at the callback's own edge.
+  static int onOutput(void* address, void* buffer, std::size_t length, uint8_t tos, uint8_t setDf) noexcept;
+  static void onUpcall(struct socket* handle, void* arg, int flags) noexcept;
+  static void onDebugText(const char* format, ...) noexcept;
 
   // The stack, its threads and its tables are set up for the first link or
   // socket: a device that only relays HTTP never pays for them.
