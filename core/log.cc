@@ -5,8 +5,7 @@
 #include <mutex>
 #include <string_view>
 
-#include <boost/format.hpp>
-
+#include "core/log_format.h"
 #include "core/time_provider.h"
 
 namespace quorvel {
@@ -76,37 +75,6 @@ std::string levelName(int level) {
   return "[" + std::to_string(level) + "]";
 }
 
-// Feeds each erased argument to Boost.Format as the type it had at the call
-// site: one instantiation of the formatter per kind for the whole program.
-class Formatter {
- public:
-  static void feed(boost::format& message, const LogArg& arg) {
-    const auto& v = arg.value_;
-    switch (arg.kind_) {
-      case LogArg::Kind::Bool: message % v.b; break;
-      case LogArg::Kind::Char: message % v.c; break;
-      case LogArg::Kind::SignedChar: message % v.sc; break;
-      case LogArg::Kind::UnsignedChar: message % v.uc; break;
-      case LogArg::Kind::Short: message % v.s; break;
-      case LogArg::Kind::UnsignedShort: message % v.us; break;
-      case LogArg::Kind::Int: message % v.i; break;
-      case LogArg::Kind::Unsigned: message % v.u; break;
-      case LogArg::Kind::Long: message % v.l; break;
-      case LogArg::Kind::UnsignedLong: message % v.ul; break;
-      case LogArg::Kind::LongLong: message % v.ll; break;
-      case LogArg::Kind::UnsignedLongLong: message % v.ull; break;
-      case LogArg::Kind::Double: message % v.d; break;
-      case LogArg::Kind::Text: message % std::string_view(arg.text_.data, arg.text_.size); break;
-    }
-  }
-};
-
-class ParsedFormat {
- public:
-  explicit ParsedFormat(const char* text) : format(text) {}
-  const boost::format format;
-};
-
 const ParsedFormat* parseFormat(const char* text) {
   // Kept for the life of the process and never destroyed: call sites' statics
   // point here, and a line may be logged while other statics are destroyed.
@@ -115,24 +83,15 @@ const ParsedFormat* parseFormat(const char* text) {
     std::forward_list<ParsedFormat> formats;
   };
   static Store* const store = new Store;
-  try {
-    ParsedFormat parsed(text);
-    std::lock_guard<std::mutex> lock(store->mutex);
-    return &store->formats.emplace_front(std::move(parsed));
-  } catch (...) {
-    return nullptr;
-  }
+  std::optional<ParsedFormat> parsed = ParsedFormat::parse(text);
+  if (!parsed) return nullptr;
+  std::lock_guard<std::mutex> lock(store->mutex);
+  return &store->formats.emplace_front(std::move(*parsed));
 }
 
 std::string formatMessage(const ParsedFormat* parsed, const char* text, std::initializer_list<LogArg> args) {
-  if (parsed) {
-    try {
-      boost::format message(parsed->format);
-      for (const LogArg& arg : args) Formatter::feed(message, arg);
-      return message.str();
-    } catch (...) {
-    }
-  }
+  std::string message;
+  if (parsed && parsed->format(args, message)) return message;
   return std::string(text) + " (log formatting error)";
 }
 

@@ -17,11 +17,11 @@ enum Level : int { Fatal = 1, Error = 2, Warning = 3, Notice = 4, Info = 5, Debu
 
 class Log;
 
-// One argument of a log call, with the type it is printed as: Boost.Format
-// prints each as an output stream does, so a short keeps its own width for %x
-// of a negative value and a char or uint8_t prints as a character. Erasing
-// the call sites' types to these few lets one formatter serve every call
-// site. Holds references only: it lives no longer than the log call's
+// One argument of a log call, with the type it is printed as: each prints as
+// an output stream prints it (as Boost.Format does), so a short keeps its own
+// width for %x of a negative value and a char or uint8_t prints as a
+// character. Erasing the call sites' types to these few lets one formatter
+// serve every call site. Holds references only: it lives no longer than the log call's
 // statement.
 class LogArg {
  public:
@@ -84,8 +84,7 @@ class LogArg {
   };
 };
 
-// A call site's format text, parsed once (Boost.Format); defined in log.cc so
-// that no call site instantiates the formatter.
+// A call site's format text, parsed once (core/log_format.h).
 class ParsedFormat;
 
 }  // namespace log
@@ -135,8 +134,8 @@ void addWriter(std::shared_ptr<LogWriter> writer);
 // "FATAL" ... "SPAM", or "[n]" for any other value.
 std::string levelName(int level);
 
-// The parsed form of a format text in Boost.Format's syntax, kept for the
-// life of the process; null when the text itself does not parse.
+// The parsed form of a format text (the syntax is in core/log_format.h), kept
+// for the life of the process; null when the text itself does not parse.
 const ParsedFormat* parseFormat(const char* text);
 
 // The message for a parsed format text and its arguments; the text itself

@@ -133,6 +133,37 @@ TEST(LogFormat, TextAroundDirectivesAndSeveralArguments) {
   EXPECT_EQ(formatted("%%%s%%", {1}), "%1%");
 }
 
+// Flags, widths and precisions beyond the common directives, each with a
+// few argument types: printed as Boost.Format prints them.
+TEST(LogFormat, OtherDirectivesAsBoostFormatPrintsThem) {
+  const char* const directives[] = {"%X", "%08X", "%-05d", "%05d", "%06.1f", "%.2s", "%4.1s", "%lu", "%zu",
+                                    "%hd", "%05s", "%-6x", "%.3d", "%5.0f"};
+  for (const char* directive : directives) {
+    SCOPED_TRACE(directive);
+    EXPECT_EQ(formatted(directive, {-3}), (boost::format(directive) % -3).str());
+    EXPECT_EQ(formatted(directive, {0xabcu}), (boost::format(directive) % 0xabcu).str());
+    EXPECT_EQ(formatted(directive, {int16_t(-300)}), (boost::format(directive) % int16_t(-300)).str());
+    EXPECT_EQ(formatted(directive, {-2.5}), (boost::format(directive) % -2.5).str());
+    EXPECT_EQ(formatted(directive, {1e-7}), (boost::format(directive) % 1e-7).str());
+    EXPECT_EQ(formatted(directive, {"abc"}), (boost::format(directive) % "abc").str());
+    EXPECT_EQ(formatted(directive, {'z'}), (boost::format(directive) % 'z').str());
+    EXPECT_EQ(formatted(directive, {true}), (boost::format(directive) % true).str());
+  }
+  // Longer than any number's usual room.
+  EXPECT_EQ(formatted("%f", {1e60}), (boost::format("%f") % 1e60).str());
+  EXPECT_EQ(formatted("%.0f|%-3s|", {-1e300, "a"}), (boost::format("%.0f|%-3s|") % -1e300 % "a").str());
+}
+
+// Syntax that log texts do not use does not parse: the message says so
+// rather than print something else.
+TEST(LogFormat, SyntaxOutsideTheLogsSubsetIsAFormattingError) {
+  for (const char* text : {"%1%", "%1$d", "%+d", "% d", "%#x", "%c", "%e", "%g", "%o", "%p", "%|5d|", "%*d",
+                           "%5", "%-", "%.", "%l", "%99999d"}) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(formatted(text, {1}), text + std::string(" (log formatting error)"));
+  }
+}
+
 class ThrowingWriter : public LogWriter {
  public:
   void write(Time, const log::Log&, int, int, const std::string&) override { throw std::runtime_error("broken"); }
