@@ -13,6 +13,12 @@ jobs=$(nproc)
 
 sysroot=$(bash scripts/cross/sysroot.sh --print)
 [ -d "$sysroot" ] || { echo "cross: sysroot.sh printed no sysroot directory: '$sysroot'" >&2; exit 1; }
+# A tree configured against another sysroot keeps that one's libraries in its
+# cache (found once, never looked up again): such a tree starts afresh.
+for build in build-ppc build-ppc-dynamic; do
+  grep -qxF "OPENSSL_SSL_LIBRARY:FILEPATH=$sysroot/lib/libssl.a" $build/CMakeCache.txt 2>/dev/null ||
+    rm -f $build/CMakeCache.txt
+done
 cmake -S . -B build-ppc -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/powerpc-linux-gnu.cmake" \
   -DFERRULE_CROSS_SYSROOT="$sysroot" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 # Fully static glibc warns at every link that getaddrinfo and dlopen want
