@@ -97,6 +97,27 @@ TEST_F(ReplyFraming, PayloadIsLinkedIntoTheReplyNotCopied) {
   EXPECT_EQ(pieceText(upload.take()), "\r\n0\r\n\r\n");
 }
 
+// With the pool spent a piece has no size line: the pending request ends and
+// its reply is given up rather than sent unframed.
+TEST_F(ReplyFraming, NoBuffersToFrameAPieceEndsThePendingRequest) {
+  std::shared_ptr<FakeClientRequest> post =
+      answer("GET /feed HTTP/1.1\r\n\r\n", "Transfer-Encoding", "chunked", [](WebResponse& r) { r.start(); });
+  ASSERT_NE(post, nullptr);
+  BodySource producer;
+  producer.connect(response->bodySink());
+  BufferChainPtr piece = bodyPiece("piece");
+  allocator->dry = true;
+  producer.put(piece);
+  bool logged = false;
+  for (const LogCapture::Line& line : logs->lines()) {
+    logged |= line.level == log::Error && line.message.find(": No buffers to frame 5 bytes of reply data") != std::string::npos;
+  }
+  EXPECT_TRUE(logged);
+  EXPECT_EQ(client->activeCount(), 0u);
+  EXPECT_GT(post->cancels, 0);
+  EXPECT_EQ(post->body.text(), ChunkedHead);
+}
+
 // Answers sent in one piece: head and framed data go in one buffer.
 TEST_F(ReplyFraming, AResponseSentInOnePieceIsFramedAsItsHeadSays) {
   struct Case {
@@ -121,6 +142,10 @@ TEST_F(ReplyFraming, AResponseSentInOnePieceIsFramedAsItsHeadSays) {
     EXPECT_EQ(post->body.text(), c.expected);
     EXPECT_EQ(post->body.pieces(), 1u);
     EXPECT_TRUE(post->body.ended());
+    // A reply sent whole is not cancelled when its answer comes: its
+    // connection goes back to be used again.
+    respond(*post, "HTTP/1.1 200 OK\r\n");
+    EXPECT_EQ(post->cancels, 0);
   }
 }
 
