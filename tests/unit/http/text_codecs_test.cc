@@ -46,6 +46,8 @@ TEST(StringSection, ComparesWithAndWithoutCase) {
   EXPECT_FALSE(StringSection("Content-Length").equals("content-length"));
   EXPECT_FALSE(StringSection("Content-Lengt").equalsIgnoreCase("content-length"));
   EXPECT_TRUE(StringSection() == StringSection(""));
+  EXPECT_TRUE(StringSection("/rhttp").startsWith("/rhttp"));  // a whole text starts with itself
+  EXPECT_FALSE(StringSection("/rhtt").startsWith("/rhttp"));
 }
 
 TEST(StringSection, ParsesWholeUnsignedNumbers) {
