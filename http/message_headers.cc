@@ -41,9 +41,10 @@ StringSection trimmed(const char* begin, const char* end) {
 }  // namespace
 
 const char* findLineEnd(const char* begin, const char* end) {
-  while (begin < end) {
+  while (begin != end) {
     const char* cr = static_cast<const char*>(std::memchr(begin, '\r', static_cast<std::size_t>(end - begin)));
-    if (!cr || cr + 1 >= end) return nullptr;
+    // A CR that ends the text may be the first half of a line end still to come.
+    if (!cr || cr + 1 == end) return nullptr;
     if (cr[1] == '\n') return cr;
     begin = cr + 1;
   }
