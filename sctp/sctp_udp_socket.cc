@@ -262,7 +262,9 @@ SocketAddress SctpUdpSocket::remoteAddress() const {
 }
 
 void SctpUdpSocket::close() {
-  if (state_ == State::Closed && !handle_) return;
+  // The handle goes only when the socket closes, so without one there is
+  // nothing left to close.
+  if (!handle_) return;
   state_ = State::Closed;
   Reactor& reactor = service_->reactor();
   if (ConnectCallback callback = std::move(connectCallback_)) {
@@ -272,7 +274,7 @@ void SctpUdpSocket::close() {
   if (sendCallback_) completeSend(ECANCELED);
   if (receiveCallback_) completeReceive(ECANCELED, 0);
   message_.reset();
-  if (handle_) service_->release(handle_, true);
+  service_->release(handle_, true);
   handle_ = nullptr;
 }
 
