@@ -10,6 +10,9 @@ namespace stun {
 
 namespace {
 
+// The message schedule's length and the steps that read it are one number.
+constexpr int Steps = 80;
+
 inline uint32_t rotateLeft(uint32_t value, int bits) { return (value << bits) | (value >> (32 - bits)); }
 
 // One SHA-1 step in place: the new `a` lands in `e` and `b` is rotated, so the
@@ -65,9 +68,9 @@ void Sha1Hash::add(std::vector<uint8_t>::const_iterator begin, std::vector<uint8
 void Sha1Hash::add(const Sha1Hash& other) { add(other.digestBegin(), other.digestEnd()); }
 
 void Sha1Hash::compress() {
-  uint32_t w[80];
+  uint32_t w[Steps];
   for (int i = 0; i < 16; ++i) w[i] = loadBigEndian32(block_ + 4 * i);
-  for (int i = 16; i < 80; ++i) w[i] = rotateLeft(w[i - 3] ^ w[i - 8] ^ w[i - 14] ^ w[i - 16], 1);
+  for (int i = 16; i < Steps; ++i) w[i] = rotateLeft(w[i - 3] ^ w[i - 8] ^ w[i - 14] ^ w[i - 16], 1);
 
   uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3], e = state_[4];
   // Five steps per pass with the variables renamed instead of shifted, and
@@ -93,7 +96,7 @@ void Sha1Hash::compress() {
     step(c, d, e, a, b, (d & e) | (d & a) | (e & a), 0x8F1BBCDCu, w[i + 3]);
     step(b, c, d, e, a, (c & d) | (c & e) | (d & e), 0x8F1BBCDCu, w[i + 4]);
   }
-  for (int i = 60; i < 80; i += 5) {
+  for (int i = 60; i < Steps; i += 5) {
     step(a, b, c, d, e, b ^ c ^ d, 0xCA62C1D6u, w[i]);
     step(e, a, b, c, d, a ^ b ^ c, 0xCA62C1D6u, w[i + 1]);
     step(d, e, a, b, c, e ^ a ^ b, 0xCA62C1D6u, w[i + 2]);
