@@ -52,6 +52,18 @@ TEST(LinkField, SeveralRelationsInOneWalk) {
   ASSERT_NE(nullptr, found[1].data());
   EXPECT_TRUE(found[1].empty());
   EXPECT_EQ(nullptr, found[2].data());
+
+  // Only the first `count` relations are looked for and written: a 204 asks
+  // for "next" alone, with room for two.
+  StringSection two[3] = {StringSection(), StringSection(), StringSection("kept")};
+  findLinkReferences(headers, relations, two, 2);
+  EXPECT_EQ("/r/2", two[0].str());
+  EXPECT_EQ("kept", two[2].str());
+  const StringSection replyFirst[] = {"next", "reply"};
+  StringSection one[2];
+  findLinkReferences(headers, replyFirst, one, 1);
+  EXPECT_EQ("/r/2", one[0].str());
+  EXPECT_EQ(nullptr, one[1].data());
 }
 
 }  // namespace
