@@ -99,8 +99,10 @@ int transferError(const SslSocketState& state, const error_code& error) {
   return asio_detail::errorNumber(error);
 }
 
+// An end of stream without close_notify (stream_truncated) is in asio's
+// stream category, not OpenSSL's, so it never makes a line here.
 void logTransferFailure(const SslSocketState& state, const char* operation, const error_code& error) {
-  if (!state.closed && isSslCategory(error) && error != boost::asio::ssl::error::stream_truncated) {
+  if (!state.closed && isSslCategory(error)) {
     QLOG(Log, log::Info, "%s on the connection to %s failed: %s", operation, state.hostName, reasonText(error));
   }
 }
