@@ -159,7 +159,8 @@ TEST_F(ConnectRequestHandlerTest, AnswersOnceThenHandsOnOrClosesTheSession) {
 // unsigned, and a password over the HMAC key limit signs nothing.
 TEST_F(ConnectRequestHandlerTest, RefusesWhatDoesNotParseOrCannotAuthenticate) {
   const std::string candidate = "candidate=1 1 UDP 2130706431 198.51.100.2 6000 typ host\n";
-  const std::string tooLong(ConnectRequestHandler::MaxBodySize + 1, '\n');
+  // A good description, made too long by the empty lines after it.
+  const std::string tooLong = Description + std::string(ConnectRequestHandler::MaxBodySize, '\n');
   for (const std::string& body :
        {std::string("nonsense\n"), std::string("candidate=1 1 UDP x 1.2.3.4 5 typ host\n"),
         std::string("candidate=1 1 UDP 1 1.2.3.4 5 typ bogus\n"),
