@@ -160,8 +160,9 @@ bool ReplyUpload::pump(BodySink& body) {
   return true;
 }
 
+// A pump cut short by the exchange's end is cleared by reset(), before any
+// next use.
 void ReplyUpload::abandon() {
-  pumping_ = false;
   if (request_ && !complete_) request_->cancel();
 }
 
