@@ -70,7 +70,6 @@ bool ReplyUpload::start(const ExchangeRef& exchange, HttpClient& http, const std
 
   if (!makeRequest(exchange, http, url)) return false;
   request_->startStreaming();
-  sourceInUse_ = true;
   source_.setUnblockedHandler([exchange]() { exchange.with([](ExchangeLink& link) { link.pumpReply(); }); });
   try {
     source_.connect(request_->bodySink());
@@ -102,7 +101,7 @@ bool ReplyUpload::startSimple(const ExchangeRef& exchange, HttpClient& http, con
 }
 
 bool ReplyUpload::pump(BodySink& body) {
-  if (!sourceInUse_ || complete_) return true;
+  if (!source_.isConnected() || complete_) return true;
   // Putting into the upload may let it take more at once, which calls back in
   // here; the outer call goes round again instead.
   if (pumping_) {
@@ -170,7 +169,6 @@ void ReplyUpload::reset() {
   exchange_ = ExchangeRef();
   request_.reset();
   source_.reset();
-  sourceInUse_ = false;
   simpleBody_.clear();
   body_ = Body::Plain;
   framer_ = ChunkFramer();

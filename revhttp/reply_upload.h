@@ -62,7 +62,6 @@ class ReplyUpload {
   // Used for one reply after another; a sink of an earlier one hears no
   // more from it.
   BodySource source_;
-  bool sourceInUse_ = false;
   std::string simpleBody_;
   Body body_ = Body::Plain;
   ChunkFramer framer_;
