@@ -9,15 +9,21 @@
 #   scripts/cross/sysroot.sh           make sure the sysroot is current
 #   scripts/cross/sysroot.sh --print   ... and print the path of <cache>/current,
 #                                      alone on standard output
+#   scripts/cross/sysroot.sh --host [--print]
+#                                      the same OpenSSL built for this machine
+#                                      (<cache>/current-host), so that a static
+#                                      daemon built here has the device's shape
 #
 # FERRULE_CROSS_REFRESH=1 re-reads the source lists now instead of once a day.
 set -Eeuo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 triplet=powerpc-linux-gnu
 print=0
+host=0
 # Raised whenever the way the libraries are built changes, so that cached
 # sysroots made the old way are rebuilt.
 recipe=5
+[ "${1:-}" = --host ] && { host=1; shift; }
 [ "${1:-}" = --print ] && print=1
 # Standard output carries the sysroot's path and nothing else (callers capture
 # it): every other line, progress included, goes to standard error.
@@ -156,7 +162,8 @@ openssl_options=(
 )
 
 build_openssl() {  # source prefix
-  local build=$work/openssl-build
+  local build=$work/openssl-build target=(linux-ppc --cross-compile-prefix=$triplet-)
+  [ "$host" = 0 ] || target=("linux-$(uname -m)")
   mkdir -p "$build"
   # The trust store is the system's, as on Debian. Without async jobs
   # libcrypto needs no makecontext, whose static PowerPC build would force a
@@ -164,7 +171,7 @@ build_openssl() {  # source prefix
   # per function lets static links keep only what they use (usrsctp gets the
   # same from the toolchain file); the C parts are built for size, the
   # assembler ones (AES, GHASH, ChaCha20, Poly1305, SHA) stay as they are.
-  (cd "$build" && "$1/Configure" linux-ppc --cross-compile-prefix=$triplet- \
+  (cd "$build" && "$1/Configure" "${target[@]}" \
      --prefix="$2" --openssldir=/usr/lib/ssl --libdir=lib "${openssl_options[@]}") >>"$log" 2>&1
   nice make -C "$build" -j2 build_libs >>"$log" 2>&1
   make -C "$build" install_dev >>"$log" 2>&1
@@ -204,12 +211,26 @@ else
   printf '%s\n' "$openssl_version" "$usrsctp_version" >"$aptdir/resolved"
 fi
 options_key=$(printf '%s\n' "${openssl_options[@]}" | md5sum | cut -c1-8)
-name=openssl-${openssl_version//:/_}-${options_key}_usrsctp-${usrsctp_version//:/_}_r$recipe
+if [ "$host" = 1 ]; then
+  # usrsctp stays Debian's here: the sizes that matter are measured on the
+  # device build, and the host's static daemon is for memory and speed.
+  name=host-openssl-${openssl_version//:/_}-${options_key}_r$recipe
+  kind="host-openssl-*"
+  link=current-host
+  what="OpenSSL $openssl_version for this machine"
+  tools=(gcc dpkg-source make perl)
+else
+  name=openssl-${openssl_version//:/_}-${options_key}_usrsctp-${usrsctp_version//:/_}_r$recipe
+  kind="openssl-*_usrsctp-*_r*"
+  link=current
+  what="OpenSSL $openssl_version and usrsctp $usrsctp_version for $triplet"
+  tools=($triplet-gcc qemu-ppc dpkg-source make perl cmake ninja)
+fi
 sysroot=$cache/$name
 
 if [ ! -f "$sysroot/.complete" ]; then
-  echo "sysroot: building OpenSSL $openssl_version and usrsctp $usrsctp_version for $triplet (a few minutes, once)"
-  for tool in $triplet-gcc qemu-ppc dpkg-source make perl cmake ninja; do
+  echo "sysroot: building $what (a few minutes, once)"
+  for tool in "${tools[@]}"; do
     command -v "$tool" >/dev/null || { echo "sysroot: $tool is missing (scripts/setup.sh installs it)" >&2; exit 1; }
   done
   started=$(date +%s)
@@ -219,10 +240,12 @@ if [ ! -f "$sysroot/.complete" ]; then
   : >"$log"
   trap 'echo "sysroot: build failed, last lines of $log:" >&2; tail -n 30 "$log" >&2' ERR
   extract_source openssl "$openssl_version" "$work/openssl"
-  extract_source libusrsctp "$usrsctp_version" "$work/usrsctp"
   build_openssl "$work/openssl" "$sysroot"
-  build_usrsctp "$work/usrsctp" "$sysroot"
-  ln -s /usr/include/boost "$sysroot/include/boost"
+  if [ "$host" = 0 ]; then
+    extract_source libusrsctp "$usrsctp_version" "$work/usrsctp"
+    build_usrsctp "$work/usrsctp" "$sysroot"
+    ln -s /usr/include/boost "$sysroot/include/boost"
+  fi
   trap - ERR
   rm -rf "$work"
   touch "$sysroot/.complete"
@@ -233,10 +256,10 @@ fi
 # trees configured through <cache>/current stay valid when a new sysroot
 # takes its place.
 sed -i "s|$sysroot|\${pcfiledir}/../..|g" "$sysroot"/lib/pkgconfig/*.pc
-ln -sfn "$name" "$cache/current.new" && mv -T "$cache/current.new" "$cache/current"
-# Older sysroots and sources are not used again.
-for old in "$cache"/openssl-*_usrsctp-*_r* "$cache"/src/*; do
+ln -sfn "$name" "$cache/$link.new" && mv -T "$cache/$link.new" "$cache/$link"
+# Older sysroots of the same kind and other sources are not used again.
+for old in "$cache"/$kind "$cache"/src/*; do
   case $old in "$sysroot" | "$cache/src/openssl_${openssl_version//:/_}" | \
                "$cache/src/libusrsctp_${usrsctp_version//:/_}") ;; *) rm -rf "$old" ;; esac
 done
-[ "$print" = 0 ] || echo "$cache/current" >&3
+[ "$print" = 0 ] || echo "$cache/$link" >&3
