@@ -539,6 +539,25 @@ TEST_F(NetSessionTest, InTheControlledRoleASucceededCheckWaitsForTheNomination) 
   EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
 }
 
+// A nomination that comes before the device's own check of that pair has
+// succeeded is taken up when the check succeeds, with nothing more from the peer.
+TEST_F(NetSessionTest, InTheControlledRoleAnEarlyNominationIsUsedOnceTheCheckSucceeds) {
+  ScriptedPeer peer;
+  peer.checkBack = false;
+  peer.answer = false;
+  const auto session = startWith(peer);
+  reactor_->advance(Duration::milliseconds(2));
+  sendCheck(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), session->localDescription(), true, ~uint64_t{0},
+            1862270975u, true);
+  reactor_->advance(Duration::milliseconds(10));
+  EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
+  peer.answer = true;
+  reactor_->advance(Duration::milliseconds(1000));
+  EXPECT_FALSE(session->isControlling());
+  ASSERT_EQ(Session::Event::Established, events_.back());
+  EXPECT_EQ(Peer, session->remoteAddress());
+}
+
 // A peer that takes the controlling role but never nominates is given up on.
 TEST_F(NetSessionTest, APeerThatNeverNominatesIsGivenUpOn) {
   ScriptedPeer peer;
