@@ -23,9 +23,9 @@ work) and to the floor's, the device side's user and system time per
 request apart, and the peak RSS (VmHWM) of both ferrule builds under the
 same load, with the static one's resident memory by mapping.
 
-Then a third ferrule, and a second floor, run under callgrind for a short
-wrk run at each concurrency: the instructions each executes (all threads)
-per relayed request, a figure that a busy machine does not blur.
+Then the static ferrule again, and a second floor, run under callgrind for a
+short wrk run at each concurrency: the instructions each executes (all
+threads) per relayed request, a figure that a busy machine does not blur.
 --profile FILE keeps the annotated top functions of the ferrule's c=1 run
 (and FILE.out, callgrind's own file); --only-callgrind skips the timed runs.
 
@@ -239,8 +239,8 @@ def callgrind_totals(path):
 
 
 def count_instructions(args, work, target, url):
-    """{(device side, concurrency): instructions per relayed request} of a
-    ferrule and of the floor under callgrind, counted from zeroed counters
+    """{(device side, concurrency): instructions per relayed request} of the
+    static ferrule and of the floor under callgrind, counted from zeroed counters
     over one short wrk run each."""
     write_registration(work, CALLGRIND_KEY + ".info", CALLGRIND_KEY)
     figures = {}
@@ -250,7 +250,7 @@ def count_instructions(args, work, target, url):
                    # each dump names its functions in full, so one can be read alone
                    "--compress-strings=no", "--compress-pos=no"]
         if side == "ferrule":
-            process = start_ferrule(args.ferrule, work, "ferrule-callgrind", CALLGRIND_KEY + ".info", DEVICE_PORT,
+            process = start_ferrule(args.static, work, "ferrule-callgrind", CALLGRIND_KEY + ".info", DEVICE_PORT,
                                     target, level=4, wrapper=wrapper)
             pid, stop = process.proc.pid, process.stop
         else:
@@ -494,8 +494,7 @@ def main():
     for binary in (args.ferrule, args.devrelay, args.floor):
         if not os.access(binary, os.X_OK):
             sys.exit("missing %s: build it with ninja -C build" % binary)
-    if not args.only_callgrind:
-        args.static = os.path.abspath(args.static) if args.static else static_build()
+    args.static = os.path.abspath(args.static) if args.static else static_build()
     limit = 300 + args.reps * (args.seconds * 8 + 80)
     options = ["--reps", str(args.reps), "--seconds", str(args.seconds)]
     options += ["--static", args.static] if args.static else []
