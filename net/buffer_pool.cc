@@ -49,8 +49,9 @@ Buffer* BufferPool::bufferAt(Block* block, std::size_t i) const {
   return reinterpret_cast<Buffer*>(reinterpret_cast<uint8_t*>(block + 1) + stride_ * i);
 }
 
+// Never asked for nothing: the constructor and allocate() call it only for
+// a shortfall.
 bool BufferPool::grow(unsigned count) {
-  if (count == 0) return false;
   // The request must fit whole, though the enlargement may be cut back.
   if (maxBuffers_ != 0 && static_cast<uint64_t>(total_) + count > maxBuffers_) return false;
   unsigned n = std::max(count, growStep_);
