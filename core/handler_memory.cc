@@ -27,9 +27,13 @@ struct FreeBlock {
 // Plain data, so that it stays usable while the thread's other objects
 // are destroyed; Cleanup empties it when the thread ends, and from then on
 // every block goes straight back to the heap.
+struct ClassList {
+  FreeBlock* first;
+  std::size_t count;
+};
+
 struct Lists {
-  FreeBlock* free[Classes];
-  std::size_t count[Classes];
+  ClassList classes[Classes];
   bool closed;
 };
 
@@ -38,12 +42,12 @@ thread_local Lists lists;
 struct Cleanup {
   ~Cleanup() {
     lists.closed = true;
-    for (std::size_t c = 0; c < Classes; ++c) {
-      while (FreeBlock* block = lists.free[c]) {
-        lists.free[c] = block->next;
+    for (ClassList& list : lists.classes) {
+      while (FreeBlock* block = list.first) {
+        list.first = block->next;
         ::operator delete(reinterpret_cast<Header*>(block) - 1);
       }
-      lists.count[c] = 0;
+      list.count = 0;
     }
   }
 };
@@ -64,9 +68,10 @@ void* allocate(std::size_t size) {
   const uint32_t sizeClass = classFor(size);
   if (sizeClass != Unpooled) {
     (void)&cleanup;  // made with the thread's first block, so it runs when the thread ends
-    if (FreeBlock* block = lists.free[sizeClass]) {
-      lists.free[sizeClass] = block->next;
-      --lists.count[sizeClass];
+    ClassList& list = lists.classes[sizeClass];
+    if (FreeBlock* block = list.first) {
+      list.first = block->next;
+      --list.count;
       return block;
     }
     size = std::size_t{1} << (SmallestShift + sizeClass);
@@ -80,15 +85,16 @@ void deallocate(void* block) noexcept {
   if (!block) return;
   Header* header = static_cast<Header*>(block) - 1;
   const uint32_t sizeClass = header->sizeClass;
-  if (sizeClass == Unpooled || lists.closed || lists.count[sizeClass] >= KeptPerClass) {
+  if (sizeClass == Unpooled || lists.closed || lists.classes[sizeClass].count >= KeptPerClass) {
     ::operator delete(header);
     return;
   }
   (void)&cleanup;
+  ClassList& list = lists.classes[sizeClass];
   auto* free = static_cast<FreeBlock*>(block);
-  free->next = lists.free[sizeClass];
-  lists.free[sizeClass] = free;
-  ++lists.count[sizeClass];
+  free->next = list.first;
+  list.first = free;
+  ++list.count;
 }
 
 }  // namespace handler_memory
