@@ -28,8 +28,8 @@ void CheckAnswerer::start(const std::string& userName, const std::string& passwo
 
 void CheckAnswerer::onRequest(const std::shared_ptr<AsyncSocket>& socket, const SocketAddress& from,
                               const stun::MessagePtr& request) {
-  const SessionState state = link_.state();
-  if (state == SessionState::Idle || state == SessionState::Failed || state == SessionState::Closed) return;
+  // Requests come only through the session's datagram handling, which takes
+  // none while the session is idle, failed or closed.
   // Binding indications are the peer's keepalives: nothing to answer.
   if (request->messageClass() != Message::Request) return;
   if (request->method() != Message::MethodBinding) {
