@@ -55,8 +55,9 @@ void appendFraction(char (&buffer)[TimeTextSize], uint64_t fraction, int precisi
 const char* Duration::toString(char (&buffer)[TimeTextSize], int precision) const {
   if (*this == MaxDuration) return special(buffer, "MaxDuration");
   if (*this == MinDuration) return special(buffer, "MinDuration");
-  const uint64_t magnitude = us_ < 0 ? static_cast<uint64_t>(-us_) : static_cast<uint64_t>(us_);
-  std::snprintf(buffer, TimeTextSize, "%s%02" PRIu64 ":%02u:%02u", us_ < 0 ? "-" : "",
+  const bool negative = us_ < 0;
+  const uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(us_) : static_cast<uint64_t>(us_);
+  std::snprintf(buffer, TimeTextSize, "%s%02" PRIu64 ":%02u:%02u", negative ? "-" : "",
                 magnitude / UsPerHour, static_cast<unsigned>((magnitude / UsPerMinute) % 60),
                 static_cast<unsigned>((magnitude / UsPerSecond) % 60));
   appendFraction(buffer, magnitude % UsPerSecond, precision);
