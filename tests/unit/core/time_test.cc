@@ -38,6 +38,9 @@ TEST(Time, TextForms) {
   EXPECT_EQ(Time(1394183702318999).toString(2), "2014-03-07 09:15:02.318999");
   EXPECT_EQ(Time::fromUnixSeconds(2147483647).toString(0), "2038-01-19 03:14:07");
   EXPECT_EQ(Time(uint64_t{4102444799} * 1000000).toString(0), "2099-12-31 23:59:59");
+  // A century year that is no leap year: its February ends on the 28th.
+  EXPECT_EQ(Time(uint64_t{4107456000} * 1000000).toString(0), "2100-02-28 00:00:00");
+  EXPECT_EQ(Time(uint64_t{4107542400} * 1000000).toString(0), "2100-03-01 00:00:00");
 }
 
 TEST(Time, LargestValuesFitTheCallersBuffer) {
