@@ -26,8 +26,16 @@ TEST(StackClock, ReadsAsTheWallClockDidAndNeverGoesBack) {
   timeval previous{};
   ASSERT_EQ(0, gettimeofday(&previous, nullptr));
   int secondsCrossed = 0;
-  // Bounded: two second boundaries take about two seconds.
-  for (int i = 0; i < 50000000 && secondsCrossed < 2; ++i) {
+  // Two second boundaries take at most two seconds; a count alone would run
+  // out first on a machine busy enough to slow each read.
+  timespec start{};
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  const auto elapsedSeconds = [&start] {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec - start.tv_sec;
+  };
+  for (long i = 0; i < 2000000000L && secondsCrossed < 2 && elapsedSeconds() < 10; ++i) {
     timeval now{};
     ASSERT_EQ(0, gettimeofday(&now, nullptr));
     ASSERT_GE(now.tv_usec, 0);
