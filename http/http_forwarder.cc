@@ -157,7 +157,9 @@ void HttpForwarder::PendingRequest::onResponse(const std::shared_ptr<WebClientRe
   MessageHeaders& out = response_->headers();
   for (const MessageHeaders::Field& field : head) out.addField(field.name, field.value);
 
-  if (!head.hasBody(request_->headers().method())) {
+  // The target's request has the client's method, so the client's rule is the
+  // one the response was read by.
+  if (!response->hasBody()) {
     QLOG(Log, log::Debug, "%s: Sending empty response", name());
     response_->send(nullptr, 0);
     finish(true);

@@ -17,15 +17,18 @@ class NetHttpClientResponse : public WebClientResponse {
   NetHttpClientResponse() = default;
   explicit NetHttpClientResponse(MessageHeaders headers) : headers_(std::move(headers)) {}
   const MessageHeaders& headers() const override { return headers_; }
+  bool hasBody() const override { return hasBody_; }
   BodySource& body() override { return source_; }
 
   // The head arrives here; what was here goes back to be parsed into next.
   MessageHeaders& head() { return headers_; }
+  void setHasBody(bool hasBody) { hasBody_ = hasBody; }
   // For the next response: a sink the last body went to hears no more.
   void reset() { source_.reset(); }
 
  private:
   MessageHeaders headers_;
+  bool hasBody_ = false;
   BodySource source_;
 };
 

@@ -90,6 +90,7 @@ void ResponseReceiver::end() {
 void ResponseReceiver::onHead() {
   const bool hasBody = reader_.hasBody(method_);
   reader_.giveHeaders(response_.head());
+  response_.setHasBody(hasBody);
   shared_ = owner_.shareResponse(response_);
   close_ = close_ || reader_.closeConnection() || !keepsConnection(response_.headers());
   BufferChain rest = reader_.takeBodyBytes();

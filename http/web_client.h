@@ -18,6 +18,9 @@ class WebClientResponse {
  public:
   virtual ~WebClientResponse() = default;
   virtual const MessageHeaders& headers() const = 0;
+  // Whether a body follows the head, by the body rule for the request this
+  // answers: read once, as the head came.
+  virtual bool hasBody() const = 0;
   virtual BodySource& body() = 0;
 };
 

@@ -199,9 +199,10 @@ class FakeWebRequest : public WebRequest, public std::enable_shared_from_this<Fa
 
 class FakeClientResponse : public WebClientResponse {
  public:
-  explicit FakeClientResponse(MessageHeaders headers) : headers_(std::move(headers)) {}
+  FakeClientResponse(MessageHeaders headers, bool hasBody) : headers_(std::move(headers)), hasBody_(hasBody) {}
 
   const MessageHeaders& headers() const override { return headers_; }
+  bool hasBody() const override { return hasBody_; }
   BodySource& body() override { return source; }
 
   // Returns false when the consumer is full (the client would pause reading).
@@ -209,6 +210,7 @@ class FakeClientResponse : public WebClientResponse {
   void end() { source.end(); }
 
   MessageHeaders headers_;
+  bool hasBody_;
   BodySource source;
 };
 
@@ -258,7 +260,8 @@ class FakeClientRequest : public WebClientRequest {
                                               const HeaderList& fields = HeaderList()) {
     MessageHeaders head = MessageHeaders::response(code, reason);
     for (const auto& field : fields) head.addField(field.first, field.second);
-    response = std::make_shared<FakeClientResponse>(std::move(head));
+    const bool hasBody = head.hasBody(method);
+    response = std::make_shared<FakeClientResponse>(std::move(head), hasBody);
     if (responseHandler_) responseHandler_(response);
     return response;
   }

@@ -35,6 +35,7 @@ struct Outcome {
   int responses = 0;
   uint32_t status = 0;
   std::string head;
+  bool hasBody = false;
   std::string body;
   int ends = 0;
   int errorCalls = 0;  // success included
@@ -75,6 +76,7 @@ class NetHttpClientTest : public ::testing::Test {
       ++outcome.responses;
       outcome.status = response->headers().statusCode();
       outcome.head.assign(response->headers().data(), response->headers().size());
+      outcome.hasBody = response->hasBody();
     });
     request.setBodyDataHandler([&outcome](const BufferChainPtr& piece, bool end) {
       if (end) {
@@ -112,6 +114,7 @@ class NetHttpClientTest : public ::testing::Test {
     auto request = get(path, outcome);
     factory->last().deliver(Ok5);
     run();
+    EXPECT_TRUE(outcome.hasBody);
     EXPECT_EQ("hello", outcome.body);
   }
 
@@ -355,6 +358,7 @@ TEST_F(NetHttpClientTest, ResponsesWithoutBodyEndAfterHead) {
     EXPECT_EQ(outcome.code, Success) << c.response;
     EXPECT_EQ(1, outcome.ends);
     EXPECT_TRUE(outcome.body.empty());
+    EXPECT_FALSE(outcome.hasBody);
   }
   // All three went over the one kept connection.
   EXPECT_EQ(1u, factory->sockets.size());
