@@ -244,18 +244,15 @@ void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallbac
   // from layer to layer carries two pointers and no Delegate.
   auto state = state_;
   std::unique_ptr<SslTransfer> read = state->takeTransfer(buffers, callback);
-  asio_detail::fillBuffers(buffers, read->pieces);
-  // The stream reads into the first piece that has room and nothing more, so
-  // it is given that one alone rather than a copy of the list.
-  boost::asio::mutable_buffer first;
-  for (const auto& piece : read->pieces) {
-    if (piece.size() > 0) {
-      first = piece;
-      break;
-    }
-  }
+  // The stream reads into the first buffer that has room and nothing more, so
+  // it is given that one alone, and the chain is walked only as far as the
+  // record fills it.
+  Buffer* first = buffers ? buffers.chain().first() : nullptr;
+  while (first && first->length == 0) first = first->next;
+  const boost::asio::mutable_buffer piece =
+      first ? boost::asio::mutable_buffer(first->data(), first->length) : boost::asio::mutable_buffer();
   state->stream.async_read_some(
-      first, pooled([state, read = std::move(read)](const error_code& error, std::size_t bytes) mutable {
+      piece, pooled([state, read = std::move(read), first](const error_code& error, std::size_t bytes) mutable {
         if (error) {
           logTransferFailure(*state, "Receive", error);
           if (read->callback) read->callback(transferError(*state, error), bytes);
@@ -263,17 +260,16 @@ void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallbac
           return;
         }
         SSL* ssl = state->stream.native_handle();
-        auto piece = read->pieces.begin();
-        while (piece != read->pieces.end() && piece->size() == 0) ++piece;
+        Buffer* buffer = first;
         std::size_t offset = bytes;
-        while (piece != read->pieces.end() && SSL_pending(ssl) > 0) {
-          if (offset == piece->size()) {
-            ++piece;
+        while (buffer && SSL_pending(ssl) > 0) {
+          if (offset == buffer->length) {
+            buffer = buffer->next;
             offset = 0;
             continue;
           }
-          const int room = static_cast<int>(std::min<std::size_t>(piece->size() - offset, 1 << 30));
-          const int got = SSL_read(ssl, static_cast<char*>(piece->data()) + offset, room);
+          const int room = static_cast<int>(std::min<std::size_t>(buffer->length - offset, 1 << 30));
+          const int got = SSL_read(ssl, reinterpret_cast<char*>(buffer->data()) + offset, room);
           if (got <= 0) break;
           offset += static_cast<std::size_t>(got);
           bytes += static_cast<std::size_t>(got);

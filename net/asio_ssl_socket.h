@@ -18,9 +18,8 @@ namespace quorvel {
 struct SslTransfer {
   BufferChainPtr buffers;
   AsyncSocket::TransferCallback callback;
-  // A write of several pieces is gathered here; a read keeps its pieces.
+  // A write of several pieces is gathered here.
   std::vector<char> gathered;
-  std::vector<boost::asio::mutable_buffer> pieces;
 };
 
 // What outstanding operations keep alive. The context goes with the stream
