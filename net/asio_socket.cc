@@ -20,19 +20,52 @@ const log::Log Log("asiosocket");
 using boost::asio::ip::tcp;
 using boost::asio::ip::udp;
 
-// What a transfer needs until it completes, in one block: asio copies the
-// buffer list it is given into its operation and moves the handler from
-// layer to layer, and with the block both are a pointer. Blocks are kept by
-// the socket and used again, list capacity and all.
-template <typename Buffer>
+// What a transfer needs until it completes, in one block: asio moves the
+// handler from layer to layer, and with the block it is a pointer. Blocks
+// are kept by the socket and used again.
 struct Transfer {
-  std::vector<Buffer> pieces;
   BufferChainPtr buffers;
   AsyncSocket::TransferCallback callback;
 };
 
-template <typename Buffer>
-using TransferPtr = std::unique_ptr<Transfer<Buffer>>;
+// A chain as the library's buffer sequence: it walks the buffers themselves
+// (a read of 16 KB is 32 of them), with no list made of them first.
+template <typename AsioBuffer>
+class ChainPieces {
+ public:
+  class iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = AsioBuffer;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const AsioBuffer*;
+    using reference = AsioBuffer;
+
+    explicit iterator(Buffer* buffer = nullptr) : buffer_(buffer) {}
+    AsioBuffer operator*() const { return AsioBuffer(buffer_->data(), buffer_->length); }
+    iterator& operator++() {
+      buffer_ = buffer_->next;
+      return *this;
+    }
+    iterator operator++(int) {
+      iterator before = *this;
+      buffer_ = buffer_->next;
+      return before;
+    }
+    bool operator==(const iterator& other) const { return buffer_ == other.buffer_; }
+    bool operator!=(const iterator& other) const { return buffer_ != other.buffer_; }
+
+   private:
+    Buffer* buffer_;
+  };
+
+  explicit ChainPieces(const BufferChainPtr& buffers) : first_(buffers ? buffers.chain().first() : nullptr) {}
+  iterator begin() const { return iterator(first_); }
+  iterator end() const { return iterator(); }
+
+ private:
+  Buffer* first_;
+};
 
 // What outstanding operations keep alive: the socket itself, so that the
 // AsyncSocket object may go while they are in flight; and the transfer
@@ -41,11 +74,7 @@ template <typename S>
 struct SocketState {
   explicit SocketState(boost::asio::io_context& io) : socket(io) {}
   S socket;
-  std::vector<TransferPtr<boost::asio::const_buffer>> spareSends;
-  std::vector<TransferPtr<boost::asio::mutable_buffer>> spareReceives;
-
-  auto& spares(const boost::asio::const_buffer*) { return spareSends; }
-  auto& spares(const boost::asio::mutable_buffer*) { return spareReceives; }
+  std::vector<std::unique_ptr<Transfer>> spares;
 };
 
 // The operations common to stream and datagram sockets.
@@ -81,38 +110,28 @@ class AsioSocket : public AsyncSocket {
   void close() override { asio_detail::cancelAndClose(state_->socket); }
 
  protected:
-  // A buffer sequence that refers to a transfer's list.
-  template <typename Buffer>
-  struct Pieces {
-    const std::vector<Buffer>* list;
-    typename std::vector<Buffer>::const_iterator begin() const { return list->begin(); }
-    typename std::vector<Buffer>::const_iterator end() const { return list->end(); }
-  };
-
   // Calls start(pieces, handler) to begin the asio operation over `buffers`.
   // The state stays alive with the handler, so the socket may go while it
   // is in flight.
-  template <typename Buffer, typename Start>
+  template <typename AsioBuffer, typename Start>
   void transfer(const BufferChainPtr& buffers, const TransferCallback& callback, Start start) {
-    auto& spares = state_->spares(static_cast<const Buffer*>(nullptr));
-    TransferPtr<Buffer> op;
+    auto& spares = state_->spares;
+    std::unique_ptr<Transfer> op;
     if (spares.empty()) {
-      op = std::make_unique<Transfer<Buffer>>();
+      op = std::make_unique<Transfer>();
     } else {
       op = std::move(spares.back());
       spares.pop_back();
     }
-    asio_detail::fillBuffers(buffers, op->pieces);
     op->buffers = buffers;
     op->callback = callback;
-    const Pieces<Buffer> list{&op->pieces};
-    start(list, pooled([state = state_, op = std::move(op)](const boost::system::error_code& error,
+    start(ChainPieces<AsioBuffer>(buffers), pooled([state = state_, op = std::move(op)](const boost::system::error_code& error,
                                                             std::size_t bytes) mutable {
       if (op->callback) op->callback(asio_detail::errorNumber(error), bytes);
       // Kept for the socket's next transfer; what it held goes now.
       op->buffers.reset();
       op->callback.clear();
-      state->spares(static_cast<const Buffer*>(nullptr)).push_back(std::move(op));
+      state->spares.push_back(std::move(op));
     }));
   }
 
@@ -199,7 +218,7 @@ class AsioDatagramSocket : public AsioSocket<S> {
     // operation rather than on this stack.
     auto from = std::make_shared<Endpoint>();
     this->state_->socket.async_receive_from(
-        asio_detail::mutableBuffers(buffers), *from,
+        ChainPieces<boost::asio::mutable_buffer>(buffers), *from,
         [state = this->state_, buffers, callback, from](const boost::system::error_code& error, std::size_t bytes) {
           if (callback) callback(asio_detail::errorNumber(error), bytes, asio_detail::fromEndpoint(*from));
         });
@@ -299,27 +318,6 @@ void logBindFailure(const SocketAddress& address, int error) {
   QLOG(Log, log::Warning, "Failed to bind to %s: %d", address.toString(), error);
 }
 
-template <typename AsioBuffer>
-void fillBuffers(const BufferChainPtr& buffers, std::vector<AsioBuffer>& out) {
-  out.clear();
-  if (!buffers) return;
-  for (Buffer* b = buffers.chain().first(); b; b = b->next) out.emplace_back(b->data(), b->length);
-}
-
-template void fillBuffers(const BufferChainPtr&, std::vector<boost::asio::const_buffer>&);
-template void fillBuffers(const BufferChainPtr&, std::vector<boost::asio::mutable_buffer>&);
-
-std::vector<boost::asio::const_buffer> constBuffers(const BufferChainPtr& buffers) {
-  std::vector<boost::asio::const_buffer> result;
-  fillBuffers(buffers, result);
-  return result;
-}
-
-std::vector<boost::asio::mutable_buffer> mutableBuffers(const BufferChainPtr& buffers) {
-  std::vector<boost::asio::mutable_buffer> result;
-  fillBuffers(buffers, result);
-  return result;
-}
 
 void setOption(int handle, int level, int name, const void* value, std::size_t length) {
   if (::setsockopt(handle, level, name, value, static_cast<socklen_t>(length)) != 0) {

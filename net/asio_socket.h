@@ -6,7 +6,6 @@
 #include <cstring>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -26,13 +25,6 @@ int errorNumber(const boost::system::error_code& error);
 
 [[noreturn]] void throwSocketError(const char* call, const boost::system::error_code& error);
 void logBindFailure(const SocketAddress& address, int error);
-
-// The chain's valid bytes as the library's buffer sequences; a null handle is
-// an empty sequence. fillBuffers writes them into a list kept from use to use.
-std::vector<boost::asio::const_buffer> constBuffers(const BufferChainPtr& buffers);
-std::vector<boost::asio::mutable_buffer> mutableBuffers(const BufferChainPtr& buffers);
-template <typename AsioBuffer>
-void fillBuffers(const BufferChainPtr& buffers, std::vector<AsioBuffer>& out);
 
 template <typename Endpoint>
 Endpoint toEndpoint(const SocketAddress& address) {
