@@ -162,9 +162,10 @@ class FakeResolver : public NameResolver {
     Result result{host, service, {}};
     const auto it = names.find(host);
     if (it != names.end()) {
+      const std::string port = service == "http" ? "80" : service == "https" ? "443" : service;
       for (const std::string& address : it->second) {
         result.addresses.emplace_back(address.find(':') == std::string::npos ? 2 : 10, address,
-                                      static_cast<uint16_t>(std::stoi(service == "http" ? "80" : service)));
+                                      static_cast<uint16_t>(std::stoi(port)));
       }
     }
     return result;

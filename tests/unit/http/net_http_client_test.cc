@@ -163,6 +163,17 @@ TEST_F(NetHttpClientTest, ConnectHostGivesNameAndService) {
   reactor->runDue();
   ASSERT_EQ(1u, resolver->lookups.size());
   EXPECT_EQ(std::make_pair(std::string("example"), std::string("8080")), resolver->lookups[0]);
+  // One request object, used again: a new host or scheme is split anew.
+  named.reset();
+  client = std::make_shared<NetHttpClient>(reactor, pool, factory, factory, resolver, 2);
+  resolver->lookups.clear();
+  for (const auto& [scheme, connect] : {std::make_pair("http", "example"), std::make_pair("https", "example"),
+                                        std::make_pair("https", "example"), std::make_pair("https", "example:8080")}) {
+    client->createRequest("GET", scheme, "example", connect, "/");
+  }
+  using Lookup = std::pair<std::string, std::string>;
+  EXPECT_EQ((std::vector<Lookup>{{"example", "http"}, {"example", "https"}, {"example", "https"}, {"example", "8080"}}),
+            resolver->lookups);
 }
 
 TEST_F(NetHttpClientTest, GetSendsHeadAndDeliversBody) {
