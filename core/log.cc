@@ -1,5 +1,6 @@
 #include "core/log.h"
 
+#include <algorithm>
 #include <forward_list>
 #include <map>
 #include <mutex>
@@ -21,6 +22,14 @@ struct Registry {
 
   Registry() { root->threshold = Notice; }
 
+  void setThreshold(LogNode& node, int level) {
+    std::lock_guard<std::mutex> lock(mutex);
+    node.threshold = level;
+    int highest = root->threshold;
+    for (const auto& entry : nodes) highest = std::max(highest, entry.second->threshold);
+    highestThreshold.store(highest, std::memory_order_relaxed);
+  }
+
   std::shared_ptr<LogNode> node(const std::string& name) {
     std::lock_guard<std::mutex> lock(mutex);
     auto& node = nodes[name];
@@ -39,11 +48,13 @@ Registry& registry() {
 
 }  // namespace
 
+std::atomic<int> highestThreshold{Notice};
+
 Log::Log(const std::string& name) : Log(name, 0) {}
 
 Log::Log(const std::string& name, int id) : name_(name), node_(registry().node(name)), id_(id) {}
 
-bool Log::isEnabled(int level) const {
+bool Log::isEnabledByNodes(int level) const {
   for (const LogNode* node = node_.get(); node; node = node->parent.get()) {
     if (node->threshold != 0) return node->threshold >= level;
   }
@@ -63,9 +74,12 @@ void Log::write(int level, const std::string& message) const {
   }
 }
 
-void setGlobalLevel(int level) { registry().root->threshold = level; }
+void setGlobalLevel(int level) { registry().setThreshold(*registry().root, level); }
 
-void setLevel(const std::string& name, int level) { registry().node(name)->threshold = level; }
+void setLevel(const std::string& name, int level) {
+  const std::shared_ptr<LogNode> node = registry().node(name);
+  registry().setThreshold(*node, level);
+}
 
 void addWriter(std::shared_ptr<LogWriter> writer) { registry().root->writers.push_back(std::move(writer)); }
 

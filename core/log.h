@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
@@ -105,6 +106,11 @@ struct LogNode {
   int threshold = 0;
 };
 
+// The highest threshold set on any node: a level above it is enabled
+// nowhere. Most checks on a busy path are for levels that are off, and learn
+// it from this one read instead of a walk up the nodes.
+extern std::atomic<int> highestThreshold;
+
 // A named log handle, kept as a static per source unit.
 class Log {
  public:
@@ -114,7 +120,9 @@ class Log {
   const std::string& name() const { return name_; }
   int id() const { return id_; }
 
-  bool isEnabled(int level) const;
+  bool isEnabled(int level) const {
+    return level <= highestThreshold.load(std::memory_order_relaxed) && isEnabledByNodes(level);
+  }
   // Writes without checking the threshold: callers check isEnabled first so
   // that a disabled message costs no formatting at all.
   void write(int level, const std::string& message) const;
@@ -122,6 +130,8 @@ class Log {
   void writeFormatted(int level, const ParsedFormat* parsed, const char* text, std::initializer_list<LogArg> args) const;
 
  private:
+  bool isEnabledByNodes(int level) const;
+
   std::string name_;
   std::shared_ptr<LogNode> node_;
   int id_;
