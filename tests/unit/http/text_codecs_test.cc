@@ -1,3 +1,4 @@
+#include <cctype>
 #include <stdexcept>
 #include <string>
 
@@ -48,6 +49,26 @@ TEST(StringSection, ComparesWithAndWithoutCase) {
   EXPECT_TRUE(StringSection() == StringSection(""));
   EXPECT_TRUE(StringSection("/rhttp").startsWith("/rhttp"));  // a whole text starts with itself
   EXPECT_FALSE(StringSection("/rhtt").startsWith("/rhttp"));
+}
+
+// Every pair of byte values, at places in texts long and short: only ASCII
+// letters match their other case.
+TEST(StringSection, IgnoresTheCaseOfAsciiLettersOnly) {
+  for (const std::size_t length : {1u, 7u, 8u, 9u, 16u, 17u}) {
+    for (std::size_t at = 0; at < length; at += (length > 8 ? 4 : 3)) {
+      std::string a(length, 'k');
+      std::string b(length, 'K');
+      for (int x = 0; x < 256; ++x) {
+        for (int y = 0; y < 256; ++y) {
+          a[at] = static_cast<char>(x);
+          b[at] = static_cast<char>(y);
+          const bool sameLetter = x < 128 && std::isalpha(x) && std::tolower(x) == std::tolower(y);
+          ASSERT_EQ(x == y || sameLetter, StringSection(a).equalsIgnoreCase(b))
+              << "bytes " << x << " and " << y << " at " << at << " of " << length;
+        }
+      }
+    }
+  }
 }
 
 TEST(StringSection, ParsesWholeUnsignedNumbers) {
