@@ -1,6 +1,8 @@
 #include "http/message_headers.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 namespace quorvel {
@@ -38,6 +40,9 @@ StringSection trimmed(const char* begin, const char* end) {
   return begin == end ? StringSection() : StringSection(begin, end);
 }
 
+const StringSection FramingNameList[] = {HttpHeader::ContentLength, HttpHeader::TransferEncoding,
+                                         HttpHeader::Connection};
+
 }  // namespace
 
 const char* findLineEnd(const char* begin, const char* end) {
@@ -61,7 +66,9 @@ MessageHeaders::MessageHeaders(const MessageHeaders& other)
       version_(other.version_),
       reason_(other.reason_),
       statusCode_(other.statusCode_),
-      fieldsStart_(other.fieldsStart_) {
+      fieldsStart_(other.fieldsStart_),
+      framingKnown_(other.framingKnown_) {
+  std::copy(std::begin(other.framingAt_), std::end(other.framingAt_), framingAt_);
   if (other.buffer_) {
     buffer_.reset(new char[capacity_]);
     std::memcpy(buffer_.get(), other.buffer_.get(), length_ + HttpLineEnd::Length);
@@ -86,6 +93,8 @@ MessageHeaders& MessageHeaders::operator=(MessageHeaders&& other) noexcept {
     reason_ = other.reason_;
     statusCode_ = other.statusCode_;
     fieldsStart_ = other.fieldsStart_;
+    std::copy(std::begin(other.framingAt_), std::end(other.framingAt_), framingAt_);
+    framingKnown_ = other.framingKnown_;
     other.reset();
   }
   return *this;
@@ -123,6 +132,8 @@ void MessageHeaders::finishStartLine(std::size_t lineLength) {
   std::memcpy(out + 2, CRLF, 2);
   length_ = lineLength;
   fieldsStart_ = static_cast<uint32_t>(lineLength);
+  std::fill(std::begin(framingAt_), std::end(framingAt_), 0);
+  framingKnown_ = true;
 }
 
 MessageHeaders MessageHeaders::response(uint32_t code, StringSection reason, StringSection version) {
@@ -208,6 +219,7 @@ void MessageHeaders::parseInPlace(Kind kind, std::size_t size) {
 
   const char* line = lineEnd + HttpLineEnd::Length;
   fieldsStart_ = offset(line);
+  std::fill(std::begin(framingAt_), std::end(framingAt_), 0);
   bool first = true;
   while (line < end) {
     lineEnd = findLineEnd(line, end);
@@ -217,14 +229,30 @@ void MessageHeaders::parseInPlace(Kind kind, std::size_t size) {
       if (lineEnd + HttpLineEnd::Length != end) return reset();
       break;
     }
-    if (!std::memchr(line, ':', static_cast<std::size_t>(lineEnd - line)) && (first || !isWhiteSpace(*line))) {
-      return reset();
+    const char* colon = static_cast<const char*>(std::memchr(line, ':', static_cast<std::size_t>(lineEnd - line)));
+    // A line that begins with white space continues the field before it,
+    // except the first, which a search reads as a field of its own.
+    if (first || !isWhiteSpace(*line)) {
+      if (!colon) return reset();
+      noteFraming(line, colon);
     }
     first = false;
     line = lineEnd + HttpLineEnd::Length;
   }
   length_ = offset(line);
   std::memcpy(buffer_.get() + length_, CRLF, HttpLineEnd::Length);
+  framingKnown_ = true;
+}
+
+void MessageHeaders::noteFraming(const char* line, const char* colon) {
+  // Every line of every parsed head comes here: most are ruled out by their
+  // length alone, and only names padded with white space need trimming.
+  const bool padded = isWhiteSpace(*line) || (colon != line && isWhiteSpace(colon[-1]));
+  const StringSection name = padded ? trimmed(line, colon) : StringSection(line, colon);
+  std::size_t i = 0;
+  while (i < FramingNames && FramingNameList[i].size() != name.size()) ++i;
+  if (i == FramingNames || framingAt_[i] != 0 || !name.equalsIgnoreCase(FramingNameList[i])) return;
+  framingAt_[i] = static_cast<uint32_t>(line - buffer_.get());
 }
 
 // ---- fields
@@ -241,6 +269,9 @@ void MessageHeaders::addField(StringSection name, StringSection value) {
     buffer_ = std::move(bigger);
     capacity_ = grown;
   }
+  // Looked for again when next asked: a head being built is rarely asked
+  // before it is complete.
+  framingKnown_ = false;
   char* out = put(buffer_.get() + length_, name);
   *out++ = ':';
   *out++ = ' ';
@@ -357,11 +388,22 @@ void MessageHeaders::findFrom(const char* line, const StringSection* names, Fiel
 
 // ---- rules
 
+MessageHeaders::FieldIterator MessageHeaders::framingField(FramingField which) const {
+  if (!buffer_) return end();
+  if (!framingKnown_) {
+    FieldIterator found[FramingNames];
+    findFields(FramingNameList, found, FramingNames);
+    for (std::size_t i = 0; i < FramingNames; ++i) {
+      framingAt_[i] = found[i] == end() ? 0 : static_cast<uint32_t>(found[i].line_ - buffer_.get());
+    }
+    framingKnown_ = true;
+  }
+  const uint32_t offset = framingAt_[static_cast<std::size_t>(which)];
+  return offset == 0 ? end() : FieldIterator(buffer_.get() + offset, buffer_.get() + length_);
+}
+
 MessageHeaders::Framing MessageHeaders::framing() const {
-  const StringSection names[] = {HttpHeader::ContentLength, HttpHeader::TransferEncoding};
-  FieldIterator found[2];
-  findFields(names, found, 2);
-  return Framing{found[0], found[1]};
+  return Framing{framingField(FramingField::ContentLength), framingField(FramingField::TransferEncoding)};
 }
 
 bool MessageHeaders::Framing::chunked() const {

@@ -141,8 +141,15 @@ class MessageHeaders {
   // 0 for a request.
   uint32_t statusCode() const { return statusCode_; }
 
-  // What the body rule reads, found in one walk: the first Content-Length
-  // and Transfer-Encoding fields (end() when absent).
+  // The fields that say how a message ends. Every exchange reads them, some
+  // several times: where the first of each is, is noted as the head is
+  // parsed (or by the first look after fields were added), so looking again
+  // takes no walk.
+  enum class FramingField { ContentLength, TransferEncoding, Connection };
+  FieldIterator framingField(FramingField which) const;
+
+  // What the body rule reads: the first Content-Length and
+  // Transfer-Encoding fields (end() when absent).
   struct Framing {
     FieldIterator length;
     FieldIterator encoding;
@@ -172,6 +179,9 @@ class MessageHeaders {
   void findFrom(const char* line, const StringSection* names, FieldIterator* found, std::size_t count) const;
   void reset();
   void clearViews();
+  // Notes the field line at `line` (its name ends at `colon`) if it is the
+  // first of a framing name.
+  void noteFraming(const char* line, const char* colon);
 
   std::unique_ptr<char[]> buffer_;
   std::size_t length_ = 0;    // head text without the final empty line
@@ -179,6 +189,12 @@ class MessageHeaders {
   View method_, target_, version_, reason_;
   uint32_t statusCode_ = 0;
   uint32_t fieldsStart_ = 0;
+  // Where the first field of each framing name starts, as an offset into the
+  // block; 0 (the start line's place) when there is none. Trusted while
+  // framingKnown_, which an added field clears.
+  static constexpr std::size_t FramingNames = 3;
+  mutable uint32_t framingAt_[FramingNames] = {};
+  mutable bool framingKnown_ = false;
 };
 
 // Finds "\r\n" in [begin, end); null when there is none.

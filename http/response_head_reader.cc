@@ -48,14 +48,12 @@ ResponseHeadReader::State ResponseHeadReader::feed(BufferChain& received) {
 }
 
 void ResponseHeadReader::checkFields() {
-  // One walk finds the first of each of the three.
-  const StringSection names[] = {HttpHeader::Connection, HttpHeader::TransferEncoding, HttpHeader::ContentLength};
-  MessageHeaders::FieldIterator found[3];
-  headers_.findFields(names, found, 3);
+  // Noted by the parse: no walk.
+  using Field = MessageHeaders::FramingField;
   const MessageHeaders::FieldIterator none = headers_.end();
-  const MessageHeaders::FieldIterator& connection = found[0];
-  const MessageHeaders::FieldIterator& encoding = found[1];
-  const MessageHeaders::FieldIterator& length = found[2];
+  const MessageHeaders::FieldIterator connection = headers_.framingField(Field::Connection);
+  const MessageHeaders::FieldIterator encoding = headers_.framingField(Field::TransferEncoding);
+  const MessageHeaders::FieldIterator length = headers_.framingField(Field::ContentLength);
   lengthPresent_ = length != none;
   if (connection != none && connection->value.equalsIgnoreCase("close")) {
     QLOG(Log, log::Debug, "0x%x: Response requested connection close", identity_);

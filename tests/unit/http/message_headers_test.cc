@@ -106,6 +106,79 @@ TEST(MessageHeadersFields, FindFieldsGivesWhatFindGivesForEach) {
   EXPECT_FALSE(framing.chunked());
 }
 
+// The framing fields are found without a walk, from where the parse noted
+// them or the first look after fields were added: they must be exactly the
+// fields a walk finds.
+MessageHeaders::FieldIterator walkFind(const MessageHeaders& h, StringSection name) {
+  for (auto it = h.begin(); it != h.end(); ++it) {
+    if (it->name.equalsIgnoreCase(name)) return it;
+  }
+  return h.end();
+}
+
+void expectFramingAsWalked(const MessageHeaders& h, const std::string& what) {
+  using Field = MessageHeaders::FramingField;
+  EXPECT_EQ(walkFind(h, "Content-Length"), h.framingField(Field::ContentLength)) << what;
+  EXPECT_EQ(walkFind(h, "transfer-encoding"), h.framingField(Field::TransferEncoding)) << what;
+  EXPECT_EQ(walkFind(h, "CONNECTION"), h.framingField(Field::Connection)) << what;
+  const MessageHeaders::Framing framing = h.framing();
+  EXPECT_EQ(walkFind(h, "Content-Length"), framing.length) << what;
+  EXPECT_EQ(walkFind(h, "Transfer-Encoding"), framing.encoding) << what;
+}
+
+TEST(MessageHeadersFraming, ParsedHeadsNoteTheFieldsAWalkFinds) {
+  for (const char* text : {
+           "HTTP/1.1 200 OK\r\n",
+           "HTTP/1.1 200 OK\r\nContent-Length: 5\r\ncontent-length: 6\r\n",
+           // The first field line may start blank; a later one continues a field.
+           "HTTP/1.1 200 OK\r\n  connection :  close \r\nTransfer-Encoding: chunked\r\n",
+           "HTTP/1.1 200 OK\r\nX: a\r\n Content-Length: 7\r\nContent-Length: 8\r\n",
+           "HTTP/1.1 200 OK\r\nContent-Length\t: 9\r\nTransfer-Encoding:\r\nTransfer-Encoding: x\r\n",
+           "HTTP/1.1 200 OK\r\nContent-Lengths: 1\r\nConnection-X: y\r\nTransfer-Encodin: z\r\nX: Connection\r\n",
+           "HTTP/1.1 200 OK\r\nContent-Lengtx: 1\r\nConnectiom: y\r\nTransfer-Encodinh: z\r\n: e\r\n",
+       }) {
+    expectFramingAsWalked(response(text), text);
+  }
+}
+
+TEST(MessageHeadersFraming, BuiltCopiedAndReusedHeadsNoteTheFieldsAWalkFinds) {
+  MessageHeaders h = MessageHeaders::response(HttpStatus::Ok);
+  expectFramingAsWalked(h, "no fields");
+  // Fields added after a look: found again.
+  for (const char* name : {"X-Long-Name-Here", "Content-Length", "connection", "Transfer-Encoding"}) {
+    h.addField(name, "1");
+    expectFramingAsWalked(h, std::string("added ") + name);
+  }
+  EXPECT_EQ("1", h.framing().length->value.str());
+  // Across the block growing.
+  MessageHeaders grown = MessageHeaders::response(HttpStatus::Ok);
+  for (int i = 0; i < 40; ++i) grown.addField("X-Filler", std::string(20, 'f'));
+  grown.addField("Content-Length", "4");
+  grown.addField("Transfer-Encoding", "chunked");
+  expectFramingAsWalked(grown, "grown");
+
+  const MessageHeaders copy(grown);
+  expectFramingAsWalked(copy, "copy");
+  MessageHeaders moved(std::move(grown));
+  expectFramingAsWalked(moved, "moved");
+  expectFramingAsWalked(grown, "moved from");
+  MessageHeaders parsed = response("HTTP/1.1 200 OK\r\nConnection: close\r\n");
+  parsed.swap(moved);
+  expectFramingAsWalked(parsed, "swapped in");
+  expectFramingAsWalked(moved, "swapped out");
+  // A head used again keeps nothing of the fields it had.
+  parsed.assignRequest("GET", "/");
+  expectFramingAsWalked(parsed, "assigned");
+  EXPECT_EQ(parsed.end(), parsed.framing().length);
+  const std::string text = "GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n";
+  parsed.assignParsed(MessageHeaders::Kind::Request, text.size(),
+                      [&text](char* out) { text.copy(out, text.size()); });
+  expectFramingAsWalked(parsed, "parsed into");
+  EXPECT_TRUE(parsed.framing().chunked());
+  const MessageHeaders invalid = response("nonsense");
+  EXPECT_EQ(invalid.end(), invalid.framingField(MessageHeaders::FramingField::Connection));
+}
+
 // A head used for one request after another keeps its block and nothing else.
 TEST(MessageHeadersBuild, AnAssignedRequestLineReplacesEverything) {
   MessageHeaders h = MessageHeaders::request("POST", "/a");
