@@ -155,7 +155,7 @@ void HttpForwarder::PendingRequest::onResponse(const std::shared_ptr<WebClientRe
     return;
   }
   MessageHeaders& out = response_->headers();
-  for (const MessageHeaders::Field& field : head) out.addField(field.name, field.value);
+  out.appendFields(head);
 
   // The target's request has the client's method, so the client's rule is the
   // one the response was read by.

@@ -259,6 +259,37 @@ void MessageHeaders::noteFraming(const char* line, const char* colon) {
 
 void MessageHeaders::addField(StringSection name, StringSection value) {
   if (!buffer_) throw std::logic_error("Can't add a field to invalid MessageHeaders");
+  // Looked for again when next asked: a head being built is rarely asked
+  // before it is complete.
+  framingKnown_ = false;
+  appendLine(name, value);
+}
+
+void MessageHeaders::appendFields(const MessageHeaders& other) {
+  if (!buffer_) throw std::logic_error("Can't add a field to invalid MessageHeaders");
+  if (!other.buffer_) return;
+  if (&other == this) {
+    // Appending would move the text being read.
+    appendFields(MessageHeaders(other));
+    return;
+  }
+  // The other head's framing lines, to be known again where they land here
+  // (which matters only while this head's own are known).
+  other.framingField(FramingField::Connection);
+  const char* framingLines[FramingNames] = {};
+  for (std::size_t i = 0; i < FramingNames; ++i) {
+    if (other.framingAt_[i] != 0) framingLines[i] = other.buffer_.get() + other.framingAt_[i];
+  }
+  for (FieldIterator field = other.begin(); field != other.end(); ++field) {
+    const uint32_t at = static_cast<uint32_t>(length_);
+    appendLine(field->name, field->value);
+    for (std::size_t i = 0; i < FramingNames; ++i) {
+      if (field.line_ == framingLines[i] && framingAt_[i] == 0) framingAt_[i] = at;
+    }
+  }
+}
+
+void MessageHeaders::appendLine(StringSection name, StringSection value) {
   const std::size_t lineLength = name.size() + value.size() + 4;
   const std::size_t needed = length_ + HttpLineEnd::Length + lineLength;
   if (needed > capacity_) {
@@ -269,9 +300,6 @@ void MessageHeaders::addField(StringSection name, StringSection value) {
     buffer_ = std::move(bigger);
     capacity_ = grown;
   }
-  // Looked for again when next asked: a head being built is rarely asked
-  // before it is complete.
-  framingKnown_ = false;
   char* out = put(buffer_.get() + length_, name);
   *out++ = ':';
   *out++ = ' ';

@@ -117,6 +117,9 @@ class MessageHeaders {
   // Appends "<name>: <value>\r\n". Throws std::logic_error on invalid headers.
   void addField(StringSection name, StringSection value);
   void addField(StringSection name, uint32_t value);
+  // Adds every field of `other` as addField would, one after another; where
+  // the framing fields land is noted as they are written.
+  void appendFields(const MessageHeaders& other);
 
   FieldIterator begin() const;
   FieldIterator end() const { return FieldIterator(); }
@@ -182,6 +185,8 @@ class MessageHeaders {
   // Notes the field line at `line` (its name ends at `colon`) if it is the
   // first of a framing name.
   void noteFraming(const char* line, const char* colon);
+  // addField without the bookkeeping.
+  void appendLine(StringSection name, StringSection value);
 
   std::unique_ptr<char[]> buffer_;
   std::size_t length_ = 0;    // head text without the final empty line

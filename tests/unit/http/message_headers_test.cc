@@ -175,6 +175,33 @@ TEST(MessageHeadersFraming, BuiltCopiedAndReusedHeadsNoteTheFieldsAWalkFinds) {
                       [&text](char* out) { text.copy(out, text.size()); });
   expectFramingAsWalked(parsed, "parsed into");
   EXPECT_TRUE(parsed.framing().chunked());
+  // Fields copied from another head are written as addField writes them.
+  for (const char* text : {
+           "HTTP/1.1 200 OK\r\nContent-Length: 5\r\ncontent-length: 6\r\n",
+           "HTTP/1.1 200 OK\r\n  connection :  close \r\nX: a\r\n b\r\nTransfer-Encoding: chunked\r\nE:\r\n",
+       }) {
+    const MessageHeaders source = response(text);
+    for (const char* already : {"", "Content-Length", "X-Other"}) {
+      MessageHeaders byField = MessageHeaders::response(HttpStatus::Ok);
+      MessageHeaders whole = MessageHeaders::response(HttpStatus::Ok);
+      if (*already) {
+        byField.addField(already, "0");
+        whole.addField(already, "0");
+        // Looked at before the copy, or not.
+        if (std::string(already) == "Content-Length") expectFramingAsWalked(whole, "before copying");
+      }
+      for (const auto& field : source) byField.addField(field.name, field.value);
+      whole.appendFields(source);
+      EXPECT_EQ(wire(byField), wire(whole)) << text;
+      expectFramingAsWalked(whole, std::string("copied after ") + already + " from " + text);
+    }
+  }
+  // Onto itself, with the block growing under the copy.
+  const std::string fields = "A: " + std::string(300, 'a') + "\r\nConnection: close\r\n";
+  MessageHeaders twice = response("HTTP/1.1 200 OK\r\n" + fields);
+  twice.appendFields(twice);
+  EXPECT_EQ("HTTP/1.1 200 OK\r\n" + fields + fields + "\r\n", wire(twice));
+  expectFramingAsWalked(twice, "copied onto itself");
   const MessageHeaders invalid = response("nonsense");
   EXPECT_EQ(invalid.end(), invalid.framingField(MessageHeaders::FramingField::Connection));
 }
