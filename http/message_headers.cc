@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 #include <stdexcept>
+#include <string>
 
 namespace quorvel {
 namespace {
@@ -42,6 +43,24 @@ StringSection trimmed(const char* begin, const char* end) {
 
 const StringSection FramingNameList[] = {HttpHeader::ContentLength, HttpHeader::TransferEncoding,
                                          HttpHeader::Connection};
+
+// Which framing name a name of this length could be (they differ in length),
+// or -1.
+int framingIndexByLength(std::size_t length) {
+  constexpr std::size_t ContentLength = std::char_traits<char>::length(HttpHeader::ContentLength);
+  constexpr std::size_t TransferEncoding = std::char_traits<char>::length(HttpHeader::TransferEncoding);
+  constexpr std::size_t Connection = std::char_traits<char>::length(HttpHeader::Connection);
+  static_assert(ContentLength != TransferEncoding && ContentLength != Connection && TransferEncoding != Connection);
+  switch (length) {
+    case ContentLength:
+      return 0;
+    case TransferEncoding:
+      return 1;
+    case Connection:
+      return 2;
+  }
+  return -1;
+}
 
 }  // namespace
 
@@ -114,9 +133,18 @@ void MessageHeaders::clearViews() {
 }
 
 void MessageHeaders::swap(MessageHeaders& other) noexcept {
-  MessageHeaders held(std::move(other));
-  other = std::move(*this);
-  *this = std::move(held);
+  // Member by member: heads are handed back and forth on every response.
+  std::swap(buffer_, other.buffer_);
+  std::swap(length_, other.length_);
+  std::swap(capacity_, other.capacity_);
+  std::swap(method_, other.method_);
+  std::swap(target_, other.target_);
+  std::swap(version_, other.version_);
+  std::swap(reason_, other.reason_);
+  std::swap(statusCode_, other.statusCode_);
+  std::swap(fieldsStart_, other.fieldsStart_);
+  std::swap(framingAt_, other.framingAt_);
+  std::swap(framingKnown_, other.framingKnown_);
 }
 
 void MessageHeaders::allocateStartLine(std::size_t lineLength) {
@@ -249,9 +277,8 @@ void MessageHeaders::noteFraming(const char* line, const char* colon) {
   // length alone, and only names padded with white space need trimming.
   const bool padded = isWhiteSpace(*line) || (colon != line && isWhiteSpace(colon[-1]));
   const StringSection name = padded ? trimmed(line, colon) : StringSection(line, colon);
-  std::size_t i = 0;
-  while (i < FramingNames && FramingNameList[i].size() != name.size()) ++i;
-  if (i == FramingNames || framingAt_[i] != 0 || !name.equalsIgnoreCase(FramingNameList[i])) return;
+  const int i = framingIndexByLength(name.size());
+  if (i < 0 || framingAt_[i] != 0 || !name.equalsIgnoreCase(FramingNameList[i])) return;
   framingAt_[i] = static_cast<uint32_t>(line - buffer_.get());
 }
 
