@@ -3,6 +3,7 @@
 #include <memory>
 #include <utility>
 
+#include "core/handler_memory.h"
 #include "net/buffer_chain.h"
 
 namespace quorvel {
@@ -43,17 +44,18 @@ class ScopedBufferChain {
 // The shared handle by which a chain travels between asynchronous
 // operations; the last copy to go releases the buffers. Copies may be made on
 // different threads (the count is atomic); the chain itself is still used by
-// one thread at a time.
+// one thread at a time. Holders are made for nearly every transfer, so their
+// memory comes from the same free lists as the operations that carry them.
 class BufferChainPtr {
  public:
   BufferChainPtr() = default;
   BufferChainPtr(std::nullptr_t) {}
   // A new holder that takes ownership of `chain` (even an empty one).
-  explicit BufferChainPtr(BufferChain chain) : holder_(std::make_shared<ScopedBufferChain>(chain)) {}
+  explicit BufferChainPtr(BufferChain chain) : holder_(makeHolder(chain)) {}
 
   // Replaces the holder; the old chain goes when its last handle does.
   BufferChainPtr& operator=(BufferChain chain) {
-    holder_ = std::make_shared<ScopedBufferChain>(chain);
+    holder_ = makeHolder(chain);
     return *this;
   }
 
@@ -76,6 +78,10 @@ class BufferChainPtr {
   bool operator!=(const BufferChainPtr& other) const { return holder_ != other.holder_; }
 
  private:
+  static std::shared_ptr<ScopedBufferChain> makeHolder(BufferChain chain) {
+    return std::allocate_shared<ScopedBufferChain>(HandlerAllocator<ScopedBufferChain>(), chain);
+  }
+
   std::shared_ptr<ScopedBufferChain> holder_;
 };
 
