@@ -1,8 +1,6 @@
 #include "http/message_headers.h"
 
-#include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -83,8 +81,8 @@ MessageHeaders::MessageHeaders(const MessageHeaders& other)
       reason_(other.reason_),
       statusCode_(other.statusCode_),
       fieldsStart_(other.fieldsStart_),
+      framingAt_(other.framingAt_),
       framingKnown_(other.framingKnown_) {
-  std::copy(std::begin(other.framingAt_), std::end(other.framingAt_), framingAt_);
   if (other.buffer_) {
     buffer_.reset(new char[capacity_]);
     std::memcpy(buffer_.get(), other.buffer_.get(), length_ + HttpLineEnd::Length);
@@ -100,17 +98,7 @@ MessageHeaders& MessageHeaders::operator=(const MessageHeaders& other) {
 
 MessageHeaders& MessageHeaders::operator=(MessageHeaders&& other) noexcept {
   if (this != &other) {
-    buffer_ = std::move(other.buffer_);
-    length_ = other.length_;
-    capacity_ = other.capacity_;
-    method_ = other.method_;
-    target_ = other.target_;
-    version_ = other.version_;
-    reason_ = other.reason_;
-    statusCode_ = other.statusCode_;
-    fieldsStart_ = other.fieldsStart_;
-    std::copy(std::begin(other.framingAt_), std::end(other.framingAt_), framingAt_);
-    framingKnown_ = other.framingKnown_;
+    swap(other);
     other.reset();
   }
   return *this;
@@ -157,7 +145,7 @@ void MessageHeaders::finishStartLine(std::size_t lineLength) {
   std::memcpy(out + 2, CRLF, 2);
   length_ = lineLength;
   fieldsStart_ = static_cast<uint32_t>(lineLength);
-  std::fill(std::begin(framingAt_), std::end(framingAt_), 0);
+  framingAt_.fill(0);
   framingKnown_ = true;
 }
 
@@ -244,7 +232,7 @@ void MessageHeaders::parseInPlace(Kind kind, std::size_t size) {
 
   const char* line = lineEnd + HttpLineEnd::Length;
   fieldsStart_ = offset(line);
-  std::fill(std::begin(framingAt_), std::end(framingAt_), 0);
+  framingAt_.fill(0);
   bool first = true;
   while (line < end) {
     lineEnd = findLineEnd(line, end);
@@ -299,7 +287,7 @@ void MessageHeaders::appendFields(const MessageHeaders& other) {
   }
   // The other head's framing lines, to be known again where they land here
   // (which matters only while this head's own are known).
-  other.framingField(FramingField::Connection);
+  other.knowFraming();
   const char* framingLines[FramingNames] = {};
   for (std::size_t i = 0; i < FramingNames; ++i) {
     if (other.framingAt_[i] != 0) framingLines[i] = other.buffer_.get() + other.framingAt_[i];

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -185,6 +186,8 @@ class MessageHeaders {
   // Notes the field line at `line` (its name ends at `colon`) if it is the
   // first of a framing name.
   void noteFraming(const char* line, const char* colon);
+  // Walks the fields for framingAt_ unless it is known already.
+  void knowFraming() const;
   // addField without the bookkeeping.
   void appendLine(StringSection name, StringSection value);
 
@@ -198,7 +201,7 @@ class MessageHeaders {
   // block; 0 (the start line's place) when there is none. Trusted while
   // framingKnown_, which an added field clears.
   static constexpr std::size_t FramingNames = 3;
-  mutable uint32_t framingAt_[FramingNames] = {};
+  mutable std::array<uint32_t, FramingNames> framingAt_{};
   mutable bool framingKnown_ = false;
 };
 

@@ -108,16 +108,19 @@ void MessageHeaders::findFrom(const char* line, const StringSection* names, Fiel
 
 // ---- rules
 
+void MessageHeaders::knowFraming() const {
+  if (framingKnown_ || !buffer_) return;
+  FieldIterator found[FramingNames];
+  findFields(FramingNameList, found, FramingNames);
+  for (std::size_t i = 0; i < FramingNames; ++i) {
+    framingAt_[i] = found[i] == end() ? 0 : static_cast<uint32_t>(found[i].line_ - buffer_.get());
+  }
+  framingKnown_ = true;
+}
+
 MessageHeaders::FieldIterator MessageHeaders::framingField(FramingField which) const {
   if (!buffer_) return end();
-  if (!framingKnown_) {
-    FieldIterator found[FramingNames];
-    findFields(FramingNameList, found, FramingNames);
-    for (std::size_t i = 0; i < FramingNames; ++i) {
-      framingAt_[i] = found[i] == end() ? 0 : static_cast<uint32_t>(found[i].line_ - buffer_.get());
-    }
-    framingKnown_ = true;
-  }
+  knowFraming();
   const uint32_t offset = framingAt_[static_cast<std::size_t>(which)];
   return offset == 0 ? end() : FieldIterator(buffer_.get() + offset, buffer_.get() + length_);
 }

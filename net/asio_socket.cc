@@ -125,14 +125,15 @@ class AsioSocket : public AsyncSocket {
     }
     op->buffers = buffers;
     op->callback = callback;
-    start(ChainPieces<AsioBuffer>(buffers), pooled([state = state_, op = std::move(op)](const boost::system::error_code& error,
-                                                            std::size_t bytes) mutable {
+    auto done = [state = state_, op = std::move(op)](const boost::system::error_code& error,
+                                                     std::size_t bytes) mutable {
       if (op->callback) op->callback(asio_detail::errorNumber(error), bytes);
       // Kept for the socket's next transfer; what it held goes now.
       op->buffers.reset();
       op->callback.clear();
       state->spares.push_back(std::move(op));
-    }));
+    };
+    start(ChainPieces<AsioBuffer>(buffers), pooled(std::move(done)));
   }
 
   std::shared_ptr<AsioReactor> reactor_;
@@ -317,7 +318,6 @@ void throwSocketError(const char* call, const boost::system::error_code& error) 
 void logBindFailure(const SocketAddress& address, int error) {
   QLOG(Log, log::Warning, "Failed to bind to %s: %d", address.toString(), error);
 }
-
 
 void setOption(int handle, int level, int name, const void* value, std::size_t length) {
   if (::setsockopt(handle, level, name, value, static_cast<socklen_t>(length)) != 0) {
