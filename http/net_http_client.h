@@ -25,8 +25,10 @@ class RequestWatchdog;
 //   2. on the request: setResponseHandler, setErrorHandler (and
 //      setBodyDataHandler to take the body as pieces instead of through the
 //      response's body source), add fields to headers(), setCloseConnection();
-//   3. send(data, length), or startStreaming() and then feed bodySink() (put
-//      chains, end()) or connect a BodySource to it;
+//   3. send(data, length), or startStreaming() and feed bodySink() (put
+//      chains, end()) or connect a BodySource to it; what the sink holds
+//      when the head goes out is written with it, so feeding it first saves
+//      a write;
 //   4. the response handler gets the head; the body follows through
 //      response->body() (connect it to a BodySink) or the body data handler;
 //   5. the error handler runs once at the end: a code whose value is 0 once

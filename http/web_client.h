@@ -48,7 +48,8 @@ class WebClientRequest {
   // other length sets Content-Length.
   virtual void send(const void* data, std::size_t length) = 0;
   // Sends the head now; the body follows through bodySink() until its end,
-  // chunked unless Content-Length is already set.
+  // chunked unless Content-Length is already set. The sink may be fed before
+  // this: what it holds then goes out with the head.
   virtual void startStreaming() = 0;
   virtual std::weak_ptr<BodySink> bodySink() = 0;
   virtual bool isStarted() const = 0;

@@ -69,7 +69,6 @@ bool ReplyUpload::start(const ExchangeRef& exchange, HttpClient& http, const std
   if (markerLength > 0) copyToChain(marker, marker + markerLength, out);
 
   if (!makeRequest(exchange, http, url)) return false;
-  request_->startStreaming();
   source_.setUnblockedHandler([exchange]() { exchange.with([](ExchangeLink& link) { link.pumpReply(); }); });
   try {
     source_.connect(request_->bodySink());
@@ -77,14 +76,18 @@ bool ReplyUpload::start(const ExchangeRef& exchange, HttpClient& http, const std
     QLOG(Log, log::Notice, "%s: Reply request to %s takes no body", name_, url);
     return false;
   }
+  // What there is goes in before the request starts, so that a kept
+  // connection writes it with the head: one write and one completion, where
+  // starting first sent the head alone.
   BodySource* const upload = &source_;
   upload->put(first);
   if (!exchange.isActive()) return true;
   if (end) {
     upload->end();
     complete_ = true;
-    return true;
   }
+  request_->startStreaming();
+  if (end || !exchange.isActive()) return true;
   exchange.with([](ExchangeLink& link) { link.pumpReply(); });
   return true;
 }

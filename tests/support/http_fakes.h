@@ -244,6 +244,8 @@ class FakeClientRequest : public WebClientRequest {
   }
   void startStreaming() override {
     ++streamStarts;
+    piecesAtStart = body.pieces();
+    endedAtStart = body.ended();
     if (!headers_.has(HttpHeader::ContentLength)) headers_.addField(HttpHeader::TransferEncoding, "chunked");
     started = true;
   }
@@ -277,6 +279,10 @@ class FakeClientRequest : public WebClientRequest {
   bool closeConnection = false;
   int sends = 0;
   int streamStarts = 0;
+  // What the body sink had been given when the head went out: a real
+  // request writes that with the head.
+  std::size_t piecesAtStart = 0;
+  bool endedAtStart = false;
   int cancels = 0;
   std::string sentBody;  // from send()
   // The streamed request body; hold() it to play a client that cannot write.

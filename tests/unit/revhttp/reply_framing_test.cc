@@ -142,6 +142,9 @@ TEST_F(ReplyFraming, AResponseSentInOnePieceIsFramedAsItsHeadSays) {
     EXPECT_EQ(post->body.text(), c.expected);
     EXPECT_EQ(post->body.pieces(), 1u);
     EXPECT_TRUE(post->body.ended());
+    // All of it before the head goes out, so that it leaves in one write.
+    EXPECT_EQ(post->piecesAtStart, 1u);
+    EXPECT_TRUE(post->endedAtStart);
     // A reply sent whole is not cancelled when its answer comes: its
     // connection goes back to be used again.
     respond(*post, "HTTP/1.1 200 OK\r\n");
