@@ -47,7 +47,7 @@ void NetHttpClientRequest::open(std::shared_ptr<HttpConnectionPool> pool, const 
   scheme_ = scheme;
   connectHost_ = connectHost;
   errorHandler_.clear();
-  connected_ = beginning_ = started_ = done_ = reused_ = closeAfter_ = false;
+  connected_ = beginning_ = started_ = done_ = reused_ = closeAfter_ = headHeld_ = false;
   bodySink_.reset();
   sender_.reset();
   ++handles_;
@@ -162,7 +162,7 @@ void NetHttpClientRequest::startStreaming() {
 }
 
 void NetHttpClientRequest::startSending() {
-  if (!started_ || !connected_ || done_ || !sender_.hasHead()) return;
+  if (!started_ || !connected_ || done_ || !sender_.hasHead() || holdHead()) return;
   QLOG(Log, log::Debug, "0x%x: Starting request: '%s %s' with %u bytes of data", id(), method_,
        headers_.requestTarget(), sender_.bodyBytes());
   // Asked for by the caller: the server may close without saying so.
@@ -180,8 +180,29 @@ void NetHttpClientRequest::startSending() {
   });
 }
 
+// A streamed body's first piece, and often its end, is mostly put in the
+// same turn of the loop as the start: a reply made of a response that came
+// in one read. Held to the end of that turn, the head leaves with them in
+// one write, where going at once it went alone and the rest waited for its
+// completion.
+bool NetHttpClientRequest::holdHead() {
+  if (headHeld_ || !sender_.isStreaming() || bodySink_.endArrived()) return false;
+  headHeld_ = true;
+  std::weak_ptr<NetHttpClientRequest> self = weak();
+  reactor_->post(shared_from_this(), [self, attempt = sender_.attempt()]() {
+    auto request = self.lock();
+    if (request && attempt == request->sender_.attempt()) request->startSending();
+  });
+  return true;
+}
+
 void NetHttpClientRequest::pumpBody() {
   if (done_) return;
+  // Nothing more can come: no need to wait for the turn's end.
+  if (sender_.hasHead()) {
+    if (bodySink_.endArrived()) startSending();
+    return;
+  }
   BufferChain chain;
   switch (sender_.nextPiece(bodySink_, chain)) {
     case RequestSender::Piece::None:

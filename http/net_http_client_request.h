@@ -101,6 +101,7 @@ class NetHttpClientRequest : public WebClientRequest,
   void onConnected();
 
   void startSending();
+  bool holdHead();
   void pumpBody();
   void onSent(int error, std::size_t bytes, bool body, unsigned attempt);
   bool retryOnNewConnection();
@@ -140,6 +141,8 @@ class NetHttpClientRequest : public WebClientRequest,
   bool started_ = false;
   bool done_ = false;
   bool reused_ = false;
+  // A streamed head waits for the end of the turn it was started in (once).
+  bool headHeld_ = false;
   BodySink bodySink_;
   RequestSender sender_;
 

@@ -36,6 +36,7 @@ class RequestSender {
   bool hasHead() const { return !headSent_ && static_cast<bool>(whole_); }
   // Something of the request has gone onto a connection.
   bool hasSent() const { return headSent_; }
+  bool isStreaming() const { return streaming_; }
   std::size_t bodyBytes() const { return bodyBytes_; }
   // Takes the head for sending, with the streamed body that `sink` holds
   // already; null when there are no buffers for that. A `repeatable` whole

@@ -352,6 +352,53 @@ TEST_F(NetHttpClientTest, PostBodiesWithLengthAndChunked) {
   EXPECT_EQ("POST /l HTTP/1.1\r\nHost: example\r\nContent-Length: 3\r\n\r\nabc", factory->last().sent);
 }
 
+// A streamed head waits for the end of the turn it was started in, so that
+// what the producer puts in that turn leaves with it in one write; a head
+// with nothing behind it still goes at the end of the turn.
+TEST_F(NetHttpClientTest, AStreamedHeadLeavesWithWhatItsTurnPuts) {
+  Outcome first;
+  auto warm = start("GET", "/", first);
+  warm->send(nullptr, 0);
+  run();
+  factory->last().deliver(Ok5);
+  run();
+  FakeSocket& socket = factory->last();
+  socket.sent.clear();
+  socket.sends = 0;
+
+  Outcome streamed;
+  auto a = start("POST", "/a", streamed);
+  // Connected before it starts, as a kept connection is.
+  run();
+  a->startStreaming();
+  auto sink = a->bodySink().lock();
+  ASSERT_TRUE(sink);
+  sink->put(BufferChainPtr(testing::chainOf(*pool, "hello")));
+  run();
+  EXPECT_EQ("POST /a HTTP/1.1\r\nHost: example\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello", socket.sent);
+  EXPECT_EQ(1, socket.sends);
+  sink->end();
+  run();
+  EXPECT_EQ(2, socket.sends);
+  socket.deliver(Ok5);
+  run();
+  EXPECT_EQ(streamed.code, Success);
+  socket.sent.clear();
+  socket.sends = 0;
+
+  Outcome quiet;
+  auto b = start("POST", "/b", quiet);
+  run();
+  b->startStreaming();
+  run();
+  EXPECT_EQ("POST /b HTTP/1.1\r\nHost: example\r\nTransfer-Encoding: chunked\r\n\r\n", socket.sent);
+  EXPECT_EQ(1, socket.sends);
+  b->bodySink().lock()->end();
+  run();
+  EXPECT_EQ(2, socket.sends);
+  EXPECT_EQ(1u, factory->sockets.size());
+}
+
 TEST_F(NetHttpClientTest, ResponsesWithoutBodyEndAfterHead) {
   struct Case {
     const char* method;
