@@ -39,6 +39,15 @@ char* putDecimal(char* out, uint32_t value, std::size_t digits) {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+// The line [line, lineEnd), whose first colon is at `colon`, is what
+// appendLine() writes for its field: nothing around the name to trim, and
+// one blank between the colon and a value with nothing around it.
+bool isVerbatimField(const char* line, const char* colon, const char* lineEnd) {
+  if (colon != line && (isWhiteSpace(*line) || isWhiteSpace(colon[-1]))) return false;
+  if (lineEnd - colon < 2 || colon[1] != ' ') return false;
+  return lineEnd - colon == 2 || (!isWhiteSpace(colon[2]) && !isWhiteSpace(lineEnd[-1]));
+}
+
 // Which framing name a name of this length could be (they differ in length),
 // or -1.
 int framingIndexByLength(std::size_t length) {
@@ -82,7 +91,8 @@ MessageHeaders::MessageHeaders(const MessageHeaders& other)
       statusCode_(other.statusCode_),
       fieldsStart_(other.fieldsStart_),
       framingAt_(other.framingAt_),
-      framingKnown_(other.framingKnown_) {
+      framingKnown_(other.framingKnown_),
+      fieldsVerbatim_(other.fieldsVerbatim_) {
   if (other.buffer_) {
     buffer_.reset(new char[capacity_]);
     std::memcpy(buffer_.get(), other.buffer_.get(), length_ + HttpLineEnd::Length);
@@ -115,6 +125,7 @@ void MessageHeaders::clearViews() {
   method_ = target_ = version_ = reason_ = View();
   statusCode_ = 0;
   fieldsStart_ = 0;
+  fieldsVerbatim_ = false;
 }
 
 void MessageHeaders::swap(MessageHeaders& other) noexcept {
@@ -130,6 +141,7 @@ void MessageHeaders::swap(MessageHeaders& other) noexcept {
   std::swap(fieldsStart_, other.fieldsStart_);
   std::swap(framingAt_, other.framingAt_);
   std::swap(framingKnown_, other.framingKnown_);
+  std::swap(fieldsVerbatim_, other.fieldsVerbatim_);
 }
 
 void MessageHeaders::allocateStartLine(std::size_t lineLength) {
@@ -147,6 +159,7 @@ void MessageHeaders::finishStartLine(std::size_t lineLength) {
   fieldsStart_ = static_cast<uint32_t>(lineLength);
   framingAt_.fill(0);
   framingKnown_ = true;
+  fieldsVerbatim_ = true;
 }
 
 MessageHeaders MessageHeaders::response(uint32_t code, StringSection reason, StringSection version) {
@@ -234,6 +247,7 @@ void MessageHeaders::parseInPlace(Kind kind, std::size_t size) {
   fieldsStart_ = offset(line);
   framingAt_.fill(0);
   bool first = true;
+  bool verbatim = true;
   while (line < end) {
     lineEnd = findLineEnd(line, end);
     if (!lineEnd) return reset();
@@ -249,12 +263,14 @@ void MessageHeaders::parseInPlace(Kind kind, std::size_t size) {
       if (!colon) return reset();
       noteFraming(line, colon);
     }
+    verbatim = verbatim && colon && isVerbatimField(line, colon, lineEnd);
     first = false;
     line = lineEnd + HttpLineEnd::Length;
   }
   length_ = offset(line);
   std::memcpy(buffer_.get() + length_, CRLF, HttpLineEnd::Length);
   framingKnown_ = true;
+  fieldsVerbatim_ = verbatim;
 }
 
 void MessageHeaders::noteFraming(const char* line, const char* colon) {
@@ -271,6 +287,7 @@ void MessageHeaders::noteFraming(const char* line, const char* colon) {
 
 void MessageHeaders::addField(StringSection name, StringSection value) {
   if (!buffer_) throw std::logic_error("Can't add a field to invalid MessageHeaders");
+  fieldsVerbatim_ = false;
   // Looked for again when next asked: a head being built is rarely asked
   // before it is complete.
   framingKnown_ = false;
@@ -288,6 +305,21 @@ void MessageHeaders::appendFields(const MessageHeaders& other) {
   // The other head's framing lines, to be known again where they land here
   // (which matters only while this head's own are known).
   other.knowFraming();
+  if (other.fieldsVerbatim_) {
+    // Line for line what the walk below would write: one copy.
+    const std::size_t size = other.length_ - other.fieldsStart_;
+    reserveFields(size);
+    const uint32_t at = static_cast<uint32_t>(length_);
+    std::memcpy(buffer_.get() + length_, other.buffer_.get() + other.fieldsStart_, size);
+    length_ += size;
+    std::memcpy(buffer_.get() + length_, CRLF, HttpLineEnd::Length);
+    for (std::size_t i = 0; i < FramingNames; ++i) {
+      if (other.framingAt_[i] != 0 && framingAt_[i] == 0) framingAt_[i] = at + other.framingAt_[i] - other.fieldsStart_;
+    }
+    fieldsVerbatim_ = fieldsVerbatim_ && size == 0;
+    return;
+  }
+  fieldsVerbatim_ = false;
   const char* framingLines[FramingNames] = {};
   for (std::size_t i = 0; i < FramingNames; ++i) {
     if (other.framingAt_[i] != 0) framingLines[i] = other.buffer_.get() + other.framingAt_[i];
@@ -301,17 +333,20 @@ void MessageHeaders::appendFields(const MessageHeaders& other) {
   }
 }
 
+void MessageHeaders::reserveFields(std::size_t extra) {
+  const std::size_t needed = length_ + HttpLineEnd::Length + extra;
+  if (needed <= capacity_) return;
+  const std::size_t grown = capacity_ + (needed - capacity_ + BlockSize - 1) / BlockSize * BlockSize;
+  std::unique_ptr<char[]> bigger(new char[grown]);
+  std::memcpy(bigger.get(), buffer_.get(), length_);
+  // Views are offsets into the block, so moving the text re-bases them.
+  buffer_ = std::move(bigger);
+  capacity_ = grown;
+}
+
 void MessageHeaders::appendLine(StringSection name, StringSection value) {
   const std::size_t lineLength = name.size() + value.size() + 4;
-  const std::size_t needed = length_ + HttpLineEnd::Length + lineLength;
-  if (needed > capacity_) {
-    const std::size_t grown = capacity_ + (needed - capacity_ + BlockSize - 1) / BlockSize * BlockSize;
-    std::unique_ptr<char[]> bigger(new char[grown]);
-    std::memcpy(bigger.get(), buffer_.get(), length_);
-    // Views are offsets into the block, so moving the text re-bases them.
-    buffer_ = std::move(bigger);
-    capacity_ = grown;
-  }
+  reserveFields(lineLength);
   char* out = put(buffer_.get() + length_, name);
   *out++ = ':';
   *out++ = ' ';

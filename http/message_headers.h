@@ -190,6 +190,8 @@ class MessageHeaders {
   void knowFraming() const;
   // addField without the bookkeeping.
   void appendLine(StringSection name, StringSection value);
+  // Room for `extra` more bytes of fields and the final empty line.
+  void reserveFields(std::size_t extra);
 
   std::unique_ptr<char[]> buffer_;
   std::size_t length_ = 0;    // head text without the final empty line
@@ -203,6 +205,10 @@ class MessageHeaders {
   static constexpr std::size_t FramingNames = 3;
   mutable std::array<uint32_t, FramingNames> framingAt_{};
   mutable bool framingKnown_ = false;
+  // Every field line reads exactly as appendLine() writes it ("name: value",
+  // nothing to trim, no continuation lines): appendFields() can then copy
+  // the lines as they are. Noted by the parse; anything added clears it.
+  bool fieldsVerbatim_ = false;
 };
 
 // Finds "\r\n" in [begin, end); null when there is none.

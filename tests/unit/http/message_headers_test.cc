@@ -179,6 +179,14 @@ TEST(MessageHeadersFraming, BuiltCopiedAndReusedHeadsNoteTheFieldsAWalkFinds) {
   for (const char* text : {
            "HTTP/1.1 200 OK\r\nContent-Length: 5\r\ncontent-length: 6\r\n",
            "HTTP/1.1 200 OK\r\n  connection :  close \r\nX: a\r\n b\r\nTransfer-Encoding: chunked\r\nE:\r\n",
+           // Lines that read exactly as they would be written, or nearly.
+           "HTTP/1.1 200 OK\r\nE: \r\n: v\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n",
+           "HTTP/1.1 200 OK\r\nA: b\r\nE:\r\n",
+           "HTTP/1.1 200 OK\r\nA: b\r\nE:  x\r\n",
+           "HTTP/1.1 200 OK\r\nA: b\r\nE: x\t\r\n",
+           "HTTP/1.1 200 OK\r\nA: b\r\nE : x\r\n",
+           "HTTP/1.1 200 OK\r\nA: b\r\nE:x\r\n",
+           "HTTP/1.1 200 OK\r\nA: b\r\n\tE: x\r\n",
        }) {
     const MessageHeaders source = response(text);
     for (const char* already : {"", "Content-Length", "X-Other"}) {
