@@ -82,6 +82,7 @@ class DataSinkImpl {
   // ---- producer side (a connected DataSourceImpl, or an owner feeding it
   // directly)
   void put(const T& item) {
+    if (discarding_) return;
     items_.push_back(item);
     notify();
   }
@@ -91,13 +92,21 @@ class DataSinkImpl {
     notify();
   }
   bool isFull() const { return items_.size() >= capacity_; }
+  // For a consumer that wants nothing more of the stream: what is queued and
+  // whatever comes later is dropped, and the source is never held back. No
+  // handler is needed for that, so none is made.
+  void discard() {
+    ready_.clear();
+    discarding_ = true;
+    while (hasItem()) take();
+  }
 
   // For an owner that uses one sink for stream after stream: back to the
   // state it was made in (items dropped, no handler, no source). A source of
   // the last stream no longer reaches it.
   void reset() {
     items_.clear();
-    endArrived_ = notifying_ = again_ = inTake_ = false;
+    endArrived_ = notifying_ = again_ = inTake_ = discarding_ = false;
     ready_.clear();
     source_.reset();
     sourceUse_ = 0;
@@ -116,6 +125,7 @@ class DataSinkImpl {
   bool notifying_ = false;
   bool again_ = false;
   bool inTake_ = false;
+  bool discarding_ = false;
   std::weak_ptr<SourceLink> source_;
   // The use of the source's link that this sink was connected in.
   uint64_t sourceUse_ = 0;

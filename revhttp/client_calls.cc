@@ -31,15 +31,4 @@ std::shared_ptr<WebClientRequest> requestTo(HttpClient& client, const char* meth
 
 void discardBody(const std::shared_ptr<WebClientResponse>& response) { response->body().discard(); }
 
-void discardInto(const std::shared_ptr<BodySink>& sink) {
-  if (!sink) return;
-  const std::weak_ptr<BodySink> weak = sink;
-  sink->setReadyHandler([weak]() {
-    if (std::shared_ptr<BodySink> held = weak.lock()) {
-      while (held->hasItem()) held->take();
-    }
-  });
-  while (sink->hasItem()) sink->take();
-}
-
 }  // namespace quorvel

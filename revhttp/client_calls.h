@@ -36,10 +36,6 @@ std::shared_ptr<WebClientRequest> requestTo(HttpClient& client, const char* meth
 // exchange completes and its connection can be used again.
 void discardBody(const std::shared_ptr<WebClientResponse>& response);
 
-// A sink that nobody reads any more is still emptied as things arrive, or
-// its producer would wait for room forever.
-void discardInto(const std::shared_ptr<BodySink>& sink);
-
 // Nothing is destroyed inside its own callback: `held` (anything with
 // reset()) lets go of what it holds on a later turn of the loop.
 template <typename T>

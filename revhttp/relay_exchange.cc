@@ -190,8 +190,10 @@ void RelayExchange::onReplyError(const boost::system::error_code& code) {
 void RelayExchange::done() {
   QLOG(Log, log::Debug, "Pending request %s done, removing", name_);
   use_ = 0;
-  discardInto(relayBody_);
-  if (targetResponse_) discardInto(targetResponse_->bodySink().lock());
+  if (relayBody_) relayBody_->discard();
+  if (targetResponse_) {
+    if (const std::shared_ptr<BodySink> sink = targetResponse_->bodySink().lock()) sink->discard();
+  }
   upload_.abandon();
   // What it holds may be running callbacks now: it lets go of them in
   // reset(), when the relay poll takes the exchange back at its next

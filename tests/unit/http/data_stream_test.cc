@@ -196,6 +196,33 @@ TEST(DataStream, ADiscardedSourceDropsEverythingAndHoldsNothingBack) {
   EXPECT_TRUE(source.isEnded());
 }
 
+// The same from the consumer's end, once it has stopped reading: its
+// handler is not called again, and a reset sink reads again.
+TEST(DataStream, ADiscardingSinkDropsEverythingAndHoldsNothingBack) {
+  auto sink = std::make_shared<Sink>(1);
+  Source source;
+  int unblocks = 0;
+  int readies = 0;
+  source.setUnblockedHandler([&] { ++unblocks; });
+  sink->setReadyHandler([&] { ++readies; });
+  source.connect(sink);
+  EXPECT_FALSE(source.put("waiting"));
+  EXPECT_EQ(readies, 1);
+  sink->discard();
+  EXPECT_EQ(unblocks, 1);
+  EXPECT_FALSE(sink->hasItem());
+  EXPECT_TRUE(source.put("more"));
+  EXPECT_FALSE(sink->hasItem());
+  source.end();
+  EXPECT_TRUE(sink->isEnded());
+  EXPECT_EQ(readies, 1);
+  sink->reset();
+  Source next;
+  next.connect(sink);
+  EXPECT_FALSE(next.put("kept"));
+  EXPECT_EQ(sink->take(), "kept");
+}
+
 // A sink and a source used for stream after stream: after a reset neither
 // reaches what the other end of the last stream was.
 TEST(DataStream, ResetEndsAreStrangersToTheLastStream) {
