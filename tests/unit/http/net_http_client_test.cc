@@ -498,7 +498,7 @@ TEST_F(NetHttpClientTest, BadResponsesFailAndDropTheConnection) {
     auto request = get("/", outcome);
     FakeSocket& socket = factory->last();
     for (std::size_t at = 0; at < c.response.size() && socket.receiving() && !outcome.code;) {
-      const std::string piece = c.response.substr(at, 16384);
+      const std::string piece = c.response.substr(at, socket.receiveSize());
       socket.deliver(piece);
       at += piece.size();
       run();
@@ -559,10 +559,19 @@ TEST_F(NetHttpClientTest, ReadSizeFollowsWhatTheReadsBring) {
   Outcome outcome;
   auto request = get("/", outcome);
   FakeSocket& socket = factory->last();
-  ASSERT_EQ(16384u, socket.receiveSize());
+  ASSERT_EQ(4096u, socket.receiveSize());
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n";
-  socket.deliver(head + std::string(16384 - head.size(), 'a'));
+  socket.deliver(head + std::string(4096 - head.size(), 'a'));
   run();
+  EXPECT_EQ(8192u, socket.receiveSize());
+  for (std::size_t size = 8192; size < 32768; size *= 2) {
+    socket.deliver(std::string(size, 'b'));
+    run();
+  }
+  EXPECT_EQ(32768u, socket.receiveSize());
+  socket.deliver(std::string(32768, 'c'));
+  run();
+  // The largest size, kept.
   EXPECT_EQ(32768u, socket.receiveSize());
   socket.deliver("small");
   run();
