@@ -13,12 +13,21 @@ namespace {
 
 const log::Log Log("httpclient");
 
-bool hasToken(const MessageHeaders& headers, const char* name, const char* value) {
-  const auto field = headers.find(name);
-  return field != headers.end() && field->value.equalsIgnoreCase(value);
-}
+const StringSection LengthAndConnection[] = {HttpHeader::ContentLength, HttpHeader::Connection};
 
 }  // namespace
+
+// The two things the caller's fields decide, found in one walk as the
+// request starts: whether it says its length, and whether it asks for the
+// connection to be closed after it (the server may then close without
+// saying so). Only fields the client itself adds come after this, and those
+// are neither.
+bool NetHttpClientRequest::readCallerFields() {
+  MessageHeaders::FieldIterator found[2];
+  headers_.findFields(LengthAndConnection, found, 2);
+  if (found[1] != headers_.end() && found[1]->value.equalsIgnoreCase("close")) closeAfter_ = true;
+  return found[0] != headers_.end();
+}
 
 NetHttpClientRequest::NetHttpClientRequest(std::shared_ptr<Reactor> reactor,
                                            std::shared_ptr<BufferChainAllocator> allocator,
@@ -135,7 +144,7 @@ void NetHttpClientRequest::setCloseConnection() {
 void NetHttpClientRequest::send(const void* data, std::size_t length) {
   if (started_) throw BadCallError("Request already started");
   started_ = true;
-  if (length > 0 && !headers_.has(HttpHeader::ContentLength)) {
+  if (!readCallerFields() && length > 0) {
     headers_.addField(HttpHeader::ContentLength, static_cast<uint32_t>(length));
   }
   if (!sender_.setWhole(headers_, data, length)) {
@@ -148,7 +157,7 @@ void NetHttpClientRequest::send(const void* data, std::size_t length) {
 void NetHttpClientRequest::startStreaming() {
   if (started_) throw BadCallError("Request already started");
   started_ = true;
-  const bool chunked = !headers_.has(HttpHeader::ContentLength);
+  const bool chunked = !readCallerFields();
   if (chunked) headers_.addField(HttpHeader::TransferEncoding, "chunked");
   std::weak_ptr<NetHttpClientRequest> self = weak();
   bodySink_.setReadyHandler([self]() {
@@ -165,8 +174,6 @@ void NetHttpClientRequest::startSending() {
   if (!started_ || !connected_ || done_ || !sender_.hasHead() || holdHead()) return;
   QLOG(Log, log::Debug, "0x%x: Starting request: '%s %s' with %u bytes of data", id(), method_,
        headers_.requestTarget(), sender_.bodyBytes());
-  // Asked for by the caller: the server may close without saying so.
-  closeAfter_ = closeAfter_ || hasToken(headers_, HttpHeader::Connection, "close");
   // Kept for retryOnNewConnection(): only a reused connection can have been
   // closed under us, and only a repeatable request can be sent again.
   const BufferChainPtr chain = sender_.takeHead(reused_ && (method_ == "GET" || method_ == "HEAD"), &bodySink_);

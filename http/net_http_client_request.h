@@ -100,6 +100,7 @@ class NetHttpClientRequest : public WebClientRequest,
 
   void onConnected();
 
+  bool readCallerFields();
   void startSending();
   bool holdHead();
   void pumpBody();

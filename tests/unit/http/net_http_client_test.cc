@@ -239,6 +239,19 @@ TEST_F(NetHttpClientTest, ConnectionIsKeptUnlessEitherSideCloses) {
     auto b = get("/2", second);
     EXPECT_EQ(c.kept ? before : before + 1, factory->sockets.size());
   }
+  // Asked for in a field the caller copied from elsewhere, with a streamed
+  // body: the same.
+  Outcome streamed;
+  auto c = start("POST", "/s", streamed);
+  c->headers().addField("connection", "Close");
+  c->startStreaming();
+  c->bodySink().lock()->end();
+  run();
+  FakeSocket& socket = factory->last();
+  socket.deliver(Ok5);
+  run();
+  EXPECT_EQ(streamed.code, Success);
+  EXPECT_TRUE(socket.closed);
 }
 
 // Releases wait for a later turn of the loop and then run in the order they
