@@ -17,7 +17,8 @@ class HeadEndFinder {
   // position after its last byte), or `last` when it has not ended yet.
   // Nothing more is looked for once it has been found. Outside a partial
   // match only a '\r' can start one, so the bytes up to it are skipped by
-  // memchr rather than walked one at a time.
+  // memchr rather than walked one at a time, and so is the end of every line
+  // but the last when the piece holds the byte after it.
   const char* feed(const char* first, const char* last) {
     while (first != last && matched_ != 4) {
       if (matched_ == 0) {
@@ -26,6 +27,12 @@ class HeadEndFinder {
         scanned_ += static_cast<std::size_t>(skipTo - first);
         first = skipTo;
         if (first == last) break;
+        // The end of a line that another line follows: both bytes at once.
+        if (last - first >= 3 && first[1] == '\n' && first[2] != '\r') {
+          first += 2;
+          scanned_ += 2;
+          continue;
+        }
       }
       matched_ = next(matched_, static_cast<unsigned char>(*first++));
       ++scanned_;

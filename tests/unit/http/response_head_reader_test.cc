@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "chain_text.h"
+#include "http/head_end_finder.h"
 #include "http/response_head_reader.h"
 #include "tests/support/log_capture.h"
 
@@ -63,6 +64,27 @@ TEST_F(HeadReaderTest, HeadSplitAtEveryPositionGivesTheSameResult) {
       EXPECT_EQ(reader.headers().find("server")->value.str(), "t");
       EXPECT_EQ(body(reader), "hello") << cut << " " << cut2;
       EXPECT_EQ(reader.receivedBytes(), text.size());
+    }
+  }
+}
+
+// Wherever the pieces are cut, the end is where a plain search of the whole
+// text finds "\r\n\r\n" first, for runs of CR and LF that nearly make one.
+TEST(HeadEndFinder, FindsTheFirstEmptyLineWhereverThePiecesAreCut) {
+  for (const std::string text : {"A\r\nB\r\n\r\nrest", "A\r\r\n\r\nx", "A\r\n\r\r\n\r\nx", "\r\n\r\n",
+                                 "A\n\r\n\r\r\n\n\r\n\r\n", "A\r\nB\r\n\r", "\r\n\rX\r\n\n"}) {
+    const std::size_t expected = text.find("\r\n\r\n");
+    for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+      for (std::size_t cut2 = cut; cut2 <= text.size(); ++cut2) {
+        HeadEndFinder finder;
+        for (const auto& piece : {text.substr(0, cut), text.substr(cut, cut2 - cut), text.substr(cut2)}) {
+          finder.feed(piece.data(), piece.data() + piece.size());
+        }
+        ASSERT_EQ(finder.found(), expected != std::string::npos) << text << " " << cut << " " << cut2;
+        if (finder.found()) {
+          EXPECT_EQ(finder.headEnd(), expected + 4) << text << " " << cut << " " << cut2;
+        }
+      }
     }
   }
 }
