@@ -103,6 +103,40 @@ TEST_F(AsioSocketTest, TcpConnectSendAndReceiveThroughAListener) {
   listener->close();
 }
 
+// Small writes go out at once, big ones in parts; either way the callback
+// comes later, never from inside send(), with every byte counted.
+TEST_F(AsioSocketTest, SendCallbacksComeLaterWithEveryByte) {
+  std::string received;
+  auto listener = collectingListener(received);
+  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  const std::string small = "a short request";
+  const std::string big(256 * 1024, 'b');
+  std::vector<std::size_t> sent;
+  bool inSend = false;
+  client->connect(listener->localAddress(), [&](int error) {
+    ASSERT_EQ(error, 0);
+    inSend = true;
+    client->send(chainOf(small), [&](int error, std::size_t bytes) {
+      EXPECT_FALSE(inSend);
+      EXPECT_EQ(error, 0);
+      sent.push_back(bytes);
+      inSend = true;
+      client->send(chainOf(big), [&](int error, std::size_t bytes) {
+        EXPECT_FALSE(inSend);
+        EXPECT_EQ(error, 0);
+        sent.push_back(bytes);
+        client->close();
+      });
+      inSend = false;
+    });
+    inSend = false;
+  });
+  run();
+  EXPECT_EQ(sent, (std::vector<std::size_t>{small.size(), big.size()}));
+  EXPECT_EQ(received, small + big);
+  listener->close();
+}
+
 TEST_F(AsioSocketTest, ConnectToAClosedPortIsAConnectionFailure) {
   auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
   listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
