@@ -36,8 +36,35 @@ AsioReactor::AsioReactor(std::shared_ptr<TimeProvider> timeProvider)
 
 AsioReactor::~AsioReactor() = default;
 
+// Tasks the loop posts to itself in one turn run together, in their order,
+// from one queued operation: a turn that ends an exchange posts several
+// (releases, clean-ups), and each of asio's own costs a round through its
+// queue. Other threads post one by one, as they come.
 void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
-  boost::asio::post(io_, pooled(GuardedTask{token, std::move(task)}));
+  if (!isLoopThread()) {
+    boost::asio::post(io_, pooled(GuardedTask{token, std::move(task)}));
+    return;
+  }
+  turnTasks_.push_back(TurnTask{token, std::move(task)});
+  if (turnTasksPosted_) return;
+  turnTasksPosted_ = true;
+  boost::asio::post(io_, pooled([this]() { runTurnTasks(); }));
+}
+
+void AsioReactor::runTurnTasks() {
+  turnTasksPosted_ = false;
+  // Tasks these post go to the next turn, as they would have.
+  runningTasks_.swap(turnTasks_);
+  for (const TurnTask& next : runningTasks_) {
+    // One that throws is reported as the loop reports it, and the rest run.
+    try {
+      if (auto alive = next.token.lock()) next.task();
+    } catch (const std::exception& e) {
+      QLOG(Log, log::Error, "Unhandled exception thrown by scheduled task: %s", e.what());
+      if (exceptionHandler_) exceptionHandler_();
+    }
+  }
+  runningTasks_.clear();
 }
 
 void AsioReactor::scheduleAt(const LifetimeToken& token, SteadyTime when, Delegate<void()> task) {

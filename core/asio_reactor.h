@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -38,6 +39,12 @@ class AsioReactor : public Reactor {
   boost::asio::io_context& ioContext() { return io_; }
 
  private:
+  struct TurnTask {
+    WeakLifetimeToken token;
+    Delegate<void()> task;
+  };
+  void runTurnTasks();
+
   // Only run() runs it, on one thread, and every socket lives on that thread:
   // asio then queues that thread's own posts and completions without taking
   // its lock, and starts and completes socket operations without a lock per
@@ -50,6 +57,11 @@ class AsioReactor : public Reactor {
   Delegate<void()> exceptionHandler_;
   std::mutex mutex_;
   std::atomic<std::thread::id> loopThread_{};
+  // What the loop has posted to itself since its last run of them, and the
+  // list being run (kept, with its room, for the next turn).
+  std::vector<TurnTask> turnTasks_;
+  std::vector<TurnTask> runningTasks_;
+  bool turnTasksPosted_ = false;
 };
 
 }  // namespace quorvel

@@ -96,6 +96,34 @@ TEST_F(AsioReactorTest, ThrowingTaskIsLoggedAndTheLoopGoesOn) {
   EXPECT_EQ(capture_->lines()[0].log, "asioreactor");
 }
 
+// Tasks the loop posts to itself run in their order too; one that throws is
+// reported and the others still run, and one whose owner has gone does not.
+TEST_F(AsioReactorTest, TasksTheLoopPostsRunInOrderWhateverOneOfThemDoes) {
+  std::vector<int> order;
+  int handlerCalls = 0;
+  reactor_.setExceptionHandler([&handlerCalls] { ++handlerCalls; });
+  reactor_.post(token_, [&] {
+    ASSERT_TRUE(reactor_.isLoopThread());
+    auto gone = makeLifetimeToken();
+    reactor_.post(token_, [&] {
+      order.push_back(1);
+      // After all that is queued now.
+      reactor_.post(token_, [&] {
+        order.push_back(4);
+        reactor_.stop();
+      });
+    });
+    reactor_.post(token_, [] { throw std::runtime_error("boom"); });
+    reactor_.post(gone, [&] { order.push_back(0); });
+    reactor_.post(token_, [&] { order.push_back(2); });
+    reactor_.post(token_, [&] { order.push_back(3); });
+  });
+  reactor_.run();
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+  EXPECT_EQ(handlerCalls, 1);
+  EXPECT_EQ(capture_->count("Unhandled exception thrown by scheduled task: boom"), 1u);
+}
+
 TEST_F(AsioReactorTest, StopFromAnotherThreadEndsRun) {
   std::atomic<bool> running{false};
   reactor_.post(token_, [&running] { running = true; });
