@@ -67,8 +67,12 @@ void ConnectionAcquirer::onResolved(const NameResolver::Result& result, bool fou
 void ConnectionAcquirer::again() { request(); }
 
 void ConnectionAcquirer::request() {
+  if (std::shared_ptr<HttpConnection> connection = pool_->tryConnection(destination_)) {
+    onConnection(connection);
+    return;
+  }
   const std::weak_ptr<ConnectionAcquirer> self = self_;
-  pool_->requestConnection(destination_, self_, [self](const std::shared_ptr<HttpConnection>& connection) {
+  pool_->waitForConnection(destination_, self_, [self](const std::shared_ptr<HttpConnection>& connection) {
     if (auto acquirer = self.lock()) {
       acquirer->onConnection(connection);
     } else {

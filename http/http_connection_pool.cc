@@ -25,19 +25,26 @@ HttpConnectionPool::~HttpConnectionPool() {
 
 void HttpConnectionPool::requestConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
                                            const ConnectionCallback& callback) {
+  if (std::shared_ptr<HttpConnection> connection = tryConnection(destination)) {
+    if (callback) callback(connection);
+    return;
+  }
+  waitForConnection(destination, owner, callback);
+}
+
+std::shared_ptr<HttpConnection> HttpConnectionPool::tryConnection(const HttpDestination& destination) {
   QLOG(Log, log::Debug, "Request for connection to %s", destination.text());
   waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
                                 [](const Waiting& waiting) { return waiting.owner.expired(); }),
                  waiting_.end());
   // Earlier requests go first.
-  if (waiting_.empty()) {
-    if (std::shared_ptr<HttpConnection> connection = satisfy(destination)) {
-      if (callback) callback(connection);
-      return;
-    }
-  } else {
-    QLOG(Log, log::Debug, "Too many used connections");
-  }
+  if (waiting_.empty()) return satisfy(destination);
+  QLOG(Log, log::Debug, "Too many used connections");
+  return nullptr;
+}
+
+void HttpConnectionPool::waitForConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
+                                           const ConnectionCallback& callback) {
   waiting_.push_back(Waiting{destination, owner, callback});
 }
 

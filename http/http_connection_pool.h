@@ -35,6 +35,12 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   // released. A waiting request whose `owner` has expired by then is dropped.
   void requestConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
                          const ConnectionCallback& callback);
+  // The same in two steps, for a requester that would rather not make a
+  // callback for the usual case: the connection when one can be had at once,
+  // else null, after which the requester waits with waitForConnection().
+  std::shared_ptr<HttpConnection> tryConnection(const HttpDestination& destination);
+  void waitForConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
+                         const ConnectionCallback& callback);
   // A request of `owner` that still waits is forgotten.
   void withdrawRequest(const WeakLifetimeToken& owner);
   // Every connection handed out comes back here exactly once; the release
