@@ -6,11 +6,15 @@ namespace quorvel {
 
 void findLinkReferences(const MessageHeaders& headers, const StringSection* relations, StringSection* references,
                         std::size_t count) {
+  findLinkReferences(headers, headers.find(LinkField), relations, references, count);
+}
+
+void findLinkReferences(const MessageHeaders& headers, MessageHeaders::FieldIterator firstLink,
+                        const StringSection* relations, StringSection* references, std::size_t count) {
   std::size_t missing = count;
   for (std::size_t i = 0; i < count; ++i) references[i] = StringSection();
-  for (auto field = headers.find("Link"); field != headers.end() && missing > 0;
-       field = headers.findAfter("Link", field)) {
-    if (!field->name.equals("Link")) continue;
+  for (auto field = firstLink; field != headers.end() && missing > 0; field = headers.findAfter(LinkField, field)) {
+    if (!field->name.equals(LinkField)) continue;
     const StringSection value = field->value;
     if (value.empty() || value[0] != '<') continue;
     const std::size_t close = value.find('>');

@@ -20,5 +20,10 @@ std::string findLink(const MessageHeaders& headers, StringSection relation, Stri
 // field has that relation.
 void findLinkReferences(const MessageHeaders& headers, const StringSection* relations, StringSection* references,
                         std::size_t count);
+// The same from the first field named "Link" (end() for none), for a caller
+// that found it in a walk of its own.
+constexpr const char* LinkField = "Link";
+void findLinkReferences(const MessageHeaders& headers, MessageHeaders::FieldIterator firstLink,
+                        const StringSection* relations, StringSection* references, std::size_t count);
 
 }  // namespace quorvel

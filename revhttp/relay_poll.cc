@@ -80,10 +80,14 @@ void RelayPoll::onResponse(uint64_t serial, const std::shared_ptr<WebClientRespo
     fail();
     return;
   }
+  // The type and the first link in one walk.
+  const StringSection wanted[] = {HttpHeader::ContentType, LinkField};
+  MessageHeaders::FieldIterator found[2];
+  headers.findFields(wanted, found, 2);
   if (status == 204) {
     discardBody(response);
   } else {
-    const MessageHeaders::FieldIterator type = headers.find(HttpHeader::ContentType);
+    const MessageHeaders::FieldIterator type = found[0];
     if (type == headers.end() || !type->value.equals("message/http")) {
       QLOG(Log, log::Notice, "Relay response has no or unsupported content type");
       discardBody(response);
@@ -94,7 +98,7 @@ void RelayPoll::onResponse(uint64_t serial, const std::shared_ptr<WebClientRespo
   // Both links in one walk; the reply link only for a relayed request.
   const StringSection relations[] = {"next", "reply"};
   StringSection links[2];
-  findLinkReferences(headers, relations, links, status == 204 ? 1 : 2);
+  findLinkReferences(headers, found[1], relations, links, status == 204 ? 1 : 2);
   if (status != 204) {
     std::shared_ptr<RelayExchange> exchange = obtainExchange();
     active_.push_back(exchange);
