@@ -316,7 +316,7 @@ void MessageHeaders::appendFields(const MessageHeaders& other) {
     for (std::size_t i = 0; i < FramingNames; ++i) {
       if (other.framingAt_[i] != 0 && framingAt_[i] == 0) framingAt_[i] = at + other.framingAt_[i] - other.fieldsStart_;
     }
-    fieldsVerbatim_ = fieldsVerbatim_ && size == 0;
+    // The lines added read as written: this head's own decide.
     return;
   }
   fieldsVerbatim_ = false;

@@ -8,6 +8,8 @@
 
 namespace quorvel {
 
+constexpr const char* LinkField = "Link";
+
 // The relay service steers the device only through Link fields. Each field
 // carries exactly one link, "<reference>; rel=relation" (relation quoted or
 // not); the field name is matched with case and several links or further
@@ -20,9 +22,9 @@ std::string findLink(const MessageHeaders& headers, StringSection relation, Stri
 // field has that relation.
 void findLinkReferences(const MessageHeaders& headers, const StringSection* relations, StringSection* references,
                         std::size_t count);
+
 // The same from the first field named "Link" (end() for none), for a caller
 // that found it in a walk of its own.
-constexpr const char* LinkField = "Link";
 void findLinkReferences(const MessageHeaders& headers, MessageHeaders::FieldIterator firstLink,
                         const StringSection* relations, StringSection* references, std::size_t count);
 

@@ -201,6 +201,11 @@ TEST(MessageHeadersFraming, BuiltCopiedAndReusedHeadsNoteTheFieldsAWalkFinds) {
       for (const auto& field : source) byField.addField(field.name, field.value);
       whole.appendFields(source);
       EXPECT_EQ(wire(byField), wire(whole)) << text;
+      // And on from the copy, as written again.
+      MessageHeaders again = MessageHeaders::response(HttpStatus::Ok);
+      again.appendFields(whole);
+      EXPECT_EQ(wire(byField), wire(again)) << text;
+      expectFramingAsWalked(again, std::string("copied on from ") + text);
       expectFramingAsWalked(whole, std::string("copied after ") + already + " from " + text);
     }
   }
