@@ -54,7 +54,22 @@ struct Cleanup {
 
 thread_local Cleanup cleanup;
 
+// Under the address sanitizer every block comes from the heap and goes back
+// to it: a block kept for reuse would hide a use after its free.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool Pooling = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool Pooling = false;
+#else
+constexpr bool Pooling = true;
+#endif
+#else
+constexpr bool Pooling = true;
+#endif
+
 uint32_t classFor(std::size_t size) {
+  if (!Pooling) return Unpooled;
   std::size_t capacity = std::size_t{1} << SmallestShift;
   for (uint32_t c = 0; c < Classes; ++c, capacity <<= 1) {
     if (size <= capacity) return c;
@@ -63,6 +78,8 @@ uint32_t classFor(std::size_t size) {
 }
 
 }  // namespace
+
+bool keepsBlocks() noexcept { return Pooling; }
 
 void* allocate(std::size_t size) {
   const uint32_t sizeClass = classFor(size);

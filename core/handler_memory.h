@@ -16,6 +16,8 @@ namespace handler_memory {
 
 void* allocate(std::size_t size);
 void deallocate(void* block) noexcept;
+// False in a sanitizer build, where every block goes back to the heap.
+bool keepsBlocks() noexcept;
 
 }  // namespace handler_memory
 
