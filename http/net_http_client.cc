@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "core/handler_memory.h"
 #include "http/net_http_client_request.h"
 #include "http/request_shelf.h"
 #include "http/request_watchdog.h"
@@ -41,7 +42,10 @@ std::shared_ptr<WebClientRequest> NetHttpClient::createRequest(const std::string
     shelf_->put(object);
     throw;
   }
-  const std::shared_ptr<NetHttpClientRequest> request(object, NetHttpClientRequest::HandleRelease());
+  // The handle's count block, made for every request, comes from the loop's
+  // free lists rather than the heap.
+  const std::shared_ptr<NetHttpClientRequest> request(object, NetHttpClientRequest::HandleRelease(),
+                                                      HandlerAllocator<NetHttpClientRequest>());
   request->begin();
   return request;
 }

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "core/handler_memory.h"
 #include "core/log.h"
 #include "http/http_names.h"
 #include "http/net_http_client.h"
@@ -85,7 +86,8 @@ void NetHttpClientRequest::releaseHandle() {
 
 std::shared_ptr<NetHttpClientResponse> NetHttpClientRequest::shareResponse(NetHttpClientResponse& response) {
   ++handles_;
-  return std::shared_ptr<NetHttpClientResponse>(&response, ResponseRelease{this});
+  return std::shared_ptr<NetHttpClientResponse>(&response, ResponseRelease{this},
+                                                HandlerAllocator<NetHttpClientResponse>());
 }
 
 void NetHttpClientRequest::releaseResponse() {

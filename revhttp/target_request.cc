@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "core/handler_memory.h"
 #include "revhttp/target_response.h"
 
 namespace quorvel {
@@ -50,7 +51,8 @@ void TargetRequest::deliverEnd() {
 }
 
 std::shared_ptr<WebResponse> TargetRequest::createResponse(uint32_t statusCode, StringSection reason) {
-  return std::make_shared<TargetResponse>(exchange_, MessageHeaders::response(statusCode, reason));
+  return std::allocate_shared<TargetResponse>(HandlerAllocator<TargetResponse>(), exchange_,
+                                              MessageHeaders::response(statusCode, reason));
 }
 
 }  // namespace quorvel

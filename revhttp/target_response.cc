@@ -2,12 +2,14 @@
 
 #include <utility>
 
+#include "core/handler_memory.h"
+
 namespace quorvel {
 
 constexpr std::size_t TargetResponse::SinkCapacity;
 
 TargetResponse::TargetResponse(const ExchangeRef& exchange, MessageHeaders headers)
-    : exchange_(exchange), headers_(std::move(headers)), sink_(std::make_shared<BodySink>(SinkCapacity)) {
+    : exchange_(exchange), headers_(std::move(headers)), sink_(std::allocate_shared<BodySink>(HandlerAllocator<BodySink>(), SinkCapacity)) {
   const ExchangeRef ref = exchange;
   sink_->setReadyHandler([ref]() { ref.with([](ExchangeLink& link) { link.pumpReply(); }); });
 }
