@@ -369,26 +369,26 @@ TEST_F(NetHttpClientTest, PostBodiesWithLengthAndChunked) {
 // what the producer puts in that turn leaves with it in one write; a head
 // with nothing behind it still goes at the end of the turn.
 TEST_F(NetHttpClientTest, AStreamedHeadLeavesWithWhatItsTurnPuts) {
-  Outcome first;
-  auto warm = start("GET", "/", first);
-  warm->send(nullptr, 0);
-  run();
-  factory->last().deliver(Ok5);
-  run();
+  fetchHello("/");
   FakeSocket& socket = factory->last();
-  socket.sent.clear();
-  socket.sends = 0;
+  // A request on the kept connection, connected before it starts streaming.
+  auto streamOn = [&](const char* path, Outcome& outcome) {
+    socket.sent.clear();
+    socket.sends = 0;
+    auto request = start("POST", path, outcome);
+    run();
+    request->startStreaming();
+    return request;
+  };
+  const std::string head = " HTTP/1.1\r\nHost: example\r\nTransfer-Encoding: chunked\r\n\r\n";
 
   Outcome streamed;
-  auto a = start("POST", "/a", streamed);
-  // Connected before it starts, as a kept connection is.
-  run();
-  a->startStreaming();
+  auto a = streamOn("/a", streamed);
   auto sink = a->bodySink().lock();
   ASSERT_TRUE(sink);
   sink->put(BufferChainPtr(testing::chainOf(*pool, "hello")));
   run();
-  EXPECT_EQ("POST /a HTTP/1.1\r\nHost: example\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello", socket.sent);
+  EXPECT_EQ("POST /a" + head + "5\r\nhello", socket.sent);
   EXPECT_EQ(1, socket.sends);
   sink->end();
   run();
@@ -396,15 +396,11 @@ TEST_F(NetHttpClientTest, AStreamedHeadLeavesWithWhatItsTurnPuts) {
   socket.deliver(Ok5);
   run();
   EXPECT_EQ(streamed.code, Success);
-  socket.sent.clear();
-  socket.sends = 0;
 
   Outcome quiet;
-  auto b = start("POST", "/b", quiet);
+  auto b = streamOn("/b", quiet);
   run();
-  b->startStreaming();
-  run();
-  EXPECT_EQ("POST /b HTTP/1.1\r\nHost: example\r\nTransfer-Encoding: chunked\r\n\r\n", socket.sent);
+  EXPECT_EQ("POST /b" + head, socket.sent);
   EXPECT_EQ(1, socket.sends);
   b->bodySink().lock()->end();
   run();
