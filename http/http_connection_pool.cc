@@ -23,15 +23,6 @@ HttpConnectionPool::~HttpConnectionPool() {
   for (const auto& connection : used_) connection->close();
 }
 
-void HttpConnectionPool::requestConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
-                                           const ConnectionCallback& callback) {
-  if (std::shared_ptr<HttpConnection> connection = tryConnection(destination)) {
-    if (callback) callback(connection);
-    return;
-  }
-  waitForConnection(destination, owner, callback);
-}
-
 std::shared_ptr<HttpConnection> HttpConnectionPool::tryConnection(const HttpDestination& destination) {
   QLOG(Log, log::Debug, "Request for connection to %s", destination.text());
   waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),

@@ -31,13 +31,10 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   HttpConnectionPool(const HttpConnectionPool&) = delete;
   HttpConnectionPool& operator=(const HttpConnectionPool&) = delete;
 
-  // Calls back at once when a connection can be had, otherwise when one is
-  // released. A waiting request whose `owner` has expired by then is dropped.
-  void requestConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
-                         const ConnectionCallback& callback);
-  // The same in two steps, for a requester that would rather not make a
-  // callback for the usual case: the connection when one can be had at once,
-  // else null, after which the requester waits with waitForConnection().
+  // The connection when one can be had at once, with no callback made for
+  // that usual case; else null, and the requester waits with
+  // waitForConnection(): called back when one is released. A waiting
+  // request whose `owner` has expired by then is dropped.
   std::shared_ptr<HttpConnection> tryConnection(const HttpDestination& destination);
   void waitForConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
                          const ConnectionCallback& callback);

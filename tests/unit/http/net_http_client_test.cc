@@ -264,10 +264,8 @@ TEST_F(NetHttpClientTest, ReleasesRunLaterInTheirOrder) {
   factory->last().deliver(Ok5);
   const std::shared_ptr<HttpConnectionPool>& connections = client->plainPool();
   ASSERT_EQ(1u, connections->freeCount());
-  std::shared_ptr<HttpConnection> taken;
-  const LifetimeToken owner = makeLifetimeToken();
-  connections->requestConnection(HttpDestination{"example", {SocketAddress(AF_INET, "192.0.2.1", 80)}}, owner,
-                                 [&taken](const std::shared_ptr<HttpConnection>& c) { taken = c; });
+  const std::shared_ptr<HttpConnection> taken =
+      connections->tryConnection(HttpDestination{"example", {SocketAddress(AF_INET, "192.0.2.1", 80)}});
   ASSERT_TRUE(taken && taken->isOpen());
   connections->releaseConnection(taken, true);
   EXPECT_EQ(2u, connections->usedCount());
