@@ -2,22 +2,19 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <vector>
 
-#include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/ssl/error.hpp>
-#include <boost/asio/write.hpp>
-#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
 #include "core/handler_memory.h"
 #include "core/log.h"
 #include "net/asio_socket.h"
+#include "net/socket_bio.h"
+#include "net/tls_outcome.h"
 
 namespace quorvel {
 namespace {
@@ -27,152 +24,149 @@ const log::Log Log("asiossl");
 using boost::asio::ip::tcp;
 using boost::system::error_code;
 
+using Transfer = std::unique_ptr<SslTransfer>;
+using StatePtr = std::shared_ptr<SslSocketState>;
+// The next try of an operation; `withinCall` is true while send() or
+// receive() is still on the stack.
+using Step = void (*)(const StatePtr&, Transfer, bool withinCall);
+
 bool isIpLiteral(const std::string& host) {
   unsigned char address[16];
   return inet_pton(AF_INET, host.c_str(), address) == 1 || inet_pton(AF_INET6, host.c_str(), address) == 1;
 }
 
-bool isSslCategory(const error_code& error) { return error.category() == boost::asio::error::get_ssl_category(); }
-
-// The OpenSSL reason of a library error, e.g. "certificate verify failed".
-std::string reasonText(const error_code& error) {
-  const char* reason = ERR_reason_error_string(static_cast<unsigned long>(error.value()));
-  return reason ? reason : error.message();
+tcp::socket::wait_type waitFor(const TlsOutcome& outcome) {
+  return outcome.sslError == SSL_ERROR_WANT_READ ? tcp::socket::wait_read : tcp::socket::wait_write;
 }
 
-int verifyFailureCode(long result) {
-  switch (result) {
-    case X509_V_ERR_HOSTNAME_MISMATCH:
-    case X509_V_ERR_IP_ADDRESS_MISMATCH:
-      return SslHostNameMismatch;
-    case X509_V_ERR_CERT_HAS_EXPIRED:
-      return SslCertificateExpired;
-    case X509_V_ERR_CERT_NOT_YET_VALID:
-      return SslCertificateNotYetValid;
-    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
-    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
-    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
-    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
-    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
-      return SslUntrustedCertificate;
-  }
-  return SslCertificateRejected;
+void finish(const StatePtr& state, Transfer transfer, int error, std::size_t bytes) {
+  if (transfer->callback) transfer->callback(error, bytes);
+  state->giveBack(std::move(transfer));
 }
 
-struct Failure {
-  int code;
-  std::string reason;
-};
+// A completion found within send() or receive() is posted: a callback never
+// runs inside the call that started it.
+void complete(const StatePtr& state, Transfer transfer, int error, std::size_t bytes, bool withinCall) {
+  if (!withinCall) return finish(state, std::move(transfer), error, bytes);
+  boost::asio::post(state->socket.get_executor(),
+                    pooled([state, transfer = std::move(transfer), error, bytes]() mutable {
+                      finish(state, std::move(transfer), error, bytes);
+                    }));
+}
 
-Failure handshakeFailure(SslSocketState& state, const error_code& error) {
-  if (state.closed) return {ECANCELED, "cancelled"};
-  SSL* ssl = state.stream.native_handle();
-  if (error.category() == boost::system::system_category()) return {error.value(), error.message()};
-  if (!isSslCategory(error)) {
-    // End of stream or a cut connection before the handshake finished.
-    return {SslHandshakeFailed, "connection closed during handshake (" + error.message() + ")"};
-  }
-  const std::string reason = reasonText(error);
-  switch (ERR_GET_REASON(static_cast<unsigned long>(error.value()))) {
-    case SSL_R_CERTIFICATE_VERIFY_FAILED: {
-      const long result = SSL_get_verify_result(ssl);
-      if (result == X509_V_OK) return {SslCertificateRejected, reason};
-      return {verifyFailureCode(result), reason + ": " + X509_verify_cert_error_string(result)};
+// Waits until the socket can do what OpenSSL asked for, then tries again.
+// Asked only after the socket said EAGAIN, as edge-triggered readiness needs.
+void await(const StatePtr& state, Transfer transfer, const TlsOutcome& outcome, Step next) {
+  state->socket.async_wait(waitFor(outcome),
+                           pooled([state, transfer = std::move(transfer), next](const error_code& error) mutable {
+                             if (!error && !state->closed) return next(state, std::move(transfer), false);
+                             const int code = state->closed ? ECANCELED : asio_detail::errorNumber(error);
+                             const std::size_t done = transfer->done;
+                             finish(state, std::move(transfer), code, done);
+                           }));
+}
+
+void continueWrite(const StatePtr& state, Transfer write, bool withinCall) {
+  while (write->done < write->size) {
+    const std::size_t done = write->done;
+    if (state->closed) return complete(state, std::move(write), ECANCELED, done, withinCall);
+    dropStaleTlsErrors();
+    std::size_t written = 0;
+    const int result = SSL_write_ex(state->ssl, write->data + done, write->size - done, &written);
+    if (result == 1) {
+      write->done += written;
+      continue;
     }
-    case SSL_R_UNSUPPORTED_PROTOCOL:
-    case SSL_R_TLSV1_ALERT_PROTOCOL_VERSION:
-    case SSL_R_VERSION_TOO_LOW:
-    case SSL_R_NO_PROTOCOLS_AVAILABLE:
-      return {SslProtocolVersion, reason};
+    const TlsOutcome outcome = tlsOutcomeOf(state->ssl, result);
+    if (tlsWantsSocket(outcome)) return await(state, std::move(write), outcome, continueWrite);
+    // An ended stream takes nothing more either.
+    const int error = transferFailure(outcome, "Send", state->hostName);
+    return complete(state, std::move(write), error ? error : EPIPE, done, withinCall);
   }
-  return {SslHandshakeFailed, reason};
+  const std::size_t done = write->done;
+  complete(state, std::move(write), 0, done, withinCall);
 }
 
-// For transfers on an established connection. The peer's close_notify and a
-// connection that ends without one are both plain end of stream: callers
-// rely on their own framing, as over TCP.
-int transferError(const SslSocketState& state, const error_code& error) {
-  if (!error) return 0;
-  if (state.closed) return ECANCELED;
-  if (error == boost::asio::ssl::error::stream_truncated) return 0;
-  if (isSslCategory(error)) return SslStreamError;
-  return asio_detail::errorNumber(error);
+// A TLS read fills one buffer; what is left of a record already decrypted,
+// or already read ahead from the socket, then goes into the following
+// buffers without waiting.
+void continueRead(const StatePtr& state, Transfer read, bool withinCall) {
+  if (state->closed) return complete(state, std::move(read), ECANCELED, 0, withinCall);
+  Buffer* buffer = read->into;
+  if (!buffer) return complete(state, std::move(read), 0, 0, withinCall);
+  dropStaleTlsErrors();
+  std::size_t bytes = 0;
+  const int result = SSL_read_ex(state->ssl, buffer->data(), buffer->length, &bytes);
+  if (result != 1) {
+    const TlsOutcome outcome = tlsOutcomeOf(state->ssl, result);
+    if (tlsWantsSocket(outcome)) return await(state, std::move(read), outcome, continueRead);
+    return complete(state, std::move(read), transferFailure(outcome, "Receive", state->hostName), 0, withinCall);
+  }
+  std::size_t offset = bytes;
+  while (buffer && SSL_has_pending(state->ssl)) {
+    if (offset == buffer->length) {
+      buffer = buffer->next;
+      offset = 0;
+      continue;
+    }
+    std::size_t got = 0;
+    if (SSL_read_ex(state->ssl, buffer->data() + offset, buffer->length - offset, &got) != 1) {
+      // Part of a record, or a failure that the next read reports.
+      dropStaleTlsErrors();
+      break;
+    }
+    offset += got;
+    bytes += got;
+  }
+  complete(state, std::move(read), 0, bytes, withinCall);
 }
 
-// An end of stream without close_notify (stream_truncated) is in asio's
-// stream category, not OpenSSL's, so it never makes a line here.
-void logTransferFailure(const SslSocketState& state, const char* operation, const error_code& error) {
-  if (!state.closed && isSslCategory(error)) {
-    QLOG(Log, log::Info, "%s on the connection to %s failed: %s", operation, state.hostName, reasonText(error));
+void continueHandshake(const StatePtr& state, const SocketAddress& address,
+                       const AsyncSocket::ConnectCallback& callback) {
+  if (!state->closed) {
+    dropStaleTlsErrors();
+    const int result = SSL_do_handshake(state->ssl);
+    if (result == 1) {
+      QLOG(Log, log::Debug, "TLS connection to %s (%s) established: %s, %s", state->hostName, address.toString(),
+           SSL_get_version(state->ssl), SSL_get_cipher_name(state->ssl));
+      if (callback) callback(0);
+      return;
+    }
+    const TlsOutcome outcome = tlsOutcomeOf(state->ssl, result);
+    if (tlsWantsSocket(outcome)) {
+      state->socket.async_wait(waitFor(outcome), [state, address, callback](const error_code& error) {
+        if (!error || state->closed) return continueHandshake(state, address, callback);
+        QLOG(Log, log::Warning, "TLS handshake with %s (%s) failed: %s", state->hostName, address.toString(),
+             error.message());
+        if (callback) callback(asio_detail::errorNumber(error));
+      });
+      return;
+    }
+    if (!state->closed) {
+      const TlsFailure failure = handshakeFailure(state->ssl, outcome);
+      QLOG(Log, log::Warning, "TLS handshake with %s (%s) failed: %s", state->hostName, address.toString(),
+           failure.reason);
+      if (callback) callback(failure.code);
+      return;
+    }
   }
+  QLOG(Log, log::Debug, "TLS handshake with %s (%s) cancelled", state->hostName, address.toString());
+  if (callback) callback(ECANCELED);
 }
 
 }  // namespace
 
-AsioSslSocket::AsioSslSocket(std::shared_ptr<AsioReactor> reactor, std::shared_ptr<SslSocketState> state,
-                             bool verify)
-    : reactor_(std::move(reactor)), state_(std::move(state)), verify_(verify) {}
-
-void AsioSslSocket::setHostName(const std::string& hostName) {
-  std::string host = hostName;
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  state_->hostName = host;
+SslSocketState::SslSocketState(boost::asio::io_context& io, std::shared_ptr<boost::asio::ssl::context> sslContext)
+    : context(std::move(sslContext)), socket(io), ssl(SSL_new(context->native_handle())) {
+  if (!ssl) throw std::runtime_error("Failed to create a TLS connection object");
+  // A write goes out a record at a time, and what is left is passed again
+  // once the socket has room.
+  SSL_set_mode(ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  // A read takes what the socket has, so a record costs one system call.
+  SSL_set_read_ahead(ssl, 1);
 }
 
-void AsioSslSocket::bind(const SocketAddress& address) { asio_detail::bind(state_->stream.next_layer(), address); }
-
-void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback& callback) {
-  auto state = state_;
-  const std::string& host = state->hostName;
-  SSL* ssl = state->stream.native_handle();
-  const bool literal = isIpLiteral(host);
-  if (verify_) {
-    // Without a name (or with one OpenSSL cannot take) any certificate from
-    // the trusted authorities would pass: refuse rather than connect.
-    X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
-    X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-    const bool named = !host.empty() && (literal ? X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str())
-                                                 : X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size())) == 1;
-    if (!named) {
-      QLOG(Log, log::Warning, "Refusing to connect to %s: no usable host name to verify the server against ('%s')",
-           address.toString(), host);
-      boost::asio::post(state->stream.get_executor(), [state, callback] {
-        if (callback) callback(SslNoHostName);
-      });
-      return;
-    }
-  }
-  // Server name indication carries names only, never address literals.
-  if (!host.empty() && !literal) SSL_set_tlsext_host_name(ssl, host.c_str());
-
-  state->stream.next_layer().async_connect(
-      asio_detail::toEndpoint<tcp::endpoint>(address), [state, address, callback](const error_code& error) {
-        if (error) {
-          QLOG(Log, log::Debug, "TCP connection to %s (%s) failed: %s", state->hostName, address.toString(),
-               error.message());
-          if (callback) callback(state->closed ? ECANCELED : asio_detail::errorNumber(error));
-          return;
-        }
-        state->stream.async_handshake(
-            boost::asio::ssl::stream_base::client, [state, address, callback](const error_code& error) {
-              if (!error) {
-                SSL* ssl = state->stream.native_handle();
-                QLOG(Log, log::Debug, "TLS connection to %s (%s) established: %s, %s", state->hostName,
-                     address.toString(), SSL_get_version(ssl), SSL_get_cipher_name(ssl));
-                if (callback) callback(0);
-                return;
-              }
-              const Failure failure = handshakeFailure(*state, error);
-              if (failure.code == ECANCELED) {
-                QLOG(Log, log::Debug, "TLS handshake with %s (%s) cancelled", state->hostName, address.toString());
-              } else {
-                QLOG(Log, log::Warning, "TLS handshake with %s (%s) failed: %s", state->hostName,
-                     address.toString(), failure.reason);
-              }
-              if (callback) callback(failure.code);
-            });
-      });
-}
+SslSocketState::~SslSocketState() { SSL_free(ssl); }
 
 std::unique_ptr<SslTransfer> SslSocketState::takeTransfer(const BufferChainPtr& buffers,
                                                           const AsyncSocket::TransferCallback& callback) {
@@ -185,6 +179,7 @@ std::unique_ptr<SslTransfer> SslSocketState::takeTransfer(const BufferChainPtr& 
   }
   transfer->buffers = buffers;
   transfer->callback = callback;
+  transfer->done = 0;
   return transfer;
 }
 
@@ -194,21 +189,79 @@ void SslSocketState::giveBack(std::unique_ptr<SslTransfer> transfer) {
   spares.push_back(std::move(transfer));
 }
 
+AsioSslSocket::AsioSslSocket(std::shared_ptr<AsioReactor> reactor, std::shared_ptr<SslSocketState> state,
+                             bool verify)
+    : reactor_(std::move(reactor)), state_(std::move(state)), verify_(verify) {}
+
+void AsioSslSocket::setHostName(const std::string& hostName) {
+  std::string host = hostName;
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  state_->hostName = host;
+}
+
+void AsioSslSocket::bind(const SocketAddress& address) { asio_detail::bind(state_->socket, address); }
+
+void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback& callback) {
+  auto state = state_;
+  const std::string& host = state->hostName;
+  SSL* ssl = state->ssl;
+  const bool literal = isIpLiteral(host);
+  if (verify_) {
+    // Without a name (or with one OpenSSL cannot take) any certificate from
+    // the trusted authorities would pass: refuse rather than connect.
+    X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
+    X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    const bool named = !host.empty() && (literal ? X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str())
+                                                 : X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size())) == 1;
+    if (!named) {
+      QLOG(Log, log::Warning, "Refusing to connect to %s: no usable host name to verify the server against ('%s')",
+           address.toString(), host);
+      boost::asio::post(state->socket.get_executor(), [state, callback] {
+        if (callback) callback(SslNoHostName);
+      });
+      return;
+    }
+  }
+  // Server name indication carries names only, never address literals.
+  if (!host.empty() && !literal) SSL_set_tlsext_host_name(ssl, host.c_str());
+
+  state->socket.async_connect(
+      asio_detail::toEndpoint<tcp::endpoint>(address), [state, address, callback](const error_code& error) {
+        if (error) {
+          QLOG(Log, log::Debug, "TCP connection to %s (%s) failed: %s", state->hostName, address.toString(),
+               error.message());
+          if (callback) callback(state->closed ? ECANCELED : asio_detail::errorNumber(error));
+          return;
+        }
+        if (!state->closed) {
+          // OpenSSL reads and writes the socket itself; asio only says when
+          // it is ready.
+          BIO* bio = newSocketBio(state->socket.native_handle());
+          if (!bio) {
+            if (callback) callback(ENOMEM);
+            return;
+          }
+          error_code ignored;
+          state->socket.non_blocking(true, ignored);
+          SSL_set_bio(state->ssl, bio, bio);
+          SSL_set_connect_state(state->ssl);
+        }
+        continueHandshake(state, address, callback);
+      });
+}
+
 void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& callback) {
   // Every write becomes at least one TLS record, so a chain of small buffers
-  // is gathered first rather than sent as a record per buffer. The write's
-  // own block holds all it needs, so the handler that asio moves from layer
-  // to layer carries two pointers and no Delegate.
-  auto state = state_;
-  std::unique_ptr<SslTransfer> write = state->takeTransfer(buffers, callback);
+  // is gathered first rather than sent as a record per buffer.
+  std::unique_ptr<SslTransfer> write = state_->takeTransfer(buffers, callback);
   std::size_t total = 0;
   std::size_t count = 0;
-  boost::asio::const_buffer whole;
+  write->data = nullptr;
   if (buffers) {
     for (Buffer* b = buffers.chain().first(); b; b = b->next) {
       total += b->length;
       ++count;
-      whole = boost::asio::const_buffer(b->data(), b->length);
+      write->data = reinterpret_cast<const char*>(b->data());
     }
   }
   if (count > 1) {
@@ -218,19 +271,10 @@ void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& 
       const char* data = reinterpret_cast<const char*>(b->data());
       write->gathered.insert(write->gathered.end(), data, data + b->length);
     }
-    whole = boost::asio::buffer(write->gathered);
+    write->data = write->gathered.data();
   }
-  boost::asio::async_write(
-      state->stream, whole,
-      pooled([state, write = std::move(write), total](const error_code& error, std::size_t bytes) mutable {
-        logTransferFailure(*state, "Send", error);
-        // A stream whose handshake failed takes nothing and says nothing:
-        // the write ends short without an error.
-        int code = transferError(*state, error);
-        if (!code && bytes < total) code = SslStreamError;
-        if (write->callback) write->callback(code, bytes);
-        state->giveBack(std::move(write));
-      }));
+  write->size = total;
+  continueWrite(state_, std::move(write), true);
 }
 
 void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) {
@@ -238,45 +282,13 @@ void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const Tr
 }
 
 void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallback& callback) {
-  // A TLS read fills one buffer; what is left of the record already
-  // decrypted is then taken into the following buffers without waiting.
-  // The read's own block holds all it needs, so the handler that asio moves
-  // from layer to layer carries two pointers and no Delegate.
-  auto state = state_;
-  std::unique_ptr<SslTransfer> read = state->takeTransfer(buffers, callback);
-  // The stream reads into the first buffer that has room and nothing more, so
-  // it is given that one alone, and the chain is walked only as far as the
-  // record fills it.
+  std::unique_ptr<SslTransfer> read = state_->takeTransfer(buffers, callback);
+  // A read into no room at all would complete with nothing, which a reader
+  // takes for the end of the stream: a chain's empty buffers are passed over.
   Buffer* first = buffers ? buffers.chain().first() : nullptr;
   while (first && first->length == 0) first = first->next;
-  const boost::asio::mutable_buffer piece =
-      first ? boost::asio::mutable_buffer(first->data(), first->length) : boost::asio::mutable_buffer();
-  state->stream.async_read_some(
-      piece, pooled([state, read = std::move(read), first](const error_code& error, std::size_t bytes) mutable {
-        if (error) {
-          logTransferFailure(*state, "Receive", error);
-          if (read->callback) read->callback(transferError(*state, error), bytes);
-          state->giveBack(std::move(read));
-          return;
-        }
-        SSL* ssl = state->stream.native_handle();
-        Buffer* buffer = first;
-        std::size_t offset = bytes;
-        while (buffer && SSL_pending(ssl) > 0) {
-          if (offset == buffer->length) {
-            buffer = buffer->next;
-            offset = 0;
-            continue;
-          }
-          const int room = static_cast<int>(std::min<std::size_t>(buffer->length - offset, 1 << 30));
-          const int got = SSL_read(ssl, reinterpret_cast<char*>(buffer->data()) + offset, room);
-          if (got <= 0) break;
-          offset += static_cast<std::size_t>(got);
-          bytes += static_cast<std::size_t>(got);
-        }
-        if (read->callback) read->callback(0, bytes);
-        state->giveBack(std::move(read));
-      }));
+  read->into = first;
+  continueRead(state_, std::move(read), true);
 }
 
 void AsioSslSocket::receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) {
@@ -284,22 +296,20 @@ void AsioSslSocket::receiveFrom(const BufferChainPtr&, const ReceiveFromCallback
 }
 
 void AsioSslSocket::setOption(int level, int name, const void* value, std::size_t length) {
-  asio_detail::setOption(state_->stream.next_layer().native_handle(), level, name, value, length);
+  asio_detail::setOption(state_->socket.native_handle(), level, name, value, length);
 }
 
 void AsioSslSocket::getOption(int level, int name, void* value, std::size_t& length) {
-  asio_detail::getOption(state_->stream.next_layer().native_handle(), level, name, value, length);
+  asio_detail::getOption(state_->socket.native_handle(), level, name, value, length);
 }
 
-SocketAddress AsioSslSocket::localAddress() const { return asio_detail::localAddress(state_->stream.next_layer()); }
+SocketAddress AsioSslSocket::localAddress() const { return asio_detail::localAddress(state_->socket); }
 
-SocketAddress AsioSslSocket::remoteAddress() const {
-  return asio_detail::remoteAddress(state_->stream.next_layer());
-}
+SocketAddress AsioSslSocket::remoteAddress() const { return asio_detail::remoteAddress(state_->socket); }
 
 void AsioSslSocket::close() {
   state_->closed = true;
-  asio_detail::cancelAndClose(state_->stream.next_layer());
+  asio_detail::cancelAndClose(state_->socket);
 }
 
 }  // namespace quorvel

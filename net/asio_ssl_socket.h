@@ -6,7 +6,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
-#include <boost/asio/ssl/stream.hpp>
+#include <openssl/ssl.h>
 
 #include "core/asio_reactor.h"
 #include "net/ssl_socket.h"
@@ -20,20 +20,28 @@ struct SslTransfer {
   AsyncSocket::TransferCallback callback;
   // A write of several pieces is gathered here.
   std::vector<char> gathered;
+  // A write's bytes and how far it has got.
+  const char* data = nullptr;
+  std::size_t size = 0;
+  std::size_t done = 0;
+  // The buffer a read fills first.
+  Buffer* into = nullptr;
 };
 
-// What outstanding operations keep alive. The context goes with the stream
-// because the stream's OpenSSL object refers to it.
+// What outstanding operations keep alive. The context goes with the
+// connection because its OpenSSL object refers to it.
 struct SslSocketState {
-  SslSocketState(boost::asio::io_context& io, std::shared_ptr<boost::asio::ssl::context> sslContext)
-      : context(std::move(sslContext)), stream(io, *context) {}
+  SslSocketState(boost::asio::io_context& io, std::shared_ptr<boost::asio::ssl::context> sslContext);
+  ~SslSocketState();
+  SslSocketState(const SslSocketState&) = delete;
+  SslSocketState& operator=(const SslSocketState&) = delete;
 
   std::shared_ptr<boost::asio::ssl::context> context;
-  boost::asio::ssl::stream<boost::asio::ip::tcp::socket> stream;
+  boost::asio::ip::tcp::socket socket;
+  SSL* ssl;
   std::string hostName;
-  // Set by close(): a TLS operation may go on to the socket after close (to
-  // read the rest of a record), where it fails as EBADF rather than as
-  // cancelled.
+  // Set by close(): from then on nothing touches the TLS object, whose
+  // descriptor number may already belong to another socket.
   bool closed = false;
   std::vector<std::unique_ptr<SslTransfer>> spares;
 

@@ -57,7 +57,7 @@ std::shared_ptr<AsyncSocket> AsioSslSocketFactory::createSocket(int family, int 
   checkStreamArguments(family, type, protocol, "Unsupported protocol");
   auto state = std::make_shared<SslSocketState>(reactor_->ioContext(), context_);
   boost::system::error_code error;
-  state->stream.next_layer().open(family == AF_INET ? tcp::v4() : tcp::v6(), error);
+  state->socket.open(family == AF_INET ? tcp::v4() : tcp::v6(), error);
   if (error) asio_detail::throwSocketError("open", error);
   return std::make_shared<AsioSslSocket>(reactor_, state, verify_);
 }

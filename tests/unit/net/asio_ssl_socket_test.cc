@@ -336,6 +336,72 @@ TEST_F(AsioSslSocketTest, LargeTransferIsByteExact) {
   EXPECT_EQ(server.applicationBytes(), data.size());
 }
 
+// A record is decrypted whole but read out in small pieces: the pieces left
+// in the TLS layer must come without waiting for the socket, which has
+// nothing more. Callbacks never run inside the call that started them, even
+// when the bytes are already there.
+TEST_F(AsioSslSocketTest, SmallReadsEmptyARecordWithoutNewTrafficAndCallbacksComeLater) {
+  const std::string greeting = "first;second;third;";
+  TlsTestServer server(serving("trusted.pem", TlsTestServer::After::Echo, greeting));
+  auto client = clientFor("localhost");
+  ASSERT_EQ(connect(*client, loopback(server)), 0);
+  BufferChainPtr piece(pool_.allocate(4));
+  ASSERT_EQ(piece.chain().first()->next, nullptr);
+  std::string received;
+  bool inCall = false;
+  int reads = 0;
+  std::function<void(int, std::size_t)> onRead = [&](int error, std::size_t bytes) {
+    EXPECT_FALSE(inCall);
+    ++reads;
+    if (error != 0 || bytes == 0) return stop();
+    received += firstBytes(piece, bytes);
+    if (received.size() >= greeting.size()) return stop();
+    inCall = true;
+    client->receive(piece, onRead);
+    inCall = false;
+  };
+  inCall = true;
+  client->receive(piece, onRead);
+  inCall = false;
+  run();
+  EXPECT_EQ(received, greeting);
+  EXPECT_EQ(reads, 5);
+
+  bool sentLater = false;
+  inCall = true;
+  client->send(chainOf("ping"), [&](int error, std::size_t bytes) {
+    EXPECT_FALSE(inCall);
+    sentLater = error == 0 && bytes == 4;
+    stop();
+  });
+  inCall = false;
+  run();
+  EXPECT_TRUE(sentLater);
+  client->close();
+}
+
+// Writing to a peer that has gone away fails that write; it must not raise
+// SIGPIPE, whose default action would end the whole process (this one too).
+TEST_F(AsioSslSocketTest, WritingToAVanishedPeerFailsTheWriteOnly) {
+  TlsTestServer server(serving("trusted.pem", TlsTestServer::After::Cut, "bye"));
+  auto client = clientFor("localhost");
+  ASSERT_EQ(connect(*client, loopback(server)), 0);
+  // Nothing is read, so only the socket can tell that the peer is gone. The
+  // first write may still be taken by the kernel; the reset it draws makes a
+  // later one fail.
+  server.finish();
+  int error = 0;
+  for (int attempt = 0; attempt < 5 && error == 0; ++attempt) {
+    client->send(chainOf(std::string(1000, 'x')), [&](int e, std::size_t) {
+      error = e;
+      stop();
+    });
+    run();
+  }
+  EXPECT_TRUE(error == EPIPE || error == ECONNRESET) << socketErrorText(error);
+  client->close();
+}
+
 TEST_F(AsioSslSocketTest, PeerCloseIsEndOfStreamWithOrWithoutCloseNotify) {
   for (auto after : {TlsTestServer::After::CloseNotify, TlsTestServer::After::Cut}) {
     TlsTestServer server(serving("trusted.pem", after, "bye"));

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <openssl/bio.h>
+
+namespace quorvel {
+
+// A BIO over a connected, non-blocking socket that someone else owns: the
+// TLS layer reads and writes the socket itself, with no buffer pair between.
+// Unlike OpenSSL's own socket BIO it sends with MSG_NOSIGNAL, so a peer that
+// resets the connection ends in an error for that connection, not in SIGPIPE
+// for the whole process. Freeing the BIO leaves the socket open.
+BIO* newSocketBio(int fd);
+
+}  // namespace quorvel
