@@ -32,7 +32,7 @@ BufferPool::BufferPool(std::size_t bufferSize, unsigned initialPartitions, unsig
     throw std::invalid_argument("initialPartitions > maxPartitions");
   }
   if (initialPartitions > 0) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<YieldingLock> guard(lock_);
     grow(initialPartitions);
   }
 }
@@ -76,7 +76,7 @@ BufferChain BufferPool::allocate(std::size_t size) {
   // One look at the level for the lines of a whole allocation.
   const bool debug = Log.isEnabled(log::Debug);
   if (debug) QLOG(Log, log::Debug, "allocate(%u)", size);
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<YieldingLock> guard(lock_);
   const std::size_t wanted = (size + bufferSize_ - 1) / bufferSize_;
   if (wanted == 0) return BufferChain();
   if (wanted > 0xffffffffu) return BufferChain();
@@ -143,7 +143,7 @@ void BufferPool::layOutFresh() {
 
 void BufferPool::release(Buffer* buffer) {
   if (!buffer) return;
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<YieldingLock> guard(lock_);
   QLOG(Log, log::Spam, "  Releasing block 0x%x", reinterpret_cast<uintptr_t>(buffer));
   buffer->deleter = nullptr;
   buffer->next = freeList_;
@@ -154,7 +154,7 @@ void BufferPool::release(Buffer* buffer) {
 
 Buffer* BufferPool::releaseRun(Buffer* first) {
   const bool spam = Log.isEnabled(log::Spam);
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<YieldingLock> guard(lock_);
   Buffer* buffer = first;
   while (buffer && buffer->deleter == this) {
     Buffer* const next = buffer->next;
@@ -170,7 +170,7 @@ Buffer* BufferPool::releaseRun(Buffer* first) {
 }
 
 void BufferPool::setInUseObserver(const Delegate<void(unsigned)>& observer) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<YieldingLock> guard(lock_);
   inUseObserver_ = observer;
 }
 
@@ -179,12 +179,12 @@ void BufferPool::publish() {
 }
 
 unsigned BufferPool::totalBuffers() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<YieldingLock> guard(lock_);
   return total_;
 }
 
 unsigned BufferPool::freeBuffers() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<YieldingLock> guard(lock_);
   return freeCount_;
 }
 

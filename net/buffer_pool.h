@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "core/delegate.h"
+#include "core/yielding_lock.h"
 #include "net/buffer_chain.h"
 
 namespace quorvel {
@@ -12,7 +13,7 @@ namespace quorvel {
 // The process-wide source of payload buffers, shared by every thread.
 // Buffers are carved out of large zero-filled blocks (32, then 64, 128 ... at a
 // time) so that allocation is a free-list pop and release a push under one
-// mutex; blocks go back to the system only when the pool is destroyed, so the
+// lock; blocks go back to the system only when the pool is destroyed, so the
 // pool must outlive every chain it handed out.
 class BufferPool : public BufferChainAllocator, public BufferDeleter {
  public:
@@ -67,7 +68,7 @@ class BufferPool : public BufferChainAllocator, public BufferDeleter {
   std::size_t freshIndex_ = 0;
   Buffer* olderFree_ = nullptr;
   unsigned freeCount_ = 0;
-  mutable std::mutex mutex_;
+  mutable YieldingLock lock_;
   Delegate<void(unsigned)> inUseObserver_;
 };
 
