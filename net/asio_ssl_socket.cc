@@ -39,6 +39,10 @@ tcp::socket::wait_type waitFor(const TlsOutcome& outcome) {
   return outcome.sslError == SSL_ERROR_WANT_READ ? tcp::socket::wait_read : tcp::socket::wait_write;
 }
 
+// Holding no bytes and no close_notify from the peer. (A failed connection
+// never gets here: its failure is kept and reported first.)
+bool quietTls(SSL* ssl) { return SSL_get_shutdown(ssl) == 0 && !SSL_has_pending(ssl); }
+
 void finish(const StatePtr& state, Transfer transfer, int error, std::size_t bytes) {
   if (transfer->callback) transfer->callback(error, bytes);
   state->giveBack(std::move(transfer));
@@ -92,15 +96,24 @@ void continueWrite(const StatePtr& state, Transfer write, bool withinCall) {
 // buffers without waiting.
 void continueRead(const StatePtr& state, Transfer read, bool withinCall) {
   if (state->closed) return complete(state, std::move(read), ECANCELED, 0, withinCall);
+  if (state->failure) return complete(state, std::move(read), state->failure, 0, withinCall);
   Buffer* buffer = read->into;
   if (!buffer) return complete(state, std::move(read), 0, 0, withinCall);
+  // A read started while the answer is still on its way is the usual case:
+  // one look at the socket spares a TLS read that would only fail after all
+  // its bookkeeping. A TLS layer that holds bytes or has seen the peer's
+  // close_notify answers without the socket, and must be asked.
+  if (withinCall && quietTls(state->ssl) && socketIsDry(state->socket.native_handle())) {
+    return await(state, std::move(read), TlsOutcome{SSL_ERROR_WANT_READ, 0, 0}, continueRead);
+  }
   dropStaleTlsErrors();
   std::size_t bytes = 0;
   const int result = SSL_read_ex(state->ssl, buffer->data(), buffer->length, &bytes);
   if (result != 1) {
     const TlsOutcome outcome = tlsOutcomeOf(state->ssl, result);
     if (tlsWantsSocket(outcome)) return await(state, std::move(read), outcome, continueRead);
-    return complete(state, std::move(read), transferFailure(outcome, "Receive", state->hostName), 0, withinCall);
+    state->failure = transferFailure(outcome, "Receive", state->hostName);
+    return complete(state, std::move(read), state->failure, 0, withinCall);
   }
   std::size_t offset = bytes;
   while (buffer && SSL_has_pending(state->ssl)) {
@@ -110,9 +123,12 @@ void continueRead(const StatePtr& state, Transfer read, bool withinCall) {
       continue;
     }
     std::size_t got = 0;
-    if (SSL_read_ex(state->ssl, buffer->data() + offset, buffer->length - offset, &got) != 1) {
-      // Part of a record, or a failure that the next read reports.
-      dropStaleTlsErrors();
+    const int more = SSL_read_ex(state->ssl, buffer->data() + offset, buffer->length - offset, &got);
+    if (more != 1) {
+      // Part of a record, the end of the stream (which the next read finds
+      // again), or a failure, which the next read reports.
+      const TlsOutcome outcome = tlsOutcomeOf(state->ssl, more);
+      if (!tlsWantsSocket(outcome)) state->failure = transferFailure(outcome, "Receive", state->hostName);
       break;
     }
     offset += got;

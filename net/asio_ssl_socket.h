@@ -43,6 +43,9 @@ struct SslSocketState {
   // Set by close(): from then on nothing touches the TLS object, whose
   // descriptor number may already belong to another socket.
   bool closed = false;
+  // The failure a read met: OpenSSL names it once, and every later read
+  // reports it again.
+  int failure = 0;
   std::vector<std::unique_ptr<SslTransfer>> spares;
 
   std::unique_ptr<SslTransfer> takeTransfer(const BufferChainPtr& buffers, const AsyncSocket::TransferCallback& callback);

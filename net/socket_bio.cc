@@ -55,6 +55,12 @@ BIO_METHOD* makeMethod() {
 
 }  // namespace
 
+bool socketIsDry(int fd) {
+  char probe;
+  const ssize_t peeked = ::recv(fd, &probe, 1, MSG_PEEK | MSG_DONTWAIT);
+  return peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
 BIO* newSocketBio(int fd) {
   // One method for the process's lifetime, made on first use.
   static BIO_METHOD* const method = makeMethod();

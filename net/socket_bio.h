@@ -11,4 +11,8 @@ namespace quorvel {
 // for the whole process. Freeing the BIO leaves the socket open.
 BIO* newSocketBio(int fd);
 
+// Whether a read of the socket would find nothing now (EAGAIN): waiting for
+// it to become readable is then safe under edge-triggered readiness.
+bool socketIsDry(int fd);
+
 }  // namespace quorvel

@@ -345,6 +345,11 @@ TEST_F(AsioSslSocketTest, SmallReadsEmptyARecordWithoutNewTrafficAndCallbacksCom
   TlsTestServer server(serving("trusted.pem", TlsTestServer::After::Echo, greeting));
   auto client = clientFor("localhost");
   ASSERT_EQ(connect(*client, loopback(server)), 0);
+  // The loop idles while the greeting arrives, so its readiness is seen and
+  // passed by before anyone reads: the first read must look before it waits.
+  const LifetimeToken idle = makeLifetimeToken();
+  reactor_->scheduleAfter(idle, Duration::milliseconds(100), [this] { stop(); });
+  run();
   BufferChainPtr piece(pool_.allocate(4));
   ASSERT_EQ(piece.chain().first()->next, nullptr);
   std::string received;
@@ -416,6 +421,26 @@ TEST_F(AsioSslSocketTest, PeerCloseIsEndOfStreamWithOrWithoutCloseNotify) {
   }
   // An ordinary end of stream is no failure worth a line.
   for (const auto& line : capture_->lines()) EXPECT_EQ(line.message.find("Receive on the connection"), std::string::npos);
+}
+
+// A record that does not open is a failure worth a line, and the
+// connection stays failed: the next read reports it at once rather than
+// waiting for traffic that the peer has no reason to send. The bad record
+// comes first, or after a good one in the same read.
+TEST_F(AsioSslSocketTest, ABrokenRecordFailsThisReadAndTheNext) {
+  for (const std::string greeting : {"", "fine;"}) {
+    SCOPED_TRACE(greeting);
+    TlsTestServer server(serving("trusted.pem", TlsTestServer::After::Garbage, greeting));
+    auto client = clientFor("localhost");
+    ASSERT_EQ(connect(*client, loopback(server)), 0);
+    int lastError = 0;
+    EXPECT_EQ(receiveUpTo(*client, 100, &lastError), greeting);
+    EXPECT_EQ(lastError, SslStreamError);
+    EXPECT_EQ(receiveUpTo(*client, 100, &lastError), "");
+    EXPECT_EQ(lastError, SslStreamError);
+    client->close();
+  }
+  EXPECT_EQ(capture_->count("Receive on the connection to localhost failed: decryption failed or bad record mac"), 2u);
 }
 
 TEST_F(AsioSslSocketTest, ReleasedSocketCompletesAndCloseCancels) {

@@ -25,6 +25,7 @@ class TlsTestServer {
     Echo,             // send the greeting, then echo everything until the client closes
     CloseNotify,      // send the greeting, then end with close_notify
     Cut,              // send the greeting, then close TCP without close_notify
+    Garbage,          // send the greeting, then a record no key can open, and stay
   };
 
   struct Options {
@@ -103,6 +104,10 @@ class TlsTestServer {
                                  });
                                } else if (options_.after == After::Cut) {
                                  stream_.next_layer().close();
+                               } else if (options_.after == After::Garbage) {
+                                 static const char record[] = "\x17\x03\x03\x00\x14not a sealed record!";
+                                 boost::asio::write(stream_.next_layer(), boost::asio::buffer(record, sizeof record - 1));
+                                 read();
                                }
                              });
   }
