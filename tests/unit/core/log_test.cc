@@ -71,15 +71,6 @@ TEST_F(LogTest, FormattingErrorsWriteTheFormatText) {
   }
 }
 
-TEST_F(LogTest, WidthsAndFlagsOfTheFormatSyntax) {
-  const log::Log named("logtest.widths");
-  QLOG(named, log::Info, "%02d:%02d:%02d.%03d", 5, 7, 12, 9);
-  QLOG(named, log::Info, "[%5s] [%-4d] %x", "ab", 3, static_cast<int16_t>(-2));
-  ASSERT_EQ(capture_->lines().size(), 2u);
-  EXPECT_EQ(capture_->lines()[0].message, "05:07:12.009");
-  EXPECT_EQ(capture_->lines()[1].message, "[   ab] [3   ] fffe");
-}
-
 // The arguments reach Boost.Format through a few erased kinds: each must
 // print exactly as Boost.Format prints the call site's own type.
 enum Unscoped { Seven = 7 };
