@@ -41,18 +41,7 @@ class HeadReaderTest : public ::testing::Test {
 
 const std::string Head = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nServer: t\r\n\r\n";
 
-TEST_F(HeadReaderTest, FindsTheHeadInOnePiece) {
-  ResponseHeadReader reader(0x1f);
-  EXPECT_EQ(feed(reader, Head + "hello"), State::Complete);
-  EXPECT_EQ(reader.headers().statusCode(), 200u);
-  EXPECT_EQ(std::string(reader.headers().data(), reader.headers().size()), Head);
-  EXPECT_EQ(body(reader), "hello");
-  EXPECT_TRUE(reader.contentLengthKnown());
-  EXPECT_EQ(reader.contentLength(), 5u);
-  EXPECT_FALSE(reader.chunked());
-  EXPECT_FALSE(reader.closeConnection());
-}
-
+// The cut at 0 gives the whole head in one piece.
 TEST_F(HeadReaderTest, HeadSplitAtEveryPositionGivesTheSameResult) {
   const std::string text = Head + "hello";
   for (std::size_t cut = 0; cut <= text.size(); ++cut) {
@@ -61,9 +50,11 @@ TEST_F(HeadReaderTest, HeadSplitAtEveryPositionGivesTheSameResult) {
       feed(reader, text.substr(0, cut));
       feed(reader, text.substr(cut, cut2 - cut));
       EXPECT_EQ(feed(reader, text.substr(cut2)), State::Complete) << cut << " " << cut2;
-      EXPECT_EQ(reader.headers().find("server")->value.str(), "t");
+      EXPECT_EQ(std::string(reader.headers().data(), reader.headers().size()), Head);
       EXPECT_EQ(body(reader), "hello") << cut << " " << cut2;
       EXPECT_EQ(reader.receivedBytes(), text.size());
+      EXPECT_EQ(reader.contentLength(), 5u);
+      EXPECT_FALSE(reader.chunked() || reader.closeConnection() || !reader.contentLengthKnown());
     }
   }
 }
