@@ -65,6 +65,7 @@ class FakeSocket : public AsyncSocket {
     int number = 0;
     std::memcpy(&number, value, std::min(length, sizeof number));
     options[{level, name}] = number;
+    optionBytes.assign(static_cast<const uint8_t*>(value), static_cast<const uint8_t*>(value) + length);
   }
   void getOption(int, int, void*, std::size_t&) override {}
   SocketAddress localAddress() const override { return local_; }
@@ -86,6 +87,7 @@ class FakeSocket : public AsyncSocket {
 
   SocketAddress connectedTo;
   std::map<std::pair<int, int>, int> options;  // (level, name) -> the int set
+  std::vector<uint8_t> optionBytes;             // the last value set, whole
   std::string sent;
   int sends = 0;
   std::vector<Datagram> datagrams;

@@ -12,6 +12,8 @@
 #include "net/asio_socket_factory.h"
 #include "net/socket_error.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/manual_reactor.h"
+#include "tests/unit/http/fake_network.h"
 #include "tests/unit/net/socket_loop_fixture.h"
 #include "tests/unit/net/thrown_text.h"
 
@@ -262,40 +264,16 @@ TEST_F(AsioSocketTest, SynchronousFailuresThrow) {
   EXPECT_EQ(thrownText([&] { first->getOption(SOL_SOCKET, 9999, &readBack, length); }), "getsockopt failed");
 }
 
-// Records what the multicast helpers hand to the socket.
-class OptionRecorder : public AsyncSocket {
- public:
-  void bind(const SocketAddress&) override {}
-  void connect(const SocketAddress&, const ConnectCallback&) override {}
-  void send(const BufferChainPtr&, const TransferCallback&) override {}
-  void sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) override {}
-  void receive(const BufferChainPtr&, const TransferCallback&) override {}
-  void receiveFrom(const BufferChainPtr&, const ReceiveFromCallback&) override {}
-  void setOption(int level, int name, const void* value, std::size_t length) override {
-    this->level = level;
-    this->name = name;
-    this->value.assign(static_cast<const uint8_t*>(value), static_cast<const uint8_t*>(value) + length);
-  }
-  void getOption(int, int, void*, std::size_t&) override {}
-  SocketAddress localAddress() const override { return SocketAddress(); }
-  SocketAddress remoteAddress() const override { return SocketAddress(); }
-  void close() override {}
-
-  int level = -1;
-  int name = -1;
-  std::vector<uint8_t> value;
-};
-
 TEST(MulticastTest, MembershipOptions) {
-  OptionRecorder socket;
+  testing::FakeSocket socket(std::make_shared<testing::ManualReactor>());
   const SocketAddress group(AF_INET, "239.1.2.3", 0);
   const SocketAddress local(AF_INET, "198.18.0.5", 0);
   joinMulticastGroup(socket, group, local);
-  EXPECT_EQ(socket.level, IPPROTO_IP);
-  EXPECT_EQ(socket.name, IP_ADD_MEMBERSHIP);
-  EXPECT_EQ(socket.value, (std::vector<uint8_t>{239, 1, 2, 3, 198, 18, 0, 5}));
+  EXPECT_EQ(socket.options.count({IPPROTO_IP, IP_ADD_MEMBERSHIP}), 1u);
+  EXPECT_EQ(socket.optionBytes, (std::vector<uint8_t>{239, 1, 2, 3, 198, 18, 0, 5}));
   leaveMulticastGroup(socket, group, local);
-  EXPECT_EQ(socket.name, IP_DROP_MEMBERSHIP);
+  EXPECT_EQ(socket.options.count({IPPROTO_IP, IP_DROP_MEMBERSHIP}), 1u);
+  EXPECT_EQ(socket.options.size(), 2u);
   const SocketAddress v6(AF_INET6, "ff02::1", 0);
   EXPECT_EQ(thrownText([&] { joinMulticastGroup(socket, v6, local); }),
             "joinMulticastGroup: Address types not supported");
