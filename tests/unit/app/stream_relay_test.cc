@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <memory>
-#include <set>
 #include <string>
 
 #include <boost/asio/error.hpp>
@@ -34,7 +33,7 @@ class StreamRelayTest : public ::testing::Test {
 
   // A started relay on a fresh connection.
   void open() {
-    socket = std::make_shared<FakeSocket>(reactor, &refused);
+    socket = std::make_shared<FakeSocket>(reactor);
     closes = 0;
     relay = std::make_shared<StreamRelay>(reactor, socket, pool, http, "camera.local", QueryWait,
                                           [this](StreamRelay* closed) {
@@ -53,7 +52,6 @@ class StreamRelayTest : public ::testing::Test {
 
   FakeClientRequest& target() { return http->last(); }
 
-  std::set<std::string> refused;
   std::shared_ptr<BufferPool> pool = std::make_shared<BufferPool>(512, 0, 0);
   std::shared_ptr<ManualReactor> reactor = std::make_shared<ManualReactor>();
   std::shared_ptr<FakeSocket> socket;
