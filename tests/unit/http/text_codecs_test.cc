@@ -107,11 +107,6 @@ TEST(Url, ResolvesReferences) {
   EXPECT_EQ(Url::resolve("https://relay.test", "n"), "https://relay.test/n");
 }
 
-TEST(Url, ReplacesOnlyTheScheme) {
-  EXPECT_EQ(Url::withScheme("https://relay.test/reply/1", "http"), "http://relay.test/reply/1");
-  EXPECT_EQ(Url::withScheme("relay.test/reply", "http"), "relay.test/reply");
-}
-
 // Written into a string kept from URL to URL: what it held before is gone.
 TEST(Url, WritesIntoAStringItReplaces) {
   std::string out = "https://left.over/from/before/and/longer";
@@ -119,6 +114,7 @@ TEST(Url, WritesIntoAStringItReplaces) {
   EXPECT_EQ(out, "https://relay.test/a/next/1");
   Url::withScheme("https://relay.test/reply/1", "http", out);
   EXPECT_EQ(out, "http://relay.test/reply/1");
+  EXPECT_EQ(Url::withScheme("relay.test/reply", "http"), "relay.test/reply");  // only a scheme is replaced
   Url::resolve("https://relay.test/a/b", "", out);
   EXPECT_EQ(out, "https://relay.test/a/b");
   EXPECT_EQ(Url::pathOf("https://relay.test:8443/rhttp/x?y=/z").str(), "/rhttp/x?y=/z");
