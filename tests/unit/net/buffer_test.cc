@@ -271,7 +271,6 @@ TEST(BufferPoolTest, GrowsInDoublingStepsAndLogs) {
   EXPECT_TRUE(capture->contains("allocate(0)"));
 
   BufferChain a = pool.allocate(8);
-  EXPECT_TRUE(capture->contains("Allocating 32 more buffers"));
   ASSERT_EQ(capture->lines().size(), 4u);
   EXPECT_EQ(capture->lines()[2].message, "Allocating 32 more buffers");
   EXPECT_EQ(capture->lines()[2].level, log::Info);
