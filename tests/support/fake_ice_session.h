@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include "core/lifetime.h"

@@ -1,6 +1,3 @@
-#include <memory>
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "http/web_request.h"

@@ -1,9 +1,6 @@
 #include <netinet/in.h>
 
-#include <cstring>
 #include <sstream>
-#include <stdexcept>
-#include <string>
 
 #include <gtest/gtest.h>
 

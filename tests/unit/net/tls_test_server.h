@@ -1,8 +1,6 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <thread>
 
