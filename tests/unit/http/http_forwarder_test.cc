@@ -190,7 +190,7 @@ TEST_F(ForwarderTest, ErrorAfterTheHeadStopsWithoutEndingTheBody) {
 
 // ---- the response
 
-TEST_F(ForwarderTest, NoContentIsPassedOnWithoutBody) {
+TEST_F(ForwarderTest, NoContentAndHeadResponsesArePassedOnWithoutBody) {
   auto request = forward("DELETE /item HTTP/1.1\r\n");
   target().respond(204, "No Content", {{"Date", "Sat, 21 Nov 2026 10:00:00 GMT"}, {"X-Id", "7"}});
   ASSERT_TRUE(request->response);
@@ -200,13 +200,11 @@ TEST_F(ForwarderTest, NoContentIsPassedOnWithoutBody) {
   EXPECT_EQ(request->response->sent, "");
   EXPECT_EQ(request->response->starts, 0);
   EXPECT_EQ(target().cancels, 0);
-}
-
-TEST_F(ForwarderTest, HeadResponseHasNoBodyWhateverItsLength) {
-  auto request = forward("HEAD /f HTTP/1.1\r\n");
+  // A HEAD response keeps the length of the body it would have had.
+  auto head = forward("HEAD /f HTTP/1.1\r\n");
   target().respond(200, "OK", {{"Content-Length", "1000"}});
-  EXPECT_EQ(request->response->sends, 1);
-  EXPECT_EQ(fieldValues(request->response->headers_, "Content-Length"), std::vector<std::string>{"1000"});
+  EXPECT_EQ(head->response->sends, 1);
+  EXPECT_EQ(fieldValues(head->response->headers_, "Content-Length"), std::vector<std::string>{"1000"});
 }
 
 TEST_F(ForwarderTest, ResponseBodyStreamsThrough) {
@@ -291,22 +289,17 @@ TEST_F(ForwarderTest, CleanUpIsDeferred) {
   EXPECT_EQ(forwarder->pendingCount(), 0u);
 }
 
-// A request ends once, however many ends its target reports.
-TEST_F(ForwarderTest, SecondEndChangesNothing) {
-  auto failed = forward("GET /a HTTP/1.1\r\n");
-  target().complete(boost::asio::error::connection_refused);
-  target().complete(boost::asio::error::connection_refused);
-  EXPECT_EQ(failed->responses, 1);
-  EXPECT_EQ(target().cancels, 1);
-  EXPECT_EQ(reactor->runDue(), 1);  // one clean-up
-  EXPECT_EQ(forwarder->pendingCount(), 0u);
-}
-
-TEST_F(ForwarderTest, CallbacksAfterCleanUpReachNothing) {
-  auto request = forward("GET / HTTP/1.1\r\n");
+// A request ends once, however many ends its target reports, and what its
+// target reports after the clean-up reaches nothing.
+TEST_F(ForwarderTest, LateEndsAndCallbacksChangeNothing) {
+  auto request = forward("GET /a HTTP/1.1\r\n");
   std::shared_ptr<FakeClientRequest> kept = client->requests[0];
   kept->complete(boost::asio::error::connection_refused);
-  reactor->runDue();
+  kept->complete(boost::asio::error::connection_refused);
+  EXPECT_EQ(request->responses, 1);
+  EXPECT_EQ(kept->cancels, 1);
+  EXPECT_EQ(reactor->runDue(), 1);  // one clean-up
+  EXPECT_EQ(forwarder->pendingCount(), 0u);
   logs->clear();
   kept->respond(200, "OK");
   kept->complete();
