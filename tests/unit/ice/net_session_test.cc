@@ -523,22 +523,6 @@ TEST_F(NetSessionTest, InTheControlledRoleThePeerNominates) {
   EXPECT_EQ(Peer, session->remoteAddress());
 }
 
-// Controlled, the device's own check succeeding is not enough: the pair is
-// used only once the peer has nominated it.
-TEST_F(NetSessionTest, InTheControlledRoleASucceededCheckWaitsForTheNomination) {
-  ScriptedPeer peer;
-  peer.checkBack = false;
-  peer.answer = false;
-  const auto session = startWith(peer);
-  reactor_->advance(Duration::milliseconds(2));
-  sendCheck(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), session->localDescription(), true, ~uint64_t{0});
-  peer.answer = true;
-  reactor_->advance(Duration::milliseconds(500));
-  EXPECT_FALSE(session->isControlling());
-  EXPECT_FALSE(session->validPairs().empty());
-  EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
-}
-
 // A nomination that comes before the device's own check of that pair has
 // succeeded is taken up when the check succeeds, with nothing more from the peer.
 TEST_F(NetSessionTest, InTheControlledRoleAnEarlyNominationIsUsedOnceTheCheckSucceeds) {
@@ -558,15 +542,23 @@ TEST_F(NetSessionTest, InTheControlledRoleAnEarlyNominationIsUsedOnceTheCheckSuc
   EXPECT_EQ(Peer, session->remoteAddress());
 }
 
-// A peer that takes the controlling role but never nominates is given up on.
-TEST_F(NetSessionTest, APeerThatNeverNominatesIsGivenUpOn) {
+// Controlled, the device's own check succeeding is not enough: the pair is
+// used only once the peer has nominated it, and a peer that takes the
+// controlling role but never nominates is given up on.
+TEST_F(NetSessionTest, InTheControlledRoleASucceededCheckWaitsForTheNominationUntilTheLimit) {
   ScriptedPeer peer;
   peer.checkBack = false;
+  peer.answer = false;
   const auto capture = testing::LogCapture::install();
   const auto session = startWith(peer);
   reactor_->advance(Duration::milliseconds(2));
   sendCheck(Peer, SocketAddress(AF_INET, "10.0.0.2", 40000), session->localDescription(), true, ~uint64_t{0});
-  reactor_->advance(CheckPhaseLimit);
+  peer.answer = true;
+  reactor_->advance(Duration::milliseconds(500));
+  EXPECT_FALSE(session->isControlling());
+  EXPECT_FALSE(session->validPairs().empty());
+  EXPECT_EQ(Session::Event::CandidatesGathered, events_.back());
+  reactor_->advance(CheckPhaseLimit - Duration::milliseconds(500));
   EXPECT_EQ(Session::Event::Failed, events_.back());
   EXPECT_TRUE(capture->contains("Connectivity checks timed out before a pair was nominated"));
 }
