@@ -96,7 +96,7 @@ TEST(DataStream, ItemsBeforeConnectWaitInTheSource) {
   EXPECT_TRUE(consumer.sink->isEnded());
 }
 
-TEST(DataStream, ExpiredHandlesCannotBeConnected) {
+TEST(DataStream, ExpiredHandlesCannotBeConnectedAndAGoneConsumersItemsAreDropped) {
   std::weak_ptr<Sink> gone;
   {
     auto sink = std::make_shared<Sink>();
@@ -106,10 +106,7 @@ TEST(DataStream, ExpiredHandlesCannotBeConnected) {
   EXPECT_THAT([&] { source.connect(gone); }, ThrowsMessage<BadCallError>(StrEq("Can't connect expired handle")));
   EXPECT_THROW(feedSink(gone), BadCallError);
   EXPECT_FALSE(source.isConnected());
-}
-
-TEST(DataStream, ItemsForAGoneConsumerAreDropped) {
-  Source source;
+  // A consumer that goes after the connect: its items are dropped.
   {
     Consumer consumer;
     source.connect(consumer.sink);
