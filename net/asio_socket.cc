@@ -11,6 +11,7 @@
 #include "core/handler_memory.h"
 #include "core/log.h"
 #include "net/asio_socket_factory.h"
+#include "net/transfer_spares.h"
 
 namespace quorvel {
 namespace {
@@ -74,7 +75,7 @@ template <typename S>
 struct SocketState {
   explicit SocketState(boost::asio::io_context& io) : socket(io) {}
   S socket;
-  std::vector<std::unique_ptr<Transfer>> spares;
+  TransferSpares<Transfer> spares;
 };
 
 // The operations common to stream and datagram sockets.
@@ -115,23 +116,11 @@ class AsioSocket : public AsyncSocket {
   // is in flight.
   template <typename AsioBuffer, typename Start>
   void transfer(const BufferChainPtr& buffers, const TransferCallback& callback, Start start) {
-    auto& spares = state_->spares;
-    std::unique_ptr<Transfer> op;
-    if (spares.empty()) {
-      op = std::make_unique<Transfer>();
-    } else {
-      op = std::move(spares.back());
-      spares.pop_back();
-    }
-    op->buffers = buffers;
-    op->callback = callback;
+    std::unique_ptr<Transfer> op = state_->spares.take(buffers, callback);
     auto done = [state = state_, op = std::move(op)](const boost::system::error_code& error,
                                                      std::size_t bytes) mutable {
       if (op->callback) op->callback(asio_detail::errorNumber(error), bytes);
-      // Kept for the socket's next transfer; what it held goes now.
-      op->buffers.reset();
-      op->callback.clear();
-      state->spares.push_back(std::move(op));
+      state->spares.giveBack(std::move(op));
     };
     start(ChainPieces<AsioBuffer>(buffers), pooled(std::move(done)));
   }

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <stdexcept>
-#include <vector>
 
 #include <boost/asio/post.hpp>
 #include <openssl/ssl.h>
@@ -45,7 +44,7 @@ bool quietTls(SSL* ssl) { return SSL_get_shutdown(ssl) == 0 && !SSL_has_pending(
 
 void finish(const StatePtr& state, Transfer transfer, int error, std::size_t bytes) {
   if (transfer->callback) transfer->callback(error, bytes);
-  state->giveBack(std::move(transfer));
+  state->spares.giveBack(std::move(transfer));
 }
 
 // A completion found within send() or receive() is posted: a callback never
@@ -184,27 +183,6 @@ SslSocketState::SslSocketState(boost::asio::io_context& io, std::shared_ptr<boos
 
 SslSocketState::~SslSocketState() { SSL_free(ssl); }
 
-std::unique_ptr<SslTransfer> SslSocketState::takeTransfer(const BufferChainPtr& buffers,
-                                                          const AsyncSocket::TransferCallback& callback) {
-  std::unique_ptr<SslTransfer> transfer;
-  if (spares.empty()) {
-    transfer = std::make_unique<SslTransfer>();
-  } else {
-    transfer = std::move(spares.back());
-    spares.pop_back();
-  }
-  transfer->buffers = buffers;
-  transfer->callback = callback;
-  transfer->done = 0;
-  return transfer;
-}
-
-void SslSocketState::giveBack(std::unique_ptr<SslTransfer> transfer) {
-  transfer->buffers.reset();
-  transfer->callback.clear();
-  spares.push_back(std::move(transfer));
-}
-
 AsioSslSocket::AsioSslSocket(std::shared_ptr<AsioReactor> reactor, std::shared_ptr<SslSocketState> state,
                              bool verify)
     : reactor_(std::move(reactor)), state_(std::move(state)), verify_(verify) {}
@@ -269,7 +247,8 @@ void AsioSslSocket::connect(const SocketAddress& address, const ConnectCallback&
 void AsioSslSocket::send(const BufferChainPtr& buffers, const TransferCallback& callback) {
   // Every write becomes at least one TLS record, so a chain of small buffers
   // is gathered first rather than sent as a record per buffer.
-  std::unique_ptr<SslTransfer> write = state_->takeTransfer(buffers, callback);
+  std::unique_ptr<SslTransfer> write = state_->spares.take(buffers, callback);
+  write->done = 0;
   std::size_t total = 0;
   std::size_t count = 0;
   write->data = nullptr;
@@ -298,7 +277,8 @@ void AsioSslSocket::sendTo(const BufferChainPtr&, const SocketAddress&, const Tr
 }
 
 void AsioSslSocket::receive(const BufferChainPtr& buffers, const TransferCallback& callback) {
-  std::unique_ptr<SslTransfer> read = state_->takeTransfer(buffers, callback);
+  std::unique_ptr<SslTransfer> read = state_->spares.take(buffers, callback);
+  read->done = 0;
   // A read into no room at all would complete with nothing, which a reader
   // takes for the end of the stream: a chain's empty buffers are passed over.
   Buffer* first = buffers ? buffers.chain().first() : nullptr;

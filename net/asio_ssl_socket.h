@@ -10,6 +10,7 @@
 
 #include "core/asio_reactor.h"
 #include "net/ssl_socket.h"
+#include "net/transfer_spares.h"
 
 namespace quorvel {
 
@@ -46,10 +47,7 @@ struct SslSocketState {
   // The failure a read met: OpenSSL names it once, and every later read
   // reports it again.
   int failure = 0;
-  std::vector<std::unique_ptr<SslTransfer>> spares;
-
-  std::unique_ptr<SslTransfer> takeTransfer(const BufferChainPtr& buffers, const AsyncSocket::TransferCallback& callback);
-  void giveBack(std::unique_ptr<SslTransfer> transfer);
+  TransferSpares<SslTransfer> spares;
 };
 
 // A TLS client connection with the plain stream socket's semantics: send
