@@ -9,7 +9,9 @@ namespace quorvel {
 constexpr std::size_t TargetResponse::SinkCapacity;
 
 TargetResponse::TargetResponse(const ExchangeRef& exchange, MessageHeaders headers)
-    : exchange_(exchange), headers_(std::move(headers)), sink_(std::allocate_shared<BodySink>(HandlerAllocator<BodySink>(), SinkCapacity)) {
+    : exchange_(exchange),
+      headers_(std::move(headers)),
+      sink_(std::allocate_shared<BodySink>(HandlerAllocator<BodySink>(), SinkCapacity)) {
   const ExchangeRef ref = exchange;
   sink_->setReadyHandler([ref]() { ref.with([](ExchangeLink& link) { link.pumpReply(); }); });
 }

@@ -104,7 +104,8 @@ class TlsTestServer {
                                  stream_.next_layer().close();
                                } else if (options_.after == After::Garbage) {
                                  static const char record[] = "\x17\x03\x03\x00\x14not a sealed record!";
-                                 boost::asio::write(stream_.next_layer(), boost::asio::buffer(record, sizeof record - 1));
+                                 boost::asio::write(stream_.next_layer(),
+                                                    boost::asio::buffer(record, sizeof record - 1));
                                  read();
                                }
                              });
