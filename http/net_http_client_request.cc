@@ -161,7 +161,7 @@ void NetHttpClientRequest::startStreaming() {
   started_ = true;
   const bool chunked = !readCallerFields();
   if (chunked) headers_.addField(HttpHeader::TransferEncoding, "chunked");
-  std::weak_ptr<NetHttpClientRequest> self = weak();
+  const LifetimeRef<NetHttpClientRequest> self = anchor_.ref();
   bodySink_.setReadyHandler([self]() {
     if (auto request = self.lock()) request->pumpBody();
   });
@@ -183,7 +183,7 @@ void NetHttpClientRequest::startSending() {
     failLater(HttpClientError::OutOfMemory);
     return;
   }
-  std::weak_ptr<NetHttpClientRequest> self = weak();
+  const LifetimeRef<NetHttpClientRequest> self = anchor_.ref();
   connection_->send(chain, [self, attempt = sender_.attempt()](int error, std::size_t bytes) {
     if (auto request = self.lock()) request->onSent(error, bytes, false, attempt);
   });
@@ -197,7 +197,7 @@ void NetHttpClientRequest::startSending() {
 bool NetHttpClientRequest::holdHead() {
   if (headHeld_ || !sender_.isStreaming() || bodySink_.endArrived()) return false;
   headHeld_ = true;
-  std::weak_ptr<NetHttpClientRequest> self = weak();
+  const LifetimeRef<NetHttpClientRequest> self = anchor_.ref();
   reactor_->post(shared_from_this(), [self, attempt = sender_.attempt()]() {
     auto request = self.lock();
     if (request && attempt == request->sender_.attempt()) request->startSending();
@@ -223,7 +223,7 @@ void NetHttpClientRequest::pumpBody() {
     case RequestSender::Piece::Ready:
       break;
   }
-  std::weak_ptr<NetHttpClientRequest> self = weak();
+  const LifetimeRef<NetHttpClientRequest> self = anchor_.ref();
   connection_->send(BufferChainPtr(chain), [self, attempt = sender_.attempt()](int error, std::size_t bytes) {
     if (auto request = self.lock()) request->onSent(error, bytes, true, attempt);
   });
@@ -314,7 +314,7 @@ void NetHttpClientRequest::fail(HttpClientError error) {
 }
 
 void NetHttpClientRequest::failLater(HttpClientError error) {
-  std::weak_ptr<NetHttpClientRequest> self = weak();
+  const LifetimeRef<NetHttpClientRequest> self = anchor_.ref();
   // The request is its own token: the failure goes with it.
   reactor_->post(shared_from_this(), [self, error]() {
     if (auto request = self.lock()) request->fail(error);

@@ -8,6 +8,7 @@
 #include <boost/system/error_code.hpp>
 
 #include "core/lifetime.h"
+#include "core/lifetime_ref.h"
 #include "core/reactor.h"
 #include "core/time.h"
 #include "http/connection_acquirer.h"
@@ -79,7 +80,6 @@ class NetHttpClientRequest : public WebClientRequest,
  private:
   uintptr_t id() const { return reinterpret_cast<uintptr_t>(this); }
   std::string text() const;
-  std::weak_ptr<NetHttpClientRequest> weak() { return shared_from_this(); }
   void touch() { lastActivity_ = reactor_->steadyNow(); }
 
   // ConnectionAcquirer::Owner
@@ -152,6 +152,9 @@ class NetHttpClientRequest : public WebClientRequest,
   bool closeAfter_ = false;
 
   SteadyTime lastActivity_;
+  // What its callbacks hold. Last, so the first to go: nothing reaches the
+  // object once its destruction has begun.
+  LifetimeAnchor<NetHttpClientRequest> anchor_{this};
 };
 
 }  // namespace quorvel
