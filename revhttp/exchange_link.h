@@ -6,6 +6,7 @@
 
 #include <boost/system/error_code.hpp>
 
+#include "core/lifetime_ref.h"
 #include "http/web_client.h"
 
 namespace quorvel {
@@ -33,19 +34,20 @@ class ExchangeLink {
   ~ExchangeLink() = default;
 };
 
-// One use of an exchange, as callbacks reach it.
+// One use of an exchange, as callbacks reach it: plain bytes, so the
+// callbacks that hold one copy without counting.
 struct ExchangeRef {
-  std::weak_ptr<ExchangeLink> link;
+  LifetimeRef<ExchangeLink> link;
   uint64_t use = 0;
 
   // Calls f(link) only while this use is still in progress.
   template <typename F>
   void with(F&& f) const {
-    std::shared_ptr<ExchangeLink> held = link.lock();
+    const Pinned<ExchangeLink> held = link.lock();
     if (held && held->isInUse(use)) f(*held);
   }
   bool isActive() const {
-    std::shared_ptr<ExchangeLink> held = link.lock();
+    const Pinned<ExchangeLink> held = link.lock();
     return held && held->isInUse(use);
   }
 };

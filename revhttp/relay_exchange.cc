@@ -44,10 +44,8 @@ void RelayExchange::begin(uint64_t use, const std::string& name, StringSection r
   // Made for every relayed request, like the target's request and response:
   // their blocks come from the loop's free lists rather than the heap.
   relayBody_ = std::allocate_shared<BodySink>(HandlerAllocator<BodySink>());
-  const std::weak_ptr<RelayExchange> self = weak_from_this();
-  relayBody_->setReadyHandler([self, use]() {
-    const std::shared_ptr<RelayExchange> exchange = self.lock();
-    if (exchange && exchange->isInUse(use)) exchange->drainRelayBody();
+  relayBody_->setReadyHandler([exchange = ref()]() {
+    exchange.with([](ExchangeLink& link) { static_cast<RelayExchange&>(link).drainRelayBody(); });
   });
   // Pieces that came with the head are delivered from inside.
   relayResponse_->body().connect(relayBody_);

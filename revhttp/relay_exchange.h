@@ -63,7 +63,7 @@ class RelayExchange final : public ExchangeLink, public std::enable_shared_from_
   void onReplyError(const boost::system::error_code& code) override;
 
  private:
-  ExchangeRef ref() { return ExchangeRef{weak_from_this(), use_}; }
+  ExchangeRef ref() const { return ExchangeRef{anchor_.ref(), use_}; }
   void drainRelayBody();
   void relayData(const BufferChainPtr& piece);
   void headComplete(const BufferChainPtr& piece);
@@ -98,6 +98,8 @@ class RelayExchange final : public ExchangeLink, public std::enable_shared_from_
   std::shared_ptr<TargetRequest> targetRequest_;
   std::shared_ptr<TargetResponse> targetResponse_;
   ReplyUpload upload_;
+  // What the parts' callbacks hold; the first member to go.
+  LifetimeAnchor<ExchangeLink> anchor_{this};
 };
 
 }  // namespace quorvel
