@@ -27,7 +27,7 @@ constexpr int SlotsPerBlock = 64;
 
 }  // namespace
 
-Slot* claimSlot(void* object, std::shared_ptr<const void> (*keep)(void*)) {
+Slot* claimSlot(void* object, void* owner, std::shared_ptr<const void> (*keep)(void*)) {
   SlotStore& slots = store();
   Slot* slot = nullptr;
   {
@@ -42,6 +42,7 @@ Slot* claimSlot(void* object, std::shared_ptr<const void> (*keep)(void*)) {
   }
   slot->nextFree = nullptr;
   slot->object = object;
+  slot->owner = owner;
   slot->keep = keep;
   return slot;
 }
@@ -51,6 +52,7 @@ void retireSlot(Slot* slot) {
   // another.
   slot->generation.fetch_add(1, std::memory_order_release);
   slot->object = nullptr;
+  slot->owner = nullptr;
   SlotStore& slots = store();
   std::lock_guard<YieldingLock> hold(slots.lock);
   slot->nextFree = slots.free;

@@ -16,12 +16,19 @@ namespace lifetime_detail {
 struct Slot {
   std::atomic<uint32_t> generation{0};
   void* object = nullptr;
-  // A strong reference to the object, or none once its last one is gone.
-  std::shared_ptr<const void> (*keep)(void* object) = nullptr;
+  // What keeps the object alive (itself, or the object it is part of), and
+  // a strong reference to that, or none once its last one is gone.
+  void* owner = nullptr;
+  std::shared_ptr<const void> (*keep)(void* owner) = nullptr;
   Slot* nextFree = nullptr;
 };
 
-Slot* claimSlot(void* object, std::shared_ptr<const void> (*keep)(void*));
+Slot* claimSlot(void* object, void* owner, std::shared_ptr<const void> (*keep)(void*));
+
+template <typename Owner>
+std::shared_ptr<const void> keepOwner(void* owner) {
+  return static_cast<Owner*>(owner)->weak_from_this().lock();
+}
 void retireSlot(Slot* slot);
 
 }  // namespace lifetime_detail
@@ -58,7 +65,7 @@ class LifetimeRef {
   // it is being destroyed).
   Pinned<T> lock() const {
     if (!slot_ || slot_->generation.load(std::memory_order_acquire) != generation_) return {};
-    std::shared_ptr<const void> keep = slot_->keep(slot_->object);
+    std::shared_ptr<const void> keep = slot_->keep(slot_->owner);
     if (!keep) return {};
     return Pinned<T>(std::move(keep), static_cast<T*>(slot_->object));
   }
@@ -70,15 +77,16 @@ class LifetimeRef {
 
 // Held by an object (shared, with enable_shared_from_this) as a member, for
 // the references its callbacks take. `T` is the type they reach it as: the
-// object's own class or one of its bases.
+// object's own class or one of its bases, or a part of it (a member), which
+// lives as long as the object does.
 template <typename T>
 class LifetimeAnchor {
  public:
   template <typename Owner>
-  explicit LifetimeAnchor(Owner* owner)
-      : slot_(lifetime_detail::claimSlot(static_cast<T*>(owner), [](void* object) -> std::shared_ptr<const void> {
-          return static_cast<Owner*>(static_cast<T*>(object))->weak_from_this().lock();
-        })) {}
+  explicit LifetimeAnchor(Owner* owner) : LifetimeAnchor(owner, static_cast<T*>(owner)) {}
+  template <typename Owner>
+  LifetimeAnchor(Owner* owner, T* part)
+      : slot_(lifetime_detail::claimSlot(part, owner, &lifetime_detail::keepOwner<Owner>)) {}
   ~LifetimeAnchor() { lifetime_detail::retireSlot(slot_); }
   LifetimeAnchor(const LifetimeAnchor&) = delete;
   LifetimeAnchor& operator=(const LifetimeAnchor&) = delete;

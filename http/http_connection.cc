@@ -190,9 +190,8 @@ void HttpConnection::receive() {
   reading_ = BufferChainPtr(std::exchange(spare_, BufferChain()));
   receiving_ = true;
   if (!onRead_) {
-    const std::weak_ptr<HttpConnection> weak = shared_from_this();
-    onRead_ = [weak](int error, std::size_t bytes) {
-      if (std::shared_ptr<HttpConnection> self = weak.lock()) self->onReceive(error, bytes);
+    onRead_ = [self = anchor_.ref()](int error, std::size_t bytes) {
+      if (auto connection = self.lock()) connection->onReceive(error, bytes);
     };
   }
   socket_->receive(reading_, onRead_);

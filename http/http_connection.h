@@ -8,6 +8,7 @@
 
 #include "core/delegate.h"
 #include "core/lifetime.h"
+#include "core/lifetime_ref.h"
 #include "core/reactor.h"
 #include "net/async_socket.h"
 #include "net/buffer_chain.h"
@@ -105,8 +106,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   State state_ = Unconnected;
   bool receiving_ = false;
   // The read in flight and its size. Kept here rather than in its callback,
-  // which then holds one weak reference and fits a Delegate without a heap
-  // block: copied several times per read, that was an allocation each.
+  // which then holds only a lifetime reference and copies as plain bytes.
   BufferChainPtr reading_;
   std::size_t readingSize_ = 0;
   // Buffers left over from the last read, reused by the next.
@@ -123,6 +123,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   // Made once: every read hands the socket a copy.
   AsyncSocket::TransferCallback onRead_;
   LifetimeToken token_ = makeLifetimeToken();
+  LifetimeAnchor<HttpConnection> anchor_{this};
 };
 
 }  // namespace quorvel

@@ -96,9 +96,8 @@ void HttpConnectionPool::releaseConnection(const std::shared_ptr<HttpConnection>
   releases_.push_back(Release{connection, close});
   if (releasesPosted_) return;
   releasesPosted_ = true;
-  const std::weak_ptr<HttpConnectionPool> weak = shared_from_this();
-  reactor_->post(token_, [weak]() {
-    if (std::shared_ptr<HttpConnectionPool> self = weak.lock()) self->runReleases();
+  reactor_->post(token_, [self = anchor_.ref()]() {
+    if (auto pool = self.lock()) pool->runReleases();
   });
 }
 

@@ -7,6 +7,7 @@
 
 #include "core/delegate.h"
 #include "core/lifetime.h"
+#include "core/lifetime_ref.h"
 #include "core/reactor.h"
 #include "http/http_connection.h"
 #include "net/async_socket.h"
@@ -88,6 +89,7 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   std::vector<Release> releasing_;
   bool releasesPosted_ = false;
   LifetimeToken token_ = makeLifetimeToken();
+  LifetimeAnchor<HttpConnectionPool> anchor_{this};
 };
 
 }  // namespace quorvel

@@ -107,7 +107,7 @@ void NetHttpClientRequest::begin() {
   const std::shared_ptr<NetHttpClientRequest> self = shared_from_this();
   watchdog_->add(self);
   // The parts' own callbacks hold references that share the request's life.
-  receiver_.open(method_, std::shared_ptr<ResponseReceiver>(self, &receiver_));
+  receiver_.open(method_, receiverAnchor_.ref());
   beginning_ = true;
   acquirer_.start(pool_, connectHost_, scheme_, std::shared_ptr<ConnectionAcquirer>(self, &acquirer_));
   beginning_ = false;

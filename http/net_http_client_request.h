@@ -155,6 +155,7 @@ class NetHttpClientRequest : public WebClientRequest,
   // What its callbacks hold. Last, so the first to go: nothing reaches the
   // object once its destruction has begun.
   LifetimeAnchor<NetHttpClientRequest> anchor_{this};
+  LifetimeAnchor<ResponseReceiver> receiverAnchor_{this, &receiver_};
 };
 
 }  // namespace quorvel

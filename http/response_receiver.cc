@@ -29,9 +29,9 @@ ResponseReceiver::ResponseReceiver(Owner& owner, uintptr_t identity, std::shared
 
 ResponseReceiver::~ResponseReceiver() = default;
 
-void ResponseReceiver::open(StringSection method, std::weak_ptr<ResponseReceiver> self) {
+void ResponseReceiver::open(StringSection method, LifetimeRef<ResponseReceiver> self) {
   method_.assign(method.data(), method.size());
-  self_ = std::move(self);
+  self_ = self;
   reader_.reset();
   parser_ = nullptr;
   response_.reset();
@@ -96,8 +96,7 @@ void ResponseReceiver::onHead() {
   BufferChain rest = reader_.takeBodyBytes();
   if (hasBody) {
     parser_ = &reader_.prepareBodyParser(plain_, chunked_);
-    const std::weak_ptr<ResponseReceiver> self = self_;
-    response_.body().setUnblockedHandler([self]() {
+    response_.body().setUnblockedHandler([self = self_]() {
       if (auto receiver = self.lock()) receiver->onUnblocked();
     });
   } else if (!rest.empty()) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/delegate.h"
+#include "core/lifetime_ref.h"
 #include "http/encoding_parser.h"
 #include "http/http_client_error.h"
 #include "http/net_http_client_response.h"
@@ -51,7 +52,7 @@ class ResponseReceiver {
   // For the response to a request with `method` (for the body rule), with
   // nothing left of an earlier one. `self` refers to this receiver and
   // lives as long as the request's use.
-  void open(StringSection method, std::weak_ptr<ResponseReceiver> self);
+  void open(StringSection method, LifetimeRef<ResponseReceiver> self);
   // The caller's handlers.
   void setResponseHandler(const ResponseHandler& handler) { responseHandler_ = handler; }
   void setBodyDataHandler(const BodyDataHandler& handler) { bodyDataHandler_ = handler; }
@@ -94,7 +95,7 @@ class ResponseReceiver {
   bool stopped_ = false;
   ResponseHandler responseHandler_;
   BodyDataHandler bodyDataHandler_;
-  std::weak_ptr<ResponseReceiver> self_;
+  LifetimeRef<ResponseReceiver> self_;
 };
 
 }  // namespace quorvel
