@@ -7,6 +7,7 @@
 
 #include <boost/system/error_code.hpp>
 
+#include "core/lifetime_ref.h"
 #include "core/log.h"
 
 namespace quorvel {
@@ -20,7 +21,7 @@ const char* const UnableToRelay = "Unable to relay request";
 
 // One relayed exchange. The forwarder owns it and uses the object for one
 // exchange after another; the callbacks it installs on the target request
-// hold it only weakly, with the number of their use, so once the forwarder
+// hold it only by a lifetime reference, with the number of their use, so once the forwarder
 // lets go of a use no callback reaches it.
 class HttpForwarder::PendingRequest : public std::enable_shared_from_this<PendingRequest> {
  public:
@@ -55,6 +56,7 @@ class HttpForwarder::PendingRequest : public std::enable_shared_from_this<Pendin
   std::shared_ptr<WebClientResponse> targetResponse_;
   std::shared_ptr<WebResponse> response_;
   bool finished_ = false;
+  LifetimeAnchor<PendingRequest> anchor_{this};
 };
 
 void HttpForwarder::PendingRequest::start() {
@@ -76,13 +78,13 @@ void HttpForwarder::PendingRequest::start() {
   }
   copyFields(target_->headers());
 
-  const std::weak_ptr<PendingRequest> weak = shared_from_this();
+  const LifetimeRef<PendingRequest> weak = anchor_.ref();
   target_->setResponseHandler([weak, use = use_](const std::shared_ptr<WebClientResponse>& response) {
-    const std::shared_ptr<PendingRequest> self = weak.lock();
+    const auto self = weak.lock();
     if (self && self->use_ == use) self->onResponse(response);
   });
   target_->setErrorHandler([weak, use = use_](const boost::system::error_code& code) {
-    const std::shared_ptr<PendingRequest> self = weak.lock();
+    const auto self = weak.lock();
     if (self && self->use_ == use) self->onDone(code);
   });
   // No body data handler: the response body is taken from the response's

@@ -55,12 +55,12 @@ void RelayPoll::requestStep() {
   previousRequest_ = std::move(request_);
   request_ = request;
   const uint64_t serial = awaitedSerial_ = ++lastSerial_;
-  const std::weak_ptr<RelayPoll> self = weak_from_this();
+  const LifetimeRef<RelayPoll> self = anchor_.ref();
   request->setResponseHandler([self, serial](const std::shared_ptr<WebClientResponse>& response) {
-    if (std::shared_ptr<RelayPoll> poll = self.lock()) poll->onResponse(serial, response);
+    if (auto poll = self.lock()) poll->onResponse(serial, response);
   });
   request->setErrorHandler([self, serial](const boost::system::error_code& code) {
-    if (std::shared_ptr<RelayPoll> poll = self.lock()) poll->onError(serial, code);
+    if (auto poll = self.lock()) poll->onError(serial, code);
   });
   request->headers().addField(HttpHeader::Accept, "message/http");
   request->send(nullptr, 0);

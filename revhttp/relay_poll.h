@@ -10,6 +10,7 @@
 
 #include "core/delegate.h"
 #include "core/lifetime.h"
+#include "core/lifetime_ref.h"
 #include "core/reactor.h"
 #include "http/http_client.h"
 #include "http/web_request.h"
@@ -80,6 +81,7 @@ class RelayPoll : public std::enable_shared_from_this<RelayPoll> {
   std::vector<std::shared_ptr<RelayExchange>> active_;
   std::vector<std::shared_ptr<RelayExchange>> finished_;
   std::vector<std::shared_ptr<RelayExchange>> free_;
+  LifetimeAnchor<RelayPoll> anchor_{this};
 };
 
 }  // namespace quorvel
