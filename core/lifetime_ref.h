@@ -25,9 +25,16 @@ struct Slot {
 
 Slot* claimSlot(void* object, void* owner, std::shared_ptr<const void> (*keep)(void*));
 
+// shared_from_this() takes the count once, where locking weak_from_this()
+// would also copy and drop a weak reference. It throws only for an owner
+// no shared_ptr holds, or one being destroyed: not there, for callbacks.
 template <typename Owner>
 std::shared_ptr<const void> keepOwner(void* owner) {
-  return static_cast<Owner*>(owner)->weak_from_this().lock();
+  try {
+    return static_cast<Owner*>(owner)->shared_from_this();
+  } catch (const std::bad_weak_ptr&) {
+    return nullptr;
+  }
 }
 void retireSlot(Slot* slot);
 
