@@ -103,7 +103,8 @@ void NetHttpClientRequest::shelve() {
 }
 
 void NetHttpClientRequest::begin() {
-  touch();
+  lastActivity_ = reactor_->steadyNow();
+  progressed_ = false;
   const std::shared_ptr<NetHttpClientRequest> self = shared_from_this();
   watchdog_->add(self);
   // The parts' own callbacks hold references that share the request's life.
@@ -293,7 +294,7 @@ void NetHttpClientRequest::receiveMore() {
 void NetHttpClientRequest::checkTimeout() {
   if (done_) return;
   const SteadyTime now = reactor_->steadyNow();
-  if (receiver_.isPaused()) lastActivity_ = now;
+  if (std::exchange(progressed_, false) || receiver_.isPaused()) lastActivity_ = now;
   if (now < lastActivity_ + timeout_) return;
   QLOG(Log, log::Notice, "Request timed out: %s", text());
   fail(HttpClientError::TimedOut);

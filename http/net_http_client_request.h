@@ -80,7 +80,11 @@ class NetHttpClientRequest : public WebClientRequest,
  private:
   uintptr_t id() const { return reinterpret_cast<uintptr_t>(this); }
   std::string text() const;
-  void touch() { lastActivity_ = reactor_->steadyNow(); }
+  // Progress is stamped by the watchdog's next tick, not here: a request
+  // makes progress several times an exchange, and a clock read each time
+  // cost more than the rest of the bookkeeping. The time-out then counts
+  // from up to one tick after the progress, as it is checked only at ticks.
+  void touch() { progressed_ = true; }
 
   // ConnectionAcquirer::Owner
   void onAcquired(const std::shared_ptr<HttpConnection>& connection, bool reused) override;
@@ -152,6 +156,7 @@ class NetHttpClientRequest : public WebClientRequest,
   bool closeAfter_ = false;
 
   SteadyTime lastActivity_;
+  bool progressed_ = false;
   // What its callbacks hold. Last, so the first to go: nothing reaches the
   // object once its destruction has begun.
   LifetimeAnchor<NetHttpClientRequest> anchor_{this};
