@@ -1,12 +1,16 @@
 #include "net/asio_socket.h"
 
+#include <cerrno>
+#include <deque>
 #include <memory>
 #include <stdexcept>
 #include <vector>
 
+#include <sys/socket.h>
+#include <sys/uio.h>
+
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/udp.hpp>
-#include <boost/asio/write.hpp>
 
 #include "core/handler_memory.h"
 #include "core/log.h"
@@ -27,6 +31,9 @@ using boost::asio::ip::udp;
 struct Transfer {
   BufferChainPtr buffers;
   AsyncSocket::TransferCallback callback;
+  // A stream write's progress, and its outcome once it has one.
+  std::size_t done = 0;
+  int error = 0;
 };
 
 // A chain as the library's buffer sequence: it walks the buffers themselves
@@ -76,6 +83,12 @@ struct SocketState {
   explicit SocketState(boost::asio::io_context& io) : socket(io) {}
   S socket;
   TransferSpares<Transfer> spares;
+  // Stream writes: the one in progress, and those sent while it was; a
+  // write that ended within send() waits in `finished` for the loop.
+  bool writing = false;
+  std::deque<std::unique_ptr<Transfer>> queuedWrites;
+  std::unique_ptr<Transfer> finished;
+  bool closed = false;
 };
 
 // The operations common to stream and datagram sockets.
@@ -108,7 +121,10 @@ class AsioSocket : public AsyncSocket {
 
   SocketAddress remoteAddress() const override { return asio_detail::remoteAddress(state_->socket); }
 
-  void close() override { asio_detail::cancelAndClose(state_->socket); }
+  void close() override {
+    state_->closed = true;
+    asio_detail::cancelAndClose(state_->socket);
+  }
 
  protected:
   // Calls start(pieces, handler) to begin the asio operation over `buffers`.
@@ -130,17 +146,110 @@ class AsioSocket : public AsyncSocket {
 };
 
 template <typename S>
+using StatePtr = std::shared_ptr<SocketState<S>>;
+
+// The reactor is passed as a plain pointer: it outlives whatever its own
+// loop runs, and the task below then fits a Delegate without a heap block.
+template <typename S>
+void continueWrite(AsioReactor* reactor, const StatePtr<S>& state, std::unique_ptr<Transfer> op, bool withinCall);
+
+// The write's callback, then the next queued write. A write that ended
+// within send() is finished by a task of the loop's turn, which is shared
+// with the turn's other tasks rather than queued alone.
+template <typename S>
+void finishWrite(AsioReactor* reactor, const StatePtr<S>& state, std::unique_ptr<Transfer> op, bool withinCall) {
+  if (withinCall) {
+    state->finished = std::move(op);
+    reactor->post(state, [reactor, state]() {
+      if (state->finished) finishWrite(reactor, state, std::move(state->finished), false);
+    });
+    return;
+  }
+  // The next write starts before this callback runs, so that one the
+  // callback sends goes after it; its own completion waits for the loop,
+  // so the callbacks still run in order.
+  if (state->queuedWrites.empty()) {
+    state->writing = false;
+  } else {
+    std::unique_ptr<Transfer> next = std::move(state->queuedWrites.front());
+    state->queuedWrites.pop_front();
+    continueWrite(reactor, state, std::move(next), true);
+  }
+  if (op->callback) op->callback(op->error, op->done);
+  state->spares.giveBack(std::move(op));
+}
+
+template <typename S>
+void continueWrite(AsioReactor* reactor, const StatePtr<S>& state, std::unique_ptr<Transfer> op, bool withinCall) {
+  constexpr std::size_t MaxPieces = 64;
+  for (;;) {
+    if (state->closed) {
+      op->error = ECANCELED;
+      return finishWrite(reactor, state, std::move(op), withinCall);
+    }
+    iovec pieces[MaxPieces];
+    std::size_t count = 0;
+    std::size_t skip = op->done;
+    for (Buffer* buffer = op->buffers ? op->buffers.chain().first() : nullptr; buffer && count < MaxPieces;
+         buffer = buffer->next) {
+      if (skip >= buffer->length) {
+        skip -= buffer->length;
+        continue;
+      }
+      pieces[count].iov_base = buffer->data() + skip;
+      pieces[count].iov_len = buffer->length - skip;
+      skip = 0;
+      ++count;
+    }
+    if (count == 0) return finishWrite(reactor, state, std::move(op), withinCall);
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = count;
+    // A peer that has gone fails the write; it must not raise SIGPIPE.
+    const ssize_t sent = ::sendmsg(state->socket.native_handle(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0) {
+      op->done += static_cast<std::size_t>(sent);
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      op->error = errno;
+      return finishWrite(reactor, state, std::move(op), withinCall);
+    }
+    // Edge-triggered readiness: asked for only after the socket said EAGAIN.
+    auto& socket = state->socket;
+    socket.async_wait(S::wait_write, pooled([reactor, state, op = std::move(op)](
+                                               const boost::system::error_code& error) mutable {
+      if (!error) return continueWrite(reactor, state, std::move(op), false);
+      op->error = state->closed ? ECANCELED : asio_detail::errorNumber(error);
+      finishWrite(reactor, state, std::move(op), false);
+    }));
+    return;
+  }
+}
+
+template <typename S>
 class AsioStreamSocket : public AsioSocket<S> {
  public:
   using AsioSocket<S>::AsioSocket;
   using typename AsyncSocket::ReceiveFromCallback;
   using typename AsyncSocket::TransferCallback;
 
-  // Writes the whole chain.
+  // Writes the whole chain, in order after any write still in progress.
+  // The bytes go to the socket at once, and asio is asked only to say when
+  // a full socket has room again: its composed write, with an operation
+  // and a completion through the loop's queue for what is nearly always
+  // one system call, cost more than the rest of a small request.
   void send(const BufferChainPtr& buffers, const TransferCallback& callback) override {
-    this->template transfer<boost::asio::const_buffer>(buffers, callback, [this](auto pieces, auto handler) {
-      boost::asio::async_write(this->state_->socket, pieces, std::move(handler));
-    });
+    std::unique_ptr<Transfer> op = this->state_->spares.take(buffers, callback);
+    op->done = 0;
+    op->error = 0;
+    if (this->state_->writing) {
+      this->state_->queuedWrites.push_back(std::move(op));
+      return;
+    }
+    this->state_->writing = true;
+    continueWrite(this->reactor_.get(), this->state_, std::move(op), true);
   }
 
   void sendTo(const BufferChainPtr&, const SocketAddress&, const TransferCallback&) override {
