@@ -47,14 +47,30 @@ void finish(const StatePtr& state, Transfer transfer, int error, std::size_t byt
   state->spares.giveBack(std::move(transfer));
 }
 
-// A completion found within send() or receive() is posted: a callback never
-// runs inside the call that started it.
+void finishWithinCall(const StatePtr& state) {
+  state->completionsPosted = false;
+  // Callbacks may start operations that end at once: those join the list
+  // and run in this same pass, in their order.
+  for (std::size_t i = 0; i < state->finished.size(); ++i) {
+    Transfer transfer = std::move(state->finished[i]);
+    const int error = transfer->error;
+    const std::size_t bytes = transfer->result;
+    finish(state, std::move(transfer), error, bytes);
+  }
+  state->finished.clear();
+}
+
+// A completion found within send() or receive() waits for the loop: a
+// callback never runs inside the call that started it. It goes with the
+// turn's other tasks rather than queued alone.
 void complete(const StatePtr& state, Transfer transfer, int error, std::size_t bytes, bool withinCall) {
   if (!withinCall) return finish(state, std::move(transfer), error, bytes);
-  boost::asio::post(state->socket.get_executor(),
-                    pooled([state, transfer = std::move(transfer), error, bytes]() mutable {
-                      finish(state, std::move(transfer), error, bytes);
-                    }));
+  transfer->error = error;
+  transfer->result = bytes;
+  state->finished.push_back(std::move(transfer));
+  if (state->completionsPosted) return;
+  state->completionsPosted = true;
+  state->reactor->post(state, [state]() { finishWithinCall(state); });
 }
 
 // Waits until the socket can do what OpenSSL asked for, then tries again.
@@ -185,7 +201,9 @@ SslSocketState::~SslSocketState() { SSL_free(ssl); }
 
 AsioSslSocket::AsioSslSocket(std::shared_ptr<AsioReactor> reactor, std::shared_ptr<SslSocketState> state,
                              bool verify)
-    : reactor_(std::move(reactor)), state_(std::move(state)), verify_(verify) {}
+    : reactor_(std::move(reactor)), state_(std::move(state)), verify_(verify) {
+  state_->reactor = reactor_.get();
+}
 
 void AsioSslSocket::setHostName(const std::string& hostName) {
   std::string host = hostName;

@@ -27,6 +27,9 @@ struct SslTransfer {
   std::size_t done = 0;
   // The buffer a read fills first.
   Buffer* into = nullptr;
+  // The outcome of an operation that ended within the call that started it.
+  int error = 0;
+  std::size_t result = 0;
 };
 
 // What outstanding operations keep alive. The context goes with the
@@ -48,6 +51,11 @@ struct SslSocketState {
   // reports it again.
   int failure = 0;
   TransferSpares<SslTransfer> spares;
+  // The loop the socket belongs to, which outlives what it runs; and the
+  // operations that ended within send() or receive(), for its next turn.
+  AsioReactor* reactor = nullptr;
+  std::vector<std::unique_ptr<SslTransfer>> finished;
+  bool completionsPosted = false;
 };
 
 // A TLS client connection with the plain stream socket's semantics: send

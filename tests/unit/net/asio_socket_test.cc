@@ -115,6 +115,85 @@ TEST_F(AsioSocketTest, SendCallbacksComeLaterWithEveryByte) {
   listener->close();
 }
 
+// Sends made while one is still going out wait their turn: the bytes and
+// the callbacks keep the order of the calls. A close then cancels the write
+// that waits for room and those behind it.
+TEST_F(AsioSocketTest, SendsKeepTheirOrderAndACloseCancelsTheRest) {
+  std::string received;
+  auto listener = collectingListener(received);
+  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  const std::string big(256 * 1024, 'b');
+  std::vector<std::string> done;
+  client->connect(listener->localAddress(), [&](int error) {
+    ASSERT_EQ(error, 0);
+    for (const std::string& piece : {big, std::string("one"), std::string("two")}) {
+      client->send(chainOf(piece), [&, piece](int error, std::size_t bytes) {
+        EXPECT_EQ(error, 0);
+        EXPECT_EQ(bytes, piece.size());
+        done.push_back(piece.substr(0, 3));
+        if (done.size() == 3) client->close();
+      });
+    }
+  });
+  run();
+  EXPECT_EQ(done, (std::vector<std::string>{"bbb", "one", "two"}));
+  EXPECT_EQ(received, big + "onetwo");
+  listener->close();
+
+  // A peer that reads nothing, and small socket buffers: the big write
+  // fills them and waits for room.
+  const int small = 4096;
+  auto silent = factory_.createListener(AF_INET, SOCK_STREAM, 0);
+  silent->setOption(SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  silent->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+  silent->listen(1);
+  silent->accept([&](int, std::shared_ptr<AsyncSocket> s) { served_ = s; });
+  auto writer = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  writer->setOption(SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  std::vector<int> errors;
+  writer->connect(silent->localAddress(), [&](int error) {
+    ASSERT_EQ(error, 0);
+    for (const std::string& piece : {big, std::string("w")}) {
+      writer->send(chainOf(piece), [&](int error, std::size_t) {
+        errors.push_back(error);
+        if (errors.size() == 2) stop();
+      });
+    }
+    writer->close();
+  });
+  run();
+  EXPECT_EQ(errors, (std::vector<int>{ECANCELED, ECANCELED}));
+  silent->close();
+}
+
+// A write to a peer that has gone fails with the socket's error; it must
+// not raise SIGPIPE, which would end this test's process.
+TEST_F(AsioSocketTest, WritingToAVanishedPeerFailsTheWriteOnly) {
+  auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
+  listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
+  listener->listen(1);
+  listener->accept([&](int, std::shared_ptr<AsyncSocket> s) {
+    s->close();
+    stop();
+  });
+  auto client = factory_.createSocket(AF_INET, SOCK_STREAM, 0);
+  client->connect(listener->localAddress(), [](int error) { ASSERT_EQ(error, 0); });
+  run();
+  // The first write may still be taken by the kernel; the reset it draws
+  // makes a later one fail.
+  int error = 0;
+  for (int attempt = 0; attempt < 5 && error == 0; ++attempt) {
+    client->send(chainOf(std::string(1000, 'x')), [&](int e, std::size_t) {
+      error = e;
+      stop();
+    });
+    run();
+  }
+  EXPECT_TRUE(error == EPIPE || error == ECONNRESET) << error;
+  client->close();
+  listener->close();
+}
+
 TEST_F(AsioSocketTest, ConnectToAClosedPortIsAConnectionFailure) {
   auto listener = factory_.createListener(AF_INET, SOCK_STREAM, 0);
   listener->bind(SocketAddress(AF_INET, SocketAddress::Loopback, 0));
