@@ -45,7 +45,7 @@ void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
     boost::asio::post(io_, pooled(GuardedTask{token, std::move(task)}));
     return;
   }
-  turnTasks_.push_back(TurnTask{token, std::move(task)});
+  turnTasks_.emplace_back(token, std::move(task));
   if (turnTasksPosted_) return;
   turnTasksPosted_ = true;
   boost::asio::post(io_, pooled([this]() { runTurnTasks(); }));

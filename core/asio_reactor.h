@@ -40,6 +40,7 @@ class AsioReactor : public Reactor {
 
  private:
   struct TurnTask {
+    TurnTask(const LifetimeToken& owner, Delegate<void()>&& work) : token(owner), task(std::move(work)) {}
     WeakLifetimeToken token;
     Delegate<void()> task;
   };

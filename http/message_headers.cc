@@ -99,7 +99,23 @@ MessageHeaders::MessageHeaders(const MessageHeaders& other)
   }
 }
 
-MessageHeaders::MessageHeaders(MessageHeaders&& other) noexcept { *this = std::move(other); }
+// Moves copy the members and empty the other head, without the three-way
+// swap: heads are moved several times on every exchange.
+MessageHeaders::MessageHeaders(MessageHeaders&& other) noexcept
+    : buffer_(std::move(other.buffer_)),
+      length_(other.length_),
+      capacity_(other.capacity_),
+      method_(other.method_),
+      target_(other.target_),
+      version_(other.version_),
+      reason_(other.reason_),
+      statusCode_(other.statusCode_),
+      fieldsStart_(other.fieldsStart_),
+      framingAt_(other.framingAt_),
+      framingKnown_(other.framingKnown_),
+      fieldsVerbatim_(other.fieldsVerbatim_) {
+  other.reset();
+}
 
 MessageHeaders& MessageHeaders::operator=(const MessageHeaders& other) {
   if (this != &other) *this = MessageHeaders(other);
@@ -108,7 +124,18 @@ MessageHeaders& MessageHeaders::operator=(const MessageHeaders& other) {
 
 MessageHeaders& MessageHeaders::operator=(MessageHeaders&& other) noexcept {
   if (this != &other) {
-    swap(other);
+    buffer_ = std::move(other.buffer_);
+    length_ = other.length_;
+    capacity_ = other.capacity_;
+    method_ = other.method_;
+    target_ = other.target_;
+    version_ = other.version_;
+    reason_ = other.reason_;
+    statusCode_ = other.statusCode_;
+    fieldsStart_ = other.fieldsStart_;
+    framingAt_ = other.framingAt_;
+    framingKnown_ = other.framingKnown_;
+    fieldsVerbatim_ = other.fieldsVerbatim_;
     other.reset();
   }
   return *this;

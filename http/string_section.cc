@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include <string.h>
+
 namespace quorvel {
 namespace {
 
@@ -37,8 +39,9 @@ std::size_t StringSection::find(char c, std::size_t pos) const {
 std::size_t StringSection::find(StringSection text, std::size_t pos) const {
   if (pos > size() || text.size() > size() - pos) return npos;
   if (text.empty()) return pos;
-  const char* hit = std::search(begin_ + pos, end_, text.begin_, text.end_);
-  return hit == end_ ? npos : static_cast<std::size_t>(hit - begin_);
+  // The C library's search skips ahead where std::search tries every place.
+  const void* hit = ::memmem(begin_ + pos, size() - pos, text.begin_, text.size());
+  return hit ? static_cast<std::size_t>(static_cast<const char*>(hit) - begin_) : npos;
 }
 
 std::size_t StringSection::rfind(char c, std::size_t pos) const {
