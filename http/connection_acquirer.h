@@ -56,6 +56,7 @@ class ConnectionAcquirer {
   void withdraw();
 
  private:
+  bool reuseKnown(const std::string& connectHost, const std::string& defaultService);
   void onResolved(const NameResolver::Result& result, bool found);
   void request();
   void onConnection(const std::shared_ptr<HttpConnection>& connection);

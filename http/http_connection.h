@@ -23,6 +23,11 @@ namespace quorvel {
 struct HttpDestination {
   std::string host;
   std::vector<SocketAddress> addresses;
+  // What it was looked up from: the requester's connect host and default
+  // service, and the service the lookup was for.
+  std::string connectHost;
+  std::string defaultService;
+  std::string service;
 
   // "host (addr, addr ...)" for log lines.
   std::string text() const;

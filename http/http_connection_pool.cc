@@ -34,6 +34,27 @@ std::shared_ptr<HttpConnection> HttpConnectionPool::tryConnection(const HttpDest
   return nullptr;
 }
 
+const HttpConnection* HttpConnectionPool::freeFor(const std::string& connectHost,
+                                                 const std::string& defaultService) const {
+  if (!waiting_.empty() || Log.isEnabled(log::Debug)) return nullptr;
+  for (auto it = free_.rbegin(); it != free_.rend(); ++it) {
+    const HttpDestination& destination = (*it)->destination();
+    if ((*it)->isOpen() && destination.connectHost == connectHost && destination.defaultService == defaultService) {
+      return it->get();
+    }
+  }
+  return nullptr;
+}
+
+std::shared_ptr<HttpConnection> HttpConnectionPool::take(const HttpConnection* connection) {
+  const auto it = std::find_if(free_.begin(), free_.end(),
+                               [connection](const std::shared_ptr<HttpConnection>& c) { return c.get() == connection; });
+  if (it == free_.end()) return nullptr;
+  used_.push_back(std::move(*it));
+  free_.erase(it);
+  return used_.back();
+}
+
 void HttpConnectionPool::waitForConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
                                            const ConnectionCallback& callback) {
   waiting_.push_back(Waiting{destination, owner, callback});

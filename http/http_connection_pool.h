@@ -37,6 +37,14 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   // waitForConnection(): called back when one is released. A waiting
   // request whose `owner` has expired by then is dropped.
   std::shared_ptr<HttpConnection> tryConnection(const HttpDestination& destination);
+  // A shortcut for a requester whose lookup would only repeat an earlier
+  // one: the open free connection most recently made or released for the
+  // same connect host and default service (null when requests are waiting,
+  // or the pool's log writes debug lines, which the full way gives). The
+  // requester checks its address still resolves, then takes it.
+  const HttpConnection* freeFor(const std::string& connectHost, const std::string& defaultService) const;
+  // Moves that connection to the used list, as satisfying a request would.
+  std::shared_ptr<HttpConnection> take(const HttpConnection* connection);
   void waitForConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
                          const ConnectionCallback& callback);
   // A request of `owner` that still waits is forgotten.

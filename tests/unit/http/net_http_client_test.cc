@@ -262,7 +262,7 @@ TEST_F(NetHttpClientTest, ReleasesRunLaterInTheirOrder) {
   const std::shared_ptr<HttpConnectionPool>& connections = client->plainPool();
   ASSERT_EQ(1u, connections->freeCount());
   const std::shared_ptr<HttpConnection> taken =
-      connections->tryConnection(HttpDestination{"example", {SocketAddress(AF_INET, "192.0.2.1", 80)}});
+      connections->tryConnection(HttpDestination{"example", {SocketAddress(AF_INET, "192.0.2.1", 80)}, {}, {}, {}});
   ASSERT_TRUE(taken && taken->isOpen());
   connections->releaseConnection(taken, true);
   EXPECT_EQ(2u, connections->usedCount());
@@ -771,6 +771,38 @@ TEST_F(NetHttpClientTest, AGetIsRetriedOnlyOnce) {
   }
   EXPECT_EQ(c.code, make_error_code(HttpClientError::ConnectionLost));
   EXPECT_EQ(2u, factory->sockets.size());
+}
+
+// At the daemon's log levels a request for the host of a free connection
+// takes it without a lookup, as long as the resolver still answers with its
+// address at once; another host, or a changed answer, goes the full way.
+TEST_F(NetHttpClientTest, AFreeConnectionForTheSameHostIsTakenWhileItsAddressHolds) {
+  logAtDefaults();
+  resolver->known.insert("example");
+  resolver->known.insert("other");
+  // Answered on whichever socket the request went out on.
+  const auto fetch = [this](const std::string& host) {
+    std::vector<std::size_t> sentBefore;
+    for (const auto& socket : factory->sockets) sentBefore.push_back(socket->sent.size());
+    Outcome outcome;
+    auto request = start("GET", "/", outcome, host);
+    request->send(nullptr, 0);
+    run();
+    for (std::size_t i = 0; i < factory->sockets.size(); ++i) {
+      if (i >= sentBefore.size() || factory->sockets[i]->sent.size() > sentBefore[i]) factory->sockets[i]->deliver(Ok5);
+    }
+    run();
+    EXPECT_EQ("hello", outcome.body);
+  };
+  fetch("example");
+  fetch("other");
+  fetch("example");
+  EXPECT_EQ(2u, factory->sockets.size());
+  EXPECT_EQ(2u, client->plainPool()->freeCount());
+  resolver->names["example"] = {"192.0.2.9"};
+  fetch("example");
+  ASSERT_EQ(3u, factory->sockets.size());
+  EXPECT_EQ(SocketAddress(AF_INET, "192.0.2.9", 80), factory->last().connectedTo);
 }
 
 // The client keeps its request objects between uses. Whatever one use did,
