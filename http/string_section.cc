@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <stdexcept>
-
-#include <string.h>
 
 namespace quorvel {
 namespace {
@@ -39,9 +38,15 @@ std::size_t StringSection::find(char c, std::size_t pos) const {
 std::size_t StringSection::find(StringSection text, std::size_t pos) const {
   if (pos > size() || text.size() > size() - pos) return npos;
   if (text.empty()) return pos;
-  // The C library's search skips ahead where std::search tries every place.
-  const void* hit = ::memmem(begin_ + pos, size() - pos, text.begin_, text.size());
-  return hit ? static_cast<std::size_t>(static_cast<const char*>(hit) - begin_) : npos;
+  // The first byte by memchr, the rest compared where it is: texts looked
+  // for here are short, and cheaper so than by a general search.
+  const char* const last = end_ - text.size();
+  for (const char* at = begin_ + pos; at <= last; ++at) {
+    at = static_cast<const char*>(std::memchr(at, text.begin_[0], static_cast<std::size_t>(last - at) + 1));
+    if (!at) return npos;
+    if (std::memcmp(at + 1, text.begin_ + 1, text.size() - 1) == 0) return static_cast<std::size_t>(at - begin_);
+  }
+  return npos;
 }
 
 std::size_t StringSection::rfind(char c, std::size_t pos) const {

@@ -32,6 +32,9 @@ TEST(StringSection, FindsAndTrims) {
   EXPECT_EQ(text.find('x'), StringSection::npos);
   EXPECT_EQ(text.find("b/c"), 2u);
   EXPECT_EQ(text.find("c/"), StringSection::npos);
+  EXPECT_EQ(text.find("/c"), 3u);  // past a first byte that matched alone
+  EXPECT_EQ(text.find("/c", 4), StringSection::npos);
+  EXPECT_EQ(text.find("c", 4), 4u);
   EXPECT_EQ(text.find("", 5), 5u);  // an empty text is found even at the end
   EXPECT_EQ(text.find("", 6), StringSection::npos);
   EXPECT_EQ(text.rfind('/'), 3u);
