@@ -25,6 +25,7 @@ void ConnectionAcquirer::start(const std::shared_ptr<HttpConnectionPool>& pool, 
   stopped_ = false;
   pool_ = pool;
   self_ = self;
+  reusedFrom_.reset();
   if (reuseKnown(connectHost, defaultService)) return;
   // Assigned, not made: the strings and the list keep their room from the
   // last use.
@@ -63,9 +64,9 @@ bool ConnectionAcquirer::reuseKnown(const std::string& connectHost, const std::s
     return false;
   }
   connectHost_ = connectHost;
-  destination_ = destination;
+  reusedFrom_ = pool_->take(candidate);
   progress();
-  onConnection(pool_->take(candidate));
+  onConnection(reusedFrom_);
   return true;
 }
 
@@ -93,12 +94,12 @@ void ConnectionAcquirer::onResolved(const NameResolver::Result& result, bool fou
 void ConnectionAcquirer::again() { request(); }
 
 void ConnectionAcquirer::request() {
-  if (std::shared_ptr<HttpConnection> connection = pool_->tryConnection(destination_)) {
+  if (std::shared_ptr<HttpConnection> connection = pool_->tryConnection(destination())) {
     onConnection(connection);
     return;
   }
   const std::weak_ptr<ConnectionAcquirer> self = self_;
-  pool_->waitForConnection(destination_, self_, [self](const std::shared_ptr<HttpConnection>& connection) {
+  pool_->waitForConnection(destination(), self_, [self](const std::shared_ptr<HttpConnection>& connection) {
     if (auto acquirer = self.lock()) {
       acquirer->onConnection(connection);
     } else {
@@ -123,7 +124,7 @@ void ConnectionAcquirer::onConnection(const std::shared_ptr<HttpConnection>& con
       break;
     case HttpConnection::Unconnected: {
       QLOG(Log, log::Debug, "Got a not yet connected connection for %s, %s", connectHost_,
-           destination_.addressText());
+           destination().addressText());
       const std::weak_ptr<ConnectionAcquirer> self = self_;
       connection->connectAny(
           identity_,
@@ -138,7 +139,7 @@ void ConnectionAcquirer::onConnection(const std::shared_ptr<HttpConnection>& con
     }
     default:
       QLOG(Log, log::Warning, "Got connection in unexpected state %u for %s, %s",
-           static_cast<unsigned>(connection->state()), connectHost_, destination_.addressText());
+           static_cast<unsigned>(connection->state()), connectHost_, destination().addressText());
       fail(HttpClientError::ConnectFailed);
       break;
   }
@@ -168,6 +169,7 @@ void ConnectionAcquirer::fail(HttpClientError error) {
 void ConnectionAcquirer::stop() {
   stopped_ = true;
   giveBack();
+  reusedFrom_.reset();
 }
 
 void ConnectionAcquirer::withdraw() {

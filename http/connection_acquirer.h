@@ -72,6 +72,10 @@ class ConnectionAcquirer {
   std::string connectHost_;
   std::string host_, service_;
   HttpDestination destination_;
+  // The connection taken without a lookup, whose destination then stands
+  // for this one (again() asks for it), until the acquirer stops.
+  std::shared_ptr<HttpConnection> reusedFrom_;
+  const HttpDestination& destination() const { return reusedFrom_ ? reusedFrom_->destination() : destination_; }
   std::shared_ptr<HttpConnection> connecting_;
   bool stopped_ = false;
   std::weak_ptr<ConnectionAcquirer> self_;

@@ -6,6 +6,7 @@
 #include "http/net_http_client_request.h"
 #include "http/request_shelf.h"
 #include "http/request_watchdog.h"
+#include "http/string_section.h"
 
 namespace quorvel {
 
@@ -30,7 +31,7 @@ std::shared_ptr<WebClientRequest> NetHttpClient::createRequest(const std::string
                                                                const std::string& connectHost,
                                                                const std::string& path) {
   std::shared_ptr<HttpConnectionPool> pool = plainPool_;
-  if (scheme == "https") {
+  if (StringSection(scheme) == StringSection("https")) {
     if (!sslPool_) throw std::runtime_error("HTTPS connections not supported");
     pool = sslPool_;
   }

@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "http/http_names.h"
 #include "http/net_http_client.h"
+#include "http/string_section.h"
 
 namespace quorvel {
 
@@ -179,7 +180,9 @@ void NetHttpClientRequest::startSending() {
        headers_.requestTarget(), sender_.bodyBytes());
   // Kept for retryOnNewConnection(): only a reused connection can have been
   // closed under us, and only a repeatable request can be sent again.
-  const BufferChainPtr chain = sender_.takeHead(reused_ && (method_ == "GET" || method_ == "HEAD"), &bodySink_);
+  const StringSection method(method_);
+  const bool repeatable = method == StringSection("GET") || method == StringSection("HEAD");
+  const BufferChainPtr chain = sender_.takeHead(reused_ && repeatable, &bodySink_);
   if (!chain) {
     failLater(HttpClientError::OutOfMemory);
     return;
