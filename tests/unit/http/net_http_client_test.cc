@@ -752,6 +752,31 @@ TEST_F(NetHttpClientTest, GetOnAKeptConnectionTheServerClosedGoesOnceMore) {
   EXPECT_EQ(2u, factory->sockets.size());
 }
 
+// The same at the daemon's log levels, where the kept connection is taken
+// without a lookup: the retry goes to the destination it was made for.
+TEST_F(NetHttpClientTest, ARetryFromAConnectionTakenWithoutALookupFindsItsDestination) {
+  logAtDefaults();
+  resolver->known.insert("example");
+  resolver->known.insert("other");
+  fetchHello("/");
+  // The request object's own last lookup was for another host.
+  Outcome first, second;
+  auto a = get("/", first, "other");
+  factory->sockets[1]->deliver(Ok5);
+  run();
+  a.reset();
+  run();
+  auto b = get("/again", second);
+  factory->sockets[0]->deliverClose();
+  run();
+  ASSERT_EQ(3u, factory->sockets.size());
+  EXPECT_EQ(SocketAddress(AF_INET, "192.0.2.1", 80), factory->sockets[2]->connectedTo);
+  EXPECT_EQ("GET /again HTTP/1.1\r\nHost: example\r\n\r\n", factory->sockets[2]->sent);
+  factory->sockets[2]->deliver(Ok5);
+  run();
+  EXPECT_EQ("hello", second.body);
+}
+
 // Once only: when the retry lands on a second kept connection that the server
 // closes as well, the request fails rather than going round again.
 TEST_F(NetHttpClientTest, AGetIsRetriedOnlyOnce) {
