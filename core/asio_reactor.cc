@@ -19,6 +19,9 @@ const log::Log Log("asioreactor");
 // the timer library's nanosecond clocks do not overflow.
 constexpr int64_t FarFutureUs = int64_t{1} << 52;  // about 140 years
 
+// Rounds of tasks posted by tasks, run after one handler.
+constexpr int MaxTaskRounds = 8;
+
 // Runs the task only while its owner's token is alive.
 struct GuardedTask {
   WeakLifetimeToken token;
@@ -36,24 +39,21 @@ AsioReactor::AsioReactor(std::shared_ptr<TimeProvider> timeProvider)
 
 AsioReactor::~AsioReactor() = default;
 
-// Tasks the loop posts to itself in one turn run together, in their order,
-// from one queued operation: a turn that ends an exchange posts several
-// (releases, clean-ups), and each of asio's own costs a round through its
-// queue. Other threads post one by one, as they come.
+// Tasks the loop posts to itself run after the handler that posted them,
+// together and in their order, straight from run(): a turn that ends an
+// exchange posts several (releases, completions, clean-ups), and each of
+// asio's own operations costs a round through its queue. Other threads post
+// through asio, one by one, as they come.
 void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
   if (!isLoopThread()) {
     boost::asio::post(io_, pooled(GuardedTask{token, std::move(task)}));
     return;
   }
   turnTasks_.emplace_back(token, std::move(task));
-  if (turnTasksPosted_) return;
-  turnTasksPosted_ = true;
-  boost::asio::post(io_, pooled([this]() { runTurnTasks(); }));
 }
 
 void AsioReactor::runTurnTasks() {
-  turnTasksPosted_ = false;
-  // Tasks these post go to the next turn, as they would have.
+  // Tasks these post go to the next round.
   runningTasks_.swap(turnTasks_);
   for (const TurnTask& next : runningTasks_) {
     // One that throws is reported as the loop reports it, and the rest run.
@@ -97,7 +97,14 @@ void AsioReactor::run() {
   loopThread_ = std::this_thread::get_id();
   for (;;) {
     try {
-      io_.run();
+      // One handler at a time, then the tasks it posted, and the tasks those
+      // post, for a few rounds: tasks that keep posting more must not keep
+      // asio's handlers waiting, so past that a handler of nothing is queued
+      // and the rest wait their turn behind it. Only a stop runs nothing.
+      while (io_.run_one() != 0) {
+        for (int round = 0; round < MaxTaskRounds && !turnTasks_.empty(); ++round) runTurnTasks();
+        if (!turnTasks_.empty()) boost::asio::post(io_, [] {});
+      }
       break;
     } catch (const std::exception& e) {
       QLOG(Log, log::Error, "Unhandled exception thrown by scheduled task: %s", e.what());

@@ -62,7 +62,6 @@ class AsioReactor : public Reactor {
   // list being run (kept, with its room, for the next turn).
   std::vector<TurnTask> turnTasks_;
   std::vector<TurnTask> runningTasks_;
-  bool turnTasksPosted_ = false;
 };
 
 }  // namespace quorvel

@@ -118,6 +118,26 @@ TEST_F(AsioReactorTest, TasksTheLoopPostsRunInOrderWhateverOneOfThemDoes) {
   EXPECT_EQ(capture_->count("Unhandled exception thrown by scheduled task: boom"), 1u);
 }
 
+// A task that posts itself again and again keeps nothing else waiting: a
+// timer that is due, and then a stop, still get their turn.
+TEST_F(AsioReactorTest, TasksThatKeepPostingLeaveRoomForTheRest) {
+  long rounds = 0;
+  bool timerRan = false;
+  Delegate<void()> again;
+  again = [&] {
+    ++rounds;
+    reactor_.post(token_, again);
+  };
+  reactor_.post(token_, [&] { reactor_.post(token_, again); });
+  reactor_.scheduleAfter(token_, Duration::milliseconds(20), [&] {
+    timerRan = true;
+    reactor_.stop();
+  });
+  reactor_.run();
+  EXPECT_TRUE(timerRan);
+  EXPECT_GT(rounds, 0);
+}
+
 TEST_F(AsioReactorTest, StopFromAnotherThreadEndsRun) {
   std::atomic<bool> running{false};
   reactor_.post(token_, [&running] { running = true; });
