@@ -24,7 +24,7 @@ constexpr std::size_t MaxReadBuffers = 64;
 // Kept small all the same: every buffer of a read is one more piece for the
 // system call to fill and for the pool to hand out, even when few bytes come;
 // a big body makes the reads grow within a few of them.
-constexpr std::size_t MinReadBytes = 4096;
+constexpr std::size_t MinReadBytes = 2048;
 
 std::size_t readSizeFor(const BufferChainAllocator& allocator, std::size_t bytes) {
   const std::size_t bufferSize = std::max<std::size_t>(allocator.bufferSize(), 1);

@@ -558,12 +558,12 @@ TEST_F(NetHttpClientTest, ReadSizeFollowsWhatTheReadsBring) {
   Outcome outcome;
   auto request = get("/", outcome);
   FakeSocket& socket = factory->last();
-  ASSERT_EQ(4096u, socket.receiveSize());
+  ASSERT_EQ(2048u, socket.receiveSize());
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n";
-  socket.deliver(head + std::string(4096 - head.size(), 'a'));
+  socket.deliver(head + std::string(2048 - head.size(), 'a'));
   run();
-  EXPECT_EQ(8192u, socket.receiveSize());
-  for (std::size_t size = 8192; size < 32768; size *= 2) {
+  EXPECT_EQ(4096u, socket.receiveSize());
+  for (std::size_t size = 4096; size < 32768; size *= 2) {
     socket.deliver(std::string(size, 'b'));
     run();
   }
