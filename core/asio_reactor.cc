@@ -52,13 +52,25 @@ void AsioReactor::post(const LifetimeToken& token, Delegate<void()> task) {
   turnTasks_.emplace_back(token, std::move(task));
 }
 
+void AsioReactor::postSelfGuarded(Delegate<void()> task) {
+  if (!isLoopThread()) {
+    boost::asio::post(io_, pooled(std::move(task)));
+    return;
+  }
+  turnTasks_.emplace_back(std::move(task));
+}
+
 void AsioReactor::runTurnTasks() {
   // Tasks these post go to the next round.
   runningTasks_.swap(turnTasks_);
   for (const TurnTask& next : runningTasks_) {
     // One that throws is reported as the loop reports it, and the rest run.
     try {
-      if (auto alive = next.token.lock()) next.task();
+      if (!next.guarded) {
+        next.task();
+      } else if (auto alive = next.token.lock()) {
+        next.task();
+      }
     } catch (const std::exception& e) {
       QLOG(Log, log::Error, "Unhandled exception thrown by scheduled task: %s", e.what());
       if (exceptionHandler_) exceptionHandler_();

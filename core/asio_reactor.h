@@ -19,6 +19,7 @@ class AsioReactor : public Reactor {
   ~AsioReactor() override;
 
   void post(const LifetimeToken& token, Delegate<void()> task) override;
+  void postSelfGuarded(Delegate<void()> task) override;
   void scheduleAt(const LifetimeToken& token, SteadyTime when, Delegate<void()> task) override;
   void scheduleAfter(const LifetimeToken& token, Duration delay, Delegate<void()> task) override;
   void setExceptionHandler(const Delegate<void()>& handler) override;
@@ -40,9 +41,13 @@ class AsioReactor : public Reactor {
 
  private:
   struct TurnTask {
-    TurnTask(const LifetimeToken& owner, Delegate<void()>&& work) : token(owner), task(std::move(work)) {}
+    TurnTask(const LifetimeToken& owner, Delegate<void()>&& work)
+        : token(owner), task(std::move(work)), guarded(true) {}
+    explicit TurnTask(Delegate<void()>&& work) : task(std::move(work)), guarded(false) {}
     WeakLifetimeToken token;
     Delegate<void()> task;
+    // Run only while the token lives; else always.
+    bool guarded;
   };
   void runTurnTasks();
 

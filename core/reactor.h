@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "core/delegate.h"
 #include "core/lifetime.h"
@@ -19,6 +20,12 @@ class Reactor {
   // May be called from any thread. Tasks are taken by value so that a
   // lambda becomes one Delegate, moved on rather than copied.
   virtual void post(const LifetimeToken& token, Delegate<void()> task) = 0;
+  // For a task that guards itself: it holds what it works on, or reaches it
+  // through a lifetime reference. It always runs, and costs no token.
+  virtual void postSelfGuarded(Delegate<void()> task) {
+    static const LifetimeToken always = makeLifetimeToken();
+    post(always, std::move(task));
+  }
   // An instant on the monotonic clock (steadyNow()); MaxSteadyTime means
   // "never". A step of the wall clock moves no timer.
   virtual void scheduleAt(const LifetimeToken& token, SteadyTime when, Delegate<void()> task) = 0;

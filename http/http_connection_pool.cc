@@ -117,7 +117,7 @@ void HttpConnectionPool::releaseConnection(const std::shared_ptr<HttpConnection>
   releases_.push_back(Release{connection, close});
   if (releasesPosted_) return;
   releasesPosted_ = true;
-  reactor_->post(token_, [self = anchor_.ref()]() {
+  reactor_->postSelfGuarded([self = anchor_.ref()]() {
     if (auto pool = self.lock()) pool->runReleases();
   });
 }

@@ -96,7 +96,6 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   std::vector<Release> releases_;
   std::vector<Release> releasing_;
   bool releasesPosted_ = false;
-  LifetimeToken token_ = makeLifetimeToken();
   LifetimeAnchor<HttpConnectionPool> anchor_{this};
 };
 

@@ -202,7 +202,7 @@ bool NetHttpClientRequest::holdHead() {
   if (headHeld_ || !sender_.isStreaming() || bodySink_.endArrived()) return false;
   headHeld_ = true;
   const LifetimeRef<NetHttpClientRequest> self = anchor_.ref();
-  reactor_->post(shared_from_this(), [self, attempt = sender_.attempt()]() {
+  reactor_->postSelfGuarded([self, attempt = sender_.attempt()]() {
     auto request = self.lock();
     if (request && attempt == request->sender_.attempt()) request->startSending();
   });
@@ -319,8 +319,8 @@ void NetHttpClientRequest::fail(HttpClientError error) {
 
 void NetHttpClientRequest::failLater(HttpClientError error) {
   const LifetimeRef<NetHttpClientRequest> self = anchor_.ref();
-  // The request is its own token: the failure goes with it.
-  reactor_->post(shared_from_this(), [self, error]() {
+  // The reference guards the task: the failure goes with the request.
+  reactor_->postSelfGuarded([self, error]() {
     if (auto request = self.lock()) request->fail(error);
   });
 }

@@ -160,7 +160,7 @@ template <typename S>
 void finishWrite(AsioReactor* reactor, const StatePtr<S>& state, std::unique_ptr<Transfer> op, bool withinCall) {
   if (withinCall) {
     state->finished = std::move(op);
-    reactor->post(state, [reactor, state]() {
+    reactor->postSelfGuarded([reactor, state]() {
       if (state->finished) finishWrite(reactor, state, std::move(state->finished), false);
     });
     return;

@@ -70,7 +70,7 @@ void complete(const StatePtr& state, Transfer transfer, int error, std::size_t b
   state->finished.push_back(std::move(transfer));
   if (state->completionsPosted) return;
   state->completionsPosted = true;
-  state->reactor->post(state, [state]() { finishWithinCall(state); });
+  state->reactor->postSelfGuarded([state]() { finishWithinCall(state); });
 }
 
 // Waits until the socket can do what OpenSSL asked for, then tries again.

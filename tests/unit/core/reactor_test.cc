@@ -111,9 +111,11 @@ TEST_F(AsioReactorTest, TasksTheLoopPostsRunInOrderWhateverOneOfThemDoes) {
     reactor_.post(gone, [&] { order.push_back(0); });
     reactor_.post(token_, [&] { order.push_back(2); });
     reactor_.post(token_, [&] { order.push_back(3); });
+    // One with no token of its own keeps its place too.
+    reactor_.postSelfGuarded([&] { order.push_back(30); });
   });
   reactor_.run();
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 30, 4}));
   EXPECT_EQ(handlerCalls, 1);
   EXPECT_EQ(capture_->count("Unhandled exception thrown by scheduled task: boom"), 1u);
 }
