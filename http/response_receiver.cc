@@ -30,7 +30,7 @@ ResponseReceiver::ResponseReceiver(Owner& owner, uintptr_t identity, std::shared
 ResponseReceiver::~ResponseReceiver() = default;
 
 void ResponseReceiver::open(StringSection method, LifetimeRef<ResponseReceiver> self) {
-  method_.assign(method.data(), method.size());
+  headRequest_ = method == StringSection("HEAD");
   self_ = self;
   reader_.reset();
   parser_ = nullptr;
@@ -88,7 +88,7 @@ void ResponseReceiver::end() {
 }
 
 void ResponseReceiver::onHead() {
-  const bool hasBody = reader_.hasBody(method_);
+  const bool hasBody = reader_.hasBody(headRequest_ ? StringSection("HEAD") : StringSection());
   reader_.giveHeaders(response_.head());
   response_.setHasBody(hasBody);
   shared_ = owner_.shareResponse(response_);

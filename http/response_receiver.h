@@ -82,7 +82,8 @@ class ResponseReceiver {
 
   Owner& owner_;
   const uintptr_t identity_;
-  std::string method_;
+  // The request's method matters only as HEAD, whose response has no body.
+  bool headRequest_ = false;
   ResponseHeadReader reader_;
   PlainEncodingParser plain_;
   ChunkedEncodingParser chunked_;
