@@ -20,11 +20,11 @@ ConnectionAcquirer::ConnectionAcquirer(Owner& owner, uintptr_t identity, std::sh
 ConnectionAcquirer::~ConnectionAcquirer() { giveBack(); }
 
 void ConnectionAcquirer::start(const std::shared_ptr<HttpConnectionPool>& pool, const std::string& connectHost,
-                               const std::string& defaultService, std::weak_ptr<ConnectionAcquirer> self) {
+                               const std::string& defaultService) {
   giveBack();
   stopped_ = false;
   pool_ = pool;
-  self_ = self;
+  waitingAs_.reset();
   reusedFrom_.reset();
   if (reuseKnown(connectHost, defaultService)) return;
   // Assigned, not made: the strings and the list keep their room from the
@@ -43,7 +43,8 @@ void ConnectionAcquirer::start(const std::shared_ptr<HttpConnectionPool>& pool, 
     onResolved(*known, true);
     return;
   }
-  resolver_->resolve(host_, service_, [self](const NameResolver::Result& result, bool found) {
+  resolver_->resolve(host_, service_, [self = owner_.acquirerReference()](const NameResolver::Result& result,
+                                                                        bool found) {
     if (auto acquirer = self.lock()) acquirer->onResolved(result, found);
   });
 }
@@ -98,8 +99,9 @@ void ConnectionAcquirer::request() {
     onConnection(connection);
     return;
   }
-  const std::weak_ptr<ConnectionAcquirer> self = self_;
-  pool_->waitForConnection(destination(), self_, [self](const std::shared_ptr<HttpConnection>& connection) {
+  waitingAs_ = owner_.acquirerReference();
+  const std::weak_ptr<ConnectionAcquirer> self = waitingAs_;
+  pool_->waitForConnection(destination(), waitingAs_, [self](const std::shared_ptr<HttpConnection>& connection) {
     if (auto acquirer = self.lock()) {
       acquirer->onConnection(connection);
     } else {
@@ -125,7 +127,7 @@ void ConnectionAcquirer::onConnection(const std::shared_ptr<HttpConnection>& con
     case HttpConnection::Unconnected: {
       QLOG(Log, log::Debug, "Got a not yet connected connection for %s, %s", connectHost_,
            destination().addressText());
-      const std::weak_ptr<ConnectionAcquirer> self = self_;
+      const std::weak_ptr<ConnectionAcquirer> self = owner_.acquirerReference();
       connection->connectAny(
           identity_,
           [self](int error) {
@@ -174,7 +176,7 @@ void ConnectionAcquirer::stop() {
 
 void ConnectionAcquirer::withdraw() {
   stop();
-  pool_->withdrawRequest(self_);
+  pool_->withdrawRequest(waitingAs_);
 }
 
 void ConnectionAcquirer::giveBack() {

@@ -17,7 +17,7 @@ namespace quorvel {
 // resolved addresses in turn. A connection stays here until it is connected.
 // It is a part of its request: it reports to it directly, and its own
 // callbacks reach it through a weak reference that the request gives it
-// (one that shares the request's life). The reports come on the reactor's
+// when asked (one that shares the request's life). The reports come on the reactor's
 // thread: inside start() when the host is known without a lookup and the
 // pool has a connection for it at once, never inside again(). Log:
 // "httpclient", with the request's identity.
@@ -30,6 +30,10 @@ class ConnectionAcquirer {
     virtual void onAcquireFailed(HttpClientError error) = 0;
     // A step that counts as network progress.
     virtual void onAcquireProgress() = 0;
+    // A reference to the acquirer that lives as long as the request's use,
+    // for the callbacks of the slower ways (a lookup, a wait, a connect):
+    // asked for only when one is taken.
+    virtual std::weak_ptr<ConnectionAcquirer> acquirerReference() = 0;
 
    protected:
     ~Owner() = default;
@@ -43,10 +47,9 @@ class ConnectionAcquirer {
 
   // Gets a connection from `pool`. `connectHost` is "host", "host:port" or
   // "[v6]:port"; without a port the service is `defaultService` (the
-  // scheme). `self` refers to this acquirer and lives as long as the
-  // request's use; whatever the last use left is gone.
+  // scheme). Whatever the last use left is gone.
   void start(const std::shared_ptr<HttpConnectionPool>& pool, const std::string& connectHost,
-             const std::string& defaultService, std::weak_ptr<ConnectionAcquirer> self);
+             const std::string& defaultService);
   // Another connection to the same destination, without a new lookup.
   void again();
   // Nothing is reported any more; a connection handed over later, or one
@@ -78,7 +81,8 @@ class ConnectionAcquirer {
   const HttpDestination& destination() const { return reusedFrom_ ? reusedFrom_->destination() : destination_; }
   std::shared_ptr<HttpConnection> connecting_;
   bool stopped_ = false;
-  std::weak_ptr<ConnectionAcquirer> self_;
+  // The reference the pool knows a waiting request by.
+  std::weak_ptr<ConnectionAcquirer> waitingAs_;
 };
 
 }  // namespace quorvel

@@ -106,12 +106,11 @@ void NetHttpClientRequest::shelve() {
 void NetHttpClientRequest::begin() {
   lastActivity_ = reactor_->steadyNow();
   progressed_ = false;
-  const std::shared_ptr<NetHttpClientRequest> self = shared_from_this();
-  watchdog_->add(self);
+  watchdog_->add(shared_from_this());
   // The parts' own callbacks hold references that share the request's life.
   receiver_.open(method_, receiverAnchor_.ref());
   beginning_ = true;
-  acquirer_.start(pool_, connectHost_, scheme_, std::shared_ptr<ConnectionAcquirer>(self, &acquirer_));
+  acquirer_.start(pool_, connectHost_, scheme_);
   beginning_ = false;
 }
 

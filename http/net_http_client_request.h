@@ -90,6 +90,9 @@ class NetHttpClientRequest : public WebClientRequest,
   void onAcquired(const std::shared_ptr<HttpConnection>& connection, bool reused) override;
   void onAcquireFailed(HttpClientError error) override;
   void onAcquireProgress() override { touch(); }
+  std::weak_ptr<ConnectionAcquirer> acquirerReference() override {
+    return std::shared_ptr<ConnectionAcquirer>(shared_from_this(), &acquirer_);
+  }
   // ResponseReceiver::Owner
   void receiveMore() override;
   void responseComplete() override { complete(); }
