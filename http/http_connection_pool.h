@@ -42,7 +42,7 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   // same connect host and default service (null when requests are waiting,
   // or the pool's log writes debug lines, which the full way gives). The
   // requester checks its address still resolves, then takes it.
-  const HttpConnection* freeFor(const std::string& connectHost, const std::string& defaultService) const;
+  const HttpConnection* freeFor(const std::string& connectHost, const std::string& defaultService);
   // Moves that connection to the used list, as satisfying a request would.
   std::shared_ptr<HttpConnection> take(const HttpConnection* connection);
   void waitForConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
@@ -96,6 +96,8 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   std::vector<Release> releases_;
   std::vector<Release> releasing_;
   bool releasesPosted_ = false;
+  // Where freeFor() last found a connection in free_.
+  std::size_t foundFree_ = 0;
   LifetimeAnchor<HttpConnectionPool> anchor_{this};
 };
 
