@@ -81,39 +81,18 @@ const char* findLineEnd(const char* begin, const char* end) {
 
 // ---- construction and copies
 
-MessageHeaders::MessageHeaders(const MessageHeaders& other)
-    : length_(other.length_),
-      capacity_(other.capacity_),
-      method_(other.method_),
-      target_(other.target_),
-      version_(other.version_),
-      reason_(other.reason_),
-      statusCode_(other.statusCode_),
-      fieldsStart_(other.fieldsStart_),
-      framingAt_(other.framingAt_),
-      framingKnown_(other.framingKnown_),
-      fieldsVerbatim_(other.fieldsVerbatim_) {
+MessageHeaders::MessageHeaders(const MessageHeaders& other) {
+  copyLayout(other);
   if (other.buffer_) {
     buffer_.reset(new char[capacity_]);
     std::memcpy(buffer_.get(), other.buffer_.get(), length_ + HttpLineEnd::Length);
   }
 }
 
-// Moves copy the members and empty the other head, without the three-way
-// swap: heads are moved several times on every exchange.
-MessageHeaders::MessageHeaders(MessageHeaders&& other) noexcept
-    : buffer_(std::move(other.buffer_)),
-      length_(other.length_),
-      capacity_(other.capacity_),
-      method_(other.method_),
-      target_(other.target_),
-      version_(other.version_),
-      reason_(other.reason_),
-      statusCode_(other.statusCode_),
-      fieldsStart_(other.fieldsStart_),
-      framingAt_(other.framingAt_),
-      framingKnown_(other.framingKnown_),
-      fieldsVerbatim_(other.fieldsVerbatim_) {
+// Moves take the block and the layout and empty the other head, without
+// the three-way swap: heads are moved several times on every exchange.
+MessageHeaders::MessageHeaders(MessageHeaders&& other) noexcept : buffer_(std::move(other.buffer_)) {
+  copyLayout(other);
   other.reset();
 }
 
@@ -125,20 +104,24 @@ MessageHeaders& MessageHeaders::operator=(const MessageHeaders& other) {
 MessageHeaders& MessageHeaders::operator=(MessageHeaders&& other) noexcept {
   if (this != &other) {
     buffer_ = std::move(other.buffer_);
-    length_ = other.length_;
-    capacity_ = other.capacity_;
-    method_ = other.method_;
-    target_ = other.target_;
-    version_ = other.version_;
-    reason_ = other.reason_;
-    statusCode_ = other.statusCode_;
-    fieldsStart_ = other.fieldsStart_;
-    framingAt_ = other.framingAt_;
-    framingKnown_ = other.framingKnown_;
-    fieldsVerbatim_ = other.fieldsVerbatim_;
+    copyLayout(other);
     other.reset();
   }
   return *this;
+}
+
+void MessageHeaders::copyLayout(const MessageHeaders& other) {
+  length_ = other.length_;
+  capacity_ = other.capacity_;
+  method_ = other.method_;
+  target_ = other.target_;
+  version_ = other.version_;
+  reason_ = other.reason_;
+  statusCode_ = other.statusCode_;
+  fieldsStart_ = other.fieldsStart_;
+  framingAt_ = other.framingAt_;
+  framingKnown_ = other.framingKnown_;
+  fieldsVerbatim_ = other.fieldsVerbatim_;
 }
 
 void MessageHeaders::reset() {

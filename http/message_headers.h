@@ -183,6 +183,8 @@ class MessageHeaders {
   void findFrom(const char* line, const StringSection* names, FieldIterator* found, std::size_t count) const;
   void reset();
   void clearViews();
+  // Everything but the block itself.
+  void copyLayout(const MessageHeaders& other);
   // Notes the field line at `line` (its name ends at `colon`) if it is the
   // first of a framing name.
   void noteFraming(const char* line, const char* colon);
