@@ -50,6 +50,21 @@ class SocketLoopFixture : public ::testing::Test {
     return result;
   }
 
+  // Writes to a peer that has gone, until a write fails (at most five):
+  // the first may still be taken by the kernel, and the reset it draws
+  // makes a later one fail. The error, or 0 if none failed.
+  int writeUntilRefused(AsyncSocket& socket) {
+    int error = 0;
+    for (int attempt = 0; attempt < 5 && error == 0; ++attempt) {
+      socket.send(chainOf(std::string(1000, 'x')), [&](int e, std::size_t) {
+        error = e;
+        stop();
+      });
+      run();
+    }
+    return error;
+  }
+
   BufferChainPtr chainOf(const std::string& text) {
     BufferChain chain = pool_.allocate(text.size());
     copyToChain(text.data(), text.data() + text.size(), chain.begin());
