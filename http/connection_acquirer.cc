@@ -56,16 +56,17 @@ void ConnectionAcquirer::start(const std::shared_ptr<HttpConnectionPool>& pool, 
 // Only while no debug lines are written, which the full way writes.
 bool ConnectionAcquirer::reuseKnown(const std::string& connectHost, const std::string& defaultService) {
   if (Log.isEnabled(log::Debug)) return false;
-  const HttpConnection* candidate = pool_->freeFor(connectHost, defaultService);
-  if (!candidate) return false;
-  const HttpDestination& destination = candidate->destination();
+  const std::shared_ptr<HttpConnection>* slot = pool_->freeFor(connectHost, defaultService);
+  if (!slot) return false;
+  const HttpConnection& candidate = **slot;
+  const HttpDestination& destination = candidate.destination();
   const NameResolver::Result* known = resolver_->knownAnswer(destination.host, destination.service);
-  if (!known || std::find(known->addresses.begin(), known->addresses.end(), candidate->remoteAddress()) ==
+  if (!known || std::find(known->addresses.begin(), known->addresses.end(), candidate.remoteAddress()) ==
                     known->addresses.end()) {
     return false;
   }
   connectHost_ = connectHost;
-  reusedFrom_ = pool_->take(candidate);
+  reusedFrom_ = pool_->take(slot);
   progress();
   onConnection(reusedFrom_);
   return true;

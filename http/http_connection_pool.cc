@@ -34,34 +34,22 @@ std::shared_ptr<HttpConnection> HttpConnectionPool::tryConnection(const HttpDest
   return nullptr;
 }
 
-const HttpConnection* HttpConnectionPool::freeFor(const std::string& connectHost,
-                                                 const std::string& defaultService) {
+const std::shared_ptr<HttpConnection>* HttpConnectionPool::freeFor(const std::string& connectHost,
+                                                                   const std::string& defaultService) const {
   if (!waiting_.empty() || Log.isEnabled(log::Debug)) return nullptr;
-  for (std::size_t i = free_.size(); i > 0; --i) {
-    const HttpConnection& connection = *free_[i - 1];
-    const HttpDestination& destination = connection.destination();
-    if (connection.isOpen() && destination.connectHost == connectHost &&
-        destination.defaultService == defaultService) {
-      foundFree_ = i - 1;
-      return &connection;
+  for (auto it = free_.rbegin(); it != free_.rend(); ++it) {
+    const HttpDestination& destination = (*it)->destination();
+    if ((*it)->isOpen() && destination.connectHost == connectHost && destination.defaultService == defaultService) {
+      return &*it;
     }
   }
   return nullptr;
 }
 
-std::shared_ptr<HttpConnection> HttpConnectionPool::take(const HttpConnection* connection) {
-  // Where freeFor() found it, unless the list has changed since.
-  std::size_t at = foundFree_;
-  if (at >= free_.size() || free_[at].get() != connection) {
-    at = static_cast<std::size_t>(std::find_if(free_.begin(), free_.end(),
-                                               [connection](const std::shared_ptr<HttpConnection>& c) {
-                                                 return c.get() == connection;
-                                               }) -
-                                  free_.begin());
-    if (at == free_.size()) return nullptr;
-  }
-  used_.push_back(std::move(free_[at]));
-  free_.erase(free_.begin() + static_cast<std::ptrdiff_t>(at));
+std::shared_ptr<HttpConnection> HttpConnectionPool::take(const std::shared_ptr<HttpConnection>* slot) {
+  const auto at = free_.begin() + (slot - free_.data());
+  used_.push_back(std::move(*at));
+  free_.erase(at);
   return used_.back();
 }
 

@@ -39,12 +39,14 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   std::shared_ptr<HttpConnection> tryConnection(const HttpDestination& destination);
   // A shortcut for a requester whose lookup would only repeat an earlier
   // one: the open free connection most recently made or released for the
-  // same connect host and default service (null when requests are waiting,
-  // or the pool's log writes debug lines, which the full way gives). The
-  // requester checks its address still resolves, then takes it.
-  const HttpConnection* freeFor(const std::string& connectHost, const std::string& defaultService);
+  // same connect host and default service, as its place in the free list
+  // (null when requests are waiting, or the pool's log writes debug lines,
+  // which the full way gives). The requester checks its address still
+  // resolves, then takes it, before the pool is used for anything else.
+  const std::shared_ptr<HttpConnection>* freeFor(const std::string& connectHost,
+                                                 const std::string& defaultService) const;
   // Moves that connection to the used list, as satisfying a request would.
-  std::shared_ptr<HttpConnection> take(const HttpConnection* connection);
+  std::shared_ptr<HttpConnection> take(const std::shared_ptr<HttpConnection>* slot);
   void waitForConnection(const HttpDestination& destination, const WeakLifetimeToken& owner,
                          const ConnectionCallback& callback);
   // A request of `owner` that still waits is forgotten.
@@ -96,8 +98,6 @@ class HttpConnectionPool : public std::enable_shared_from_this<HttpConnectionPoo
   std::vector<Release> releases_;
   std::vector<Release> releasing_;
   bool releasesPosted_ = false;
-  // Where freeFor() last found a connection in free_.
-  std::size_t foundFree_ = 0;
   LifetimeAnchor<HttpConnectionPool> anchor_{this};
 };
 
